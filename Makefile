@@ -1,0 +1,44 @@
+# Entry points for a fresh machine:
+#   make test   install dependencies, configure, build, run every test
+#   make run    install dependencies, build, start Hourloom
+BUILD ?= build
+ASAN_BUILD ?= build-asan
+GENERATOR := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
+CMAKE_ARGS ?=
+
+.PHONY: all deps configure build test run bench asan format clean
+
+all: build
+
+deps:
+	@scripts/install-deps.sh
+
+$(BUILD)/CMakeCache.txt:
+	cmake -S . -B $(BUILD) $(GENERATOR) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_ARGS)
+
+configure: deps $(BUILD)/CMakeCache.txt
+
+build: configure
+	cmake --build $(BUILD) --parallel
+
+test: build
+	scripts/run-tests.sh $(BUILD)
+
+run: build
+	$(BUILD)/src/app/hourloom
+
+bench: configure
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release
+	cmake --build $(BUILD) --parallel
+	scripts/run-benchmarks.sh $(BUILD)
+
+asan: deps
+	cmake -S . -B $(ASAN_BUILD) $(GENERATOR) -DCMAKE_BUILD_TYPE=Debug -DHOURLOOM_SANITIZE=ON -DHOURLOOM_BUILD_BENCHMARKS=OFF
+	cmake --build $(ASAN_BUILD) --parallel
+	ASAN_OPTIONS=detect_leaks=0 scripts/run-tests.sh $(ASAN_BUILD)
+
+format:
+	git ls-files '*.cpp' '*.h' | xargs clang-format -i
+
+clean:
+	rm -rf $(BUILD) $(ASAN_BUILD)

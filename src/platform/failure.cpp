@@ -1,0 +1,10 @@
+#include "platform/failure.h"
+
+#include <utility>
+
+NamedFailure::NamedFailure(QString name, QString reason)
+    : m_name(std::move(name))
+    , m_reason(std::move(reason))
+    , m_what(m_reason.toStdString())
+{
+}

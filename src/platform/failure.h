@@ -1,0 +1,33 @@
+#pragma once
+
+#include <QString>
+
+#include <exception>
+#include <string>
+
+// A failure the user is shown as it stands. The name says which kind ("JiraError", "ReceiptError",
+// "SubmissionLock", "Assignments", "AccountChanged", "Excluded", "Duplicate", "Changed"); the reason is the
+// one sentence the user reads. Service layers throw it; callers catch it at the queue boundary, so it never
+// crosses the event loop.
+class NamedFailure : public std::exception {
+public:
+    NamedFailure(QString name, QString reason);
+
+    const QString &name() const noexcept { return m_name; }
+    const QString &reason() const noexcept { return m_reason; }
+    const char *what() const noexcept override { return m_what.c_str(); }
+
+private:
+    QString m_name;
+    QString m_reason;
+    std::string m_what;
+};
+
+// The error value platform-facing operations return instead of throwing.
+struct PlatformError {
+    QString domain;
+    int code = 0;
+    QString description;
+
+    bool isError() const { return code != 0 || !description.isEmpty(); }
+};

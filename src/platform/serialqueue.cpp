@@ -1,0 +1,62 @@
+#include "platform/serialqueue.h"
+
+#include <QMetaObject>
+#include <QSemaphore>
+#include <QThread>
+
+#include <exception>
+
+SerialQueue::SerialQueue(const QString &label)
+    : m_label(label)
+    , m_thread(new QThread)
+    , m_worker(new QObject)
+{
+    m_thread->setObjectName(label);
+    m_worker->moveToThread(m_thread);
+    m_thread->start();
+}
+
+SerialQueue::~SerialQueue()
+{
+    // Work already queued still runs; the worker object is deleted on its own thread before it stops.
+    QMetaObject::invokeMethod(m_worker, [worker = m_worker] { delete worker; }, Qt::QueuedConnection);
+    m_thread->quit();
+    m_thread->wait();
+    delete m_thread;
+}
+
+void SerialQueue::async(std::function<void()> work)
+{
+    QMetaObject::invokeMethod(m_worker, [work = std::move(work)] { work(); }, Qt::QueuedConnection);
+}
+
+void SerialQueue::sync(const std::function<void()> &work)
+{
+    Q_ASSERT(!isCurrent());
+    QSemaphore done;
+    std::exception_ptr failure;
+    QMetaObject::invokeMethod(
+        m_worker,
+        [&] {
+            try {
+                work();
+            } catch (...) {
+                failure = std::current_exception();
+            }
+            done.release();
+        },
+        Qt::QueuedConnection);
+    done.acquire();
+    if (failure)
+        std::rethrow_exception(failure);
+}
+
+bool SerialQueue::isCurrent() const
+{
+    return QThread::currentThread() == m_thread;
+}
+
+void SerialQueue::drain()
+{
+    sync([] {});
+}
