@@ -73,3 +73,20 @@ TEST(TestHarness, ScopedTimeZoneSwitchesLocalTime)
         EXPECT_EQ(instant.toLocalTime().offsetFromUtc(), 2 * 3600); // clocks went forward at 01:00 UTC
     }
 }
+
+#include "platform/endpoints.h"
+
+TEST(Endpoints, DefaultsAreTheRealServicesAndTestHooksOverrideThem)
+{
+    EXPECT_EQ(endpoints::gatewayOrigin(), QStringLiteral("https://api.atlassian.com"));
+    EXPECT_EQ(endpoints::authorizationHost(), QStringLiteral("auth.atlassian.com"));
+    EXPECT_EQ(endpoints::rateServiceBase(), QStringLiteral("https://api.frankfurter.dev"));
+    EXPECT_TRUE(endpoints::extraCAFile().isEmpty());
+#ifdef HOURLOOM_TEST_HOOKS
+    qputenv("HOURLOOM_TEST_GATEWAY", "https://127.0.0.1:9999/");
+    EXPECT_EQ(endpoints::gatewayOrigin(), QStringLiteral("https://127.0.0.1:9999"));
+    qputenv("HOURLOOM_TEST_GATEWAY", "");
+    EXPECT_EQ(endpoints::gatewayOrigin(), QStringLiteral("https://api.atlassian.com"));
+    qunsetenv("HOURLOOM_TEST_GATEWAY");
+#endif
+}
