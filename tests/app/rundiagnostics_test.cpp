@@ -7,6 +7,10 @@
 
 #include <gtest/gtest.h>
 
+#include <sqlite3.h>
+
+#include <random>
+
 namespace
 {
 
@@ -39,7 +43,97 @@ Outcome runHourloom(const QStringList &arguments, const QString &home)
     return run;
 }
 
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QString trackerFolder(const QString &home)
+{
+    return home + QStringLiteral("/.local/share/Stintwatch");
+}
+
+// A tracker database the way the tracker keeps it: WAL mode, with its connection still open, recent commits
+// not yet checkpointed into the main file, and a write transaction in progress.
+class LiveTracker
+{
+public:
+    explicit LiveTracker(const QString &home)
+    {
+        QDir().mkpath(trackerFolder(home));
+        const QByteArray path = QFile::encodeName(trackerFolder(home) + QStringLiteral("/Stintwatch.db"));
+        EXPECT_EQ(sqlite3_open(path.constData(), &m_db), SQLITE_OK);
+        exec("PRAGMA journal_mode=WAL; PRAGMA wal_autocheckpoint=0;");
+        exec(readFile(testenv::dataPath(QStringLiteral("tracker-accounts.sql"))).constData());
+        exec("INSERT INTO \"67890_activity\" VALUES(2, 8, 77, 1774030000000, 1774030060000, 'in the WAL', 60, 1, 1);");
+        exec("BEGIN IMMEDIATE; INSERT INTO \"67890_activity\" VALUES(3, 9, 77, 1, 2, 'uncommitted', 1, 1, 1);");
+    }
+    ~LiveTracker() { sqlite3_close(m_db); }
+
+    void exec(const char *sql)
+    {
+        char *message = nullptr;
+        EXPECT_EQ(sqlite3_exec(m_db, sql, nullptr, nullptr, &message), SQLITE_OK) << (message ? message : "");
+        sqlite3_free(message);
+    }
+
+private:
+    sqlite3 *m_db = nullptr;
+};
+
 } // namespace
+
+TEST(Probe, CountsEveryCommittedActivityWithoutTouchingTheDatabase)
+{
+    const QString home = testenv::freshDir(QStringLiteral("home"));
+    LiveTracker tracker(home);
+    const QString database = trackerFolder(home) + QStringLiteral("/Stintwatch.db");
+    const QByteArray mainBefore = readFile(database);
+    const QByteArray walBefore = readFile(database + QStringLiteral("-wal"));
+    ASSERT_FALSE(walBefore.isEmpty());
+
+    // Four rows in the fixture's account tables, one more committed to the WAL; the open transaction's row
+    // is not there yet.
+    const Outcome run = runHourloom({QStringLiteral("--probe"), QStringLiteral("ignored")}, home);
+    EXPECT_EQ(run.exitCode, 0);
+    EXPECT_EQ(run.out, QStringLiteral("Read-only probe: 5 activities across all projects. No credentials read.\n"));
+    EXPECT_EQ(run.err, QString());
+    EXPECT_EQ(readFile(database), mainBefore);
+    EXPECT_EQ(readFile(database + QStringLiteral("-wal")), walBefore);
+    EXPECT_FALSE(QFileInfo::exists(home + QStringLiteral("/.local/share/Hourloom")));
+}
+
+TEST(Probe, ReportsAMissingDatabaseWithoutCreatingIt)
+{
+    const QString home = testenv::freshDir(QStringLiteral("home"));
+    QDir().mkpath(trackerFolder(home));
+    const Outcome run = runHourloom({QStringLiteral("--probe")}, home);
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_EQ(run.out, QString());
+    EXPECT_EQ(run.err, QStringLiteral("Probe failed: unable to open database file\n"));
+    EXPECT_TRUE(QDir(trackerFolder(home)).isEmpty());
+}
+
+TEST(Probe, ReportsACorruptDatabase)
+{
+    const QString home = testenv::freshDir(QStringLiteral("home"));
+    QDir().mkpath(trackerFolder(home));
+    std::mt19937 random(20260329);
+    QByteArray noise(16384, Qt::Uninitialized);
+    for (char &byte : noise)
+        byte = char(random() & 0xff);
+    QFile file(trackerFolder(home) + QStringLiteral("/Stintwatch.db"));
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(noise);
+    file.close();
+
+    const Outcome run = runHourloom({QStringLiteral("--probe")}, home);
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_EQ(run.out, QString());
+    EXPECT_EQ(run.err, QStringLiteral("Probe failed: file is not a database\n"));
+    EXPECT_EQ(readFile(file.fileName()), noise);
+}
 
 TEST(RunDiagnostics, OnlyTheFourExactWordsAreCommands)
 {
