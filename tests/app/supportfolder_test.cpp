@@ -55,12 +55,6 @@ protected:
 
 } // namespace
 
-TEST_F(SupportFolderTest, LivesInTheDataLocation)
-{
-    EXPECT_EQ(SupportFolder::path(), support());
-    EXPECT_EQ(SupportFolder::formerPath(), former());
-}
-
 TEST_F(SupportFolderTest, MovesTheFormerFolderInOneRenameWhenItIsAlone)
 {
     writeFile(former() + QStringLiteral("/history.db"), "history");
