@@ -11,6 +11,7 @@
 #include <QMutex>
 #include <QMutexLocker>
 #include <QSettings>
+#include <QStringDecoder>
 #include <QSysInfo>
 
 #include <cerrno>
@@ -113,6 +114,13 @@ bool writeAll(int fd, const char *data, size_t size)
         size -= size_t(written);
     }
     return true;
+}
+
+bool isUtf8(const QByteArray &bytes)
+{
+    QStringDecoder decoder(QStringConverter::Utf8);
+    const QString text = decoder.decode(bytes);
+    return !decoder.hasError();
 }
 
 double systemNow()
@@ -262,6 +270,10 @@ QString DiagnosticLog::report()
         // The file may have grown since its size was taken; the guard holds for what is actually read.
         const QByteArray contents = file.read(kRotateBytes + 1);
         if (contents.size() > kRotateBytes)
+            continue;
+        // The file is read as UTF-8 as a whole: one that is not valid UTF-8 was not written by this log and
+        // contributes nothing, not even its readable lines.
+        if (!isUtf8(contents))
             continue;
         const QList<QByteArray> lines = contents.split('\n');
         for (const QByteArray &line : lines) {
