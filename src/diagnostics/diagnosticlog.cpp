@@ -254,10 +254,17 @@ QString DiagnosticLog::report()
 #else
     const QString build;
 #endif
+#ifdef Q_OS_MACOS
+    const QString system = QStringLiteral("macOS");
+    const QString systemVersion = QSysInfo::productVersion();
+#else
+    // Without one name for the system, the line names the distribution and the kernel it runs on.
+    const QString system = QSysInfo::prettyProductName();
+    const QString systemVersion = QSysInfo::kernelType() + QLatin1Char(' ') + QSysInfo::kernelVersion();
+#endif
     QString text = QStringLiteral("Hourloom diagnostics\nVersion: %1 (%2)\n%3: %4\n\n")
                        .arg(version.isEmpty() ? QStringLiteral("development") : version,
-                           build.isEmpty() ? QStringLiteral("unknown") : build, QSysInfo::prettyProductName(),
-                           QSysInfo::kernelType() + QLatin1Char(' ') + QSysInfo::kernelVersion());
+                           build.isEmpty() ? QStringLiteral("unknown") : build, system, systemVersion);
     text += QStringLiteral("Saving diagnostic logs: %1\n\n")
                 .arg(enabled() ? QStringLiteral("enabled") : QStringLiteral("disabled"));
 
