@@ -174,6 +174,7 @@ TEST_F(DiagnosticLogTest, DisabledWritesNothingButStillReports)
     ASSERT_EQ(linesOf(log.path(0)).size(), 1);
 
     DiagnosticLog::setEnabled(false);
+    EXPECT_EQ(QSettings().value(QStringLiteral("SaveDiagnosticLogs")), QVariant(false));
     EXPECT_FALSE(DiagnosticLog::enabled());
     log.record(QStringLiteral("tracking_recovered"));
     EXPECT_EQ(linesOf(log.path(0)).size(), 1);
