@@ -52,10 +52,12 @@ QMutex &logLock()
     return mutex;
 }
 
-// Booleans are not numbers here: only genuine numeric values can enter a record.
+// Numbers and booleans: a finished Jira check records "failed" as true or false, and dropping it would hide
+// every failure. Texts, lists and maps never enter a record.
 bool isNumber(const QVariant &value)
 {
     switch (value.typeId()) {
+    case QMetaType::Bool:
     case QMetaType::Int:
     case QMetaType::UInt:
     case QMetaType::Long:

@@ -94,8 +94,8 @@ TEST(DiagnosticFilter, KeepsOnlyKnownEventsAndFiniteNumbersUnderKnownKeys)
         {QStringLiteral("error_code"), 12.5},
     };
     EXPECT_EQ(DiagnosticLog::safeEvent(QStringLiteral("jira_post_completed"), odd),
-        (QVariantMap {
-            {QStringLiteral("event"), QStringLiteral("jira_post_completed")}, {QStringLiteral("error_code"), 12.5}}));
+        (QVariantMap {{QStringLiteral("event"), QStringLiteral("jira_post_completed")},
+            {QStringLiteral("failed"), true}, {QStringLiteral("error_code"), 12.5}}));
 }
 
 TEST(DiagnosticFolder, FollowsTheOverrideUnlessEmptyElseTheStateFolder)
@@ -119,7 +119,7 @@ TEST_F(DiagnosticLogTest, RecordsFilteredLinesInPrivateFilesAndFolders)
     EXPECT_EQ(log.path(2), folder + QStringLiteral("/diagnostics-2.jsonl"));
     log.setClock([] { return 1774000000.25; });
     log.record(QStringLiteral("jira_compare_completed"),
-        {{QStringLiteral("count"), 4}, {QStringLiteral("failed"), 1},
+        {{QStringLiteral("count"), 4}, {QStringLiteral("failed"), true},
             {QStringLiteral("description"), QStringLiteral("secret task")}});
     log.record(QStringLiteral("not_an_event"), {{QStringLiteral("count"), 1}});
 
@@ -128,7 +128,7 @@ TEST_F(DiagnosticLogTest, RecordsFilteredLinesInPrivateFilesAndFolders)
     const QJsonObject object = QJsonDocument::fromJson(lines.first()).object();
     EXPECT_EQ(object.value(QStringLiteral("event")).toString(), QStringLiteral("jira_compare_completed"));
     EXPECT_EQ(object.value(QStringLiteral("count")).toInt(), 4);
-    EXPECT_EQ(object.value(QStringLiteral("failed")).toInt(), 1);
+    EXPECT_EQ(object.value(QStringLiteral("failed")), QJsonValue(true));
     EXPECT_DOUBLE_EQ(object.value(QStringLiteral("time")).toDouble(), 1774000000.25);
     EXPECT_EQ(object.size(), 4);
     EXPECT_FALSE(lines.first().contains("secret"));
@@ -202,7 +202,9 @@ TEST_F(DiagnosticLogTest, ReportRefiltersHandEditedFilesOldestFirst)
     // File 1 is not valid UTF-8: its well-formed line is left out with the rest of the file.
     writeFile(
         log.path(1), QByteArray("{\"event\":\"jira_post_completed\",\"time\":200,\"count\":3}\n") + '\xff' + "\n");
-    writeFile(log.path(0), "{\"event\":\"tracking_recovered\",\"time\":300}");
+    writeFile(log.path(0),
+        "{\"event\":\"jira_compare_completed\",\"time\":250,\"count\":0,\"failed\":true}\n"
+        "{\"event\":\"tracking_recovered\",\"time\":300}");
 
     const QString report = log.report();
     const QString header = report.section(QStringLiteral("\n\n"), 0, 0);
@@ -214,6 +216,7 @@ TEST_F(DiagnosticLogTest, ReportRefiltersHandEditedFilesOldestFirst)
     EXPECT_EQ(body,
         QStringLiteral("{\"count\":2,\"event\":\"app_started\",\"time\":100.5}\n"
                        "{\"event\":\"network_failed\",\"failed\":-1}\n"
+                       "{\"count\":0,\"event\":\"jira_compare_completed\",\"failed\":true,\"time\":250}\n"
                        "{\"event\":\"tracking_recovered\",\"time\":300}\n"));
 }
 
