@@ -11,6 +11,7 @@
 #include <QMutex>
 #include <QMutexLocker>
 #include <QSettings>
+#include <QStringDecoder>
 #include <QSysInfo>
 
 #include <cerrno>
@@ -51,10 +52,12 @@ QMutex &logLock()
     return mutex;
 }
 
-// Booleans are not numbers here: only genuine numeric values can enter a record.
+// Numbers and booleans: a finished Jira check records "failed" as true or false, and dropping it would hide
+// every failure. Texts, lists and maps never enter a record.
 bool isNumber(const QVariant &value)
 {
     switch (value.typeId()) {
+    case QMetaType::Bool:
     case QMetaType::Int:
     case QMetaType::UInt:
     case QMetaType::Long:
@@ -113,6 +116,13 @@ bool writeAll(int fd, const char *data, size_t size)
         size -= size_t(written);
     }
     return true;
+}
+
+bool isUtf8(const QByteArray &bytes)
+{
+    QStringDecoder decoder(QStringConverter::Utf8);
+    const QString text = decoder.decode(bytes);
+    return !decoder.hasError();
 }
 
 double systemNow()
@@ -246,10 +256,17 @@ QString DiagnosticLog::report()
 #else
     const QString build;
 #endif
+#ifdef Q_OS_MACOS
+    const QString system = QStringLiteral("macOS");
+    const QString systemVersion = QSysInfo::productVersion();
+#else
+    // Without one name for the system, the line names the distribution and the kernel it runs on.
+    const QString system = QSysInfo::prettyProductName();
+    const QString systemVersion = QSysInfo::kernelType() + QLatin1Char(' ') + QSysInfo::kernelVersion();
+#endif
     QString text = QStringLiteral("Hourloom diagnostics\nVersion: %1 (%2)\n%3: %4\n\n")
                        .arg(version.isEmpty() ? QStringLiteral("development") : version,
-                           build.isEmpty() ? QStringLiteral("unknown") : build, QSysInfo::prettyProductName(),
-                           QSysInfo::kernelType() + QLatin1Char(' ') + QSysInfo::kernelVersion());
+                           build.isEmpty() ? QStringLiteral("unknown") : build, system, systemVersion);
     text += QStringLiteral("Saving diagnostic logs: %1\n\n")
                 .arg(enabled() ? QStringLiteral("enabled") : QStringLiteral("disabled"));
 
@@ -262,6 +279,10 @@ QString DiagnosticLog::report()
         // The file may have grown since its size was taken; the guard holds for what is actually read.
         const QByteArray contents = file.read(kRotateBytes + 1);
         if (contents.size() > kRotateBytes)
+            continue;
+        // The file is read as UTF-8 as a whole: one that is not valid UTF-8 was not written by this log and
+        // contributes nothing, not even its readable lines.
+        if (!isUtf8(contents))
             continue;
         const QList<QByteArray> lines = contents.split('\n');
         for (const QByteArray &line : lines) {

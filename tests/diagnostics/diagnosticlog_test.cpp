@@ -94,8 +94,8 @@ TEST(DiagnosticFilter, KeepsOnlyKnownEventsAndFiniteNumbersUnderKnownKeys)
         {QStringLiteral("error_code"), 12.5},
     };
     EXPECT_EQ(DiagnosticLog::safeEvent(QStringLiteral("jira_post_completed"), odd),
-        (QVariantMap {
-            {QStringLiteral("event"), QStringLiteral("jira_post_completed")}, {QStringLiteral("error_code"), 12.5}}));
+        (QVariantMap {{QStringLiteral("event"), QStringLiteral("jira_post_completed")},
+            {QStringLiteral("failed"), true}, {QStringLiteral("error_code"), 12.5}}));
 }
 
 TEST(DiagnosticFolder, FollowsTheOverrideUnlessEmptyElseTheStateFolder)
@@ -119,7 +119,7 @@ TEST_F(DiagnosticLogTest, RecordsFilteredLinesInPrivateFilesAndFolders)
     EXPECT_EQ(log.path(2), folder + QStringLiteral("/diagnostics-2.jsonl"));
     log.setClock([] { return 1774000000.25; });
     log.record(QStringLiteral("jira_compare_completed"),
-        {{QStringLiteral("count"), 4}, {QStringLiteral("failed"), 1},
+        {{QStringLiteral("count"), 4}, {QStringLiteral("failed"), true},
             {QStringLiteral("description"), QStringLiteral("secret task")}});
     log.record(QStringLiteral("not_an_event"), {{QStringLiteral("count"), 1}});
 
@@ -128,7 +128,7 @@ TEST_F(DiagnosticLogTest, RecordsFilteredLinesInPrivateFilesAndFolders)
     const QJsonObject object = QJsonDocument::fromJson(lines.first()).object();
     EXPECT_EQ(object.value(QStringLiteral("event")).toString(), QStringLiteral("jira_compare_completed"));
     EXPECT_EQ(object.value(QStringLiteral("count")).toInt(), 4);
-    EXPECT_EQ(object.value(QStringLiteral("failed")).toInt(), 1);
+    EXPECT_EQ(object.value(QStringLiteral("failed")), QJsonValue(true));
     EXPECT_DOUBLE_EQ(object.value(QStringLiteral("time")).toDouble(), 1774000000.25);
     EXPECT_EQ(object.size(), 4);
     EXPECT_FALSE(lines.first().contains("secret"));
@@ -174,6 +174,7 @@ TEST_F(DiagnosticLogTest, DisabledWritesNothingButStillReports)
     ASSERT_EQ(linesOf(log.path(0)).size(), 1);
 
     DiagnosticLog::setEnabled(false);
+    EXPECT_EQ(QSettings().value(QStringLiteral("SaveDiagnosticLogs")), QVariant(false));
     EXPECT_FALSE(DiagnosticLog::enabled());
     log.record(QStringLiteral("tracking_recovered"));
     EXPECT_EQ(linesOf(log.path(0)).size(), 1);
@@ -198,9 +199,12 @@ TEST_F(DiagnosticLogTest, ReportRefiltersHandEditedFilesOldestFirst)
         "{\"event\":[\"app_started\"],\"time\":1}\n"
         "not json at all\n"
         "[1,2,3]\n");
+    // File 1 is not valid UTF-8: its well-formed line is left out with the rest of the file.
     writeFile(
         log.path(1), QByteArray("{\"event\":\"jira_post_completed\",\"time\":200,\"count\":3}\n") + '\xff' + "\n");
-    writeFile(log.path(0), "{\"event\":\"tracking_recovered\",\"time\":300}");
+    writeFile(log.path(0),
+        "{\"event\":\"jira_compare_completed\",\"time\":250,\"count\":0,\"failed\":true}\n"
+        "{\"event\":\"tracking_recovered\",\"time\":300}");
 
     const QString report = log.report();
     const QString header = report.section(QStringLiteral("\n\n"), 0, 0);
@@ -212,7 +216,7 @@ TEST_F(DiagnosticLogTest, ReportRefiltersHandEditedFilesOldestFirst)
     EXPECT_EQ(body,
         QStringLiteral("{\"count\":2,\"event\":\"app_started\",\"time\":100.5}\n"
                        "{\"event\":\"network_failed\",\"failed\":-1}\n"
-                       "{\"count\":3,\"event\":\"jira_post_completed\",\"time\":200}\n"
+                       "{\"count\":0,\"event\":\"jira_compare_completed\",\"failed\":true,\"time\":250}\n"
                        "{\"event\":\"tracking_recovered\",\"time\":300}\n"));
 }
 

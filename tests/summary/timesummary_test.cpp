@@ -126,17 +126,19 @@ TEST_F(TimeSummaryTest, ReadsAbsentAndOutOfRangeSettingsAsTheDefaults)
     settings.setValue(QStringLiteral("SummaryMonthly"), true);
     TimeSummary::setConfiguredPeriod(0);
     EXPECT_EQ(TimeSummary::configuredPeriod(), 0);
+    EXPECT_EQ(settings.value(QStringLiteral("SummaryPeriod")), QVariant(0));
     EXPECT_FALSE(settings.contains(QStringLiteral("SummaryMonthly")));
-    TimeSummary::setConfiguredPeriod(3);
+    // Values as the settings file holds them, whoever wrote them.
+    settings.setValue(QStringLiteral("SummaryPeriod"), 3);
     EXPECT_EQ(TimeSummary::configuredPeriod(), 1);
-    TimeSummary::setConfiguredPeriod(2);
+    settings.setValue(QStringLiteral("SummaryPeriod"), 2);
     EXPECT_EQ(TimeSummary::configuredPeriod(), 2);
 
     TimeSummary::setConfiguredWeekStart(3);
-    EXPECT_EQ(TimeSummary::configuredWeekStart(), 3);
-    TimeSummary::setConfiguredWeekStart(0);
+    EXPECT_EQ(settings.value(QStringLiteral("WeekStart")), QVariant(3));
+    settings.setValue(QStringLiteral("WeekStart"), 0);
     EXPECT_EQ(TimeSummary::configuredWeekStart(), 0);
-    TimeSummary::setConfiguredWeekStart(4);
+    settings.setValue(QStringLiteral("WeekStart"), 4);
     EXPECT_EQ(TimeSummary::configuredWeekStart(), 1);
 }
 
