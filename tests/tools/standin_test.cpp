@@ -1,6 +1,7 @@
 // The stand-in is what the client's tests trust to behave like Jira, the sign-in service and the rate service,
 // so it is tested here over real TLS with libcurl, the same HTTP stack the program uses.
 
+#include "standin/schemacheck.h"
 #include "standin/server.h"
 
 #include <QCryptographicHash>
@@ -313,6 +314,25 @@ TEST_F(StandinTest, AcceptsTimeSpentTextAndTheSixtySecondMinimum)
         QStringLiteral("?adjustEstimate=sometimes"));
     EXPECT_EQ(badMode.status, 400);
     EXPECT_EQ(post(api(QStringLiteral("/issue/NOPE-1/worklog")), R"({"started":"x"})", m_token).status, 404);
+
+    // The per-issue cap answers 413 and stores nothing.
+    m_server.setWorklogLimit(2);
+    const Reply full = postWorklog({{QStringLiteral("started"), QStringLiteral("2026-03-02T09:00:00.000+0000")},
+        {QStringLiteral("timeSpentSeconds"), 600}});
+    EXPECT_EQ(full.status, 413);
+    EXPECT_EQ(m_server.worklogCount(QStringLiteral("ED-1")), 2);
+}
+
+TEST_F(StandinTest, MovedIssueAnswersUnderItsCurrentKey)
+{
+    m_server.addWorklog({QStringLiteral("ED-1"), kAccount, at("2026-03-02T09:00:00.000Z"), 600, {}, {}, {}, {}});
+    ASSERT_TRUE(m_server.moveIssue(QStringLiteral("ED-1"), QStringLiteral("NEW-5")));
+    const QJsonObject issue = get(api(QStringLiteral("/issue/ed-1?fields=summary")), m_token).object();
+    EXPECT_EQ(issue[QStringLiteral("key")].toString(), QStringLiteral("NEW-5"));
+    EXPECT_EQ(issue[QStringLiteral("fields")][QStringLiteral("summary")].toString(), QStringLiteral("Review"));
+    EXPECT_FALSE(issue[QStringLiteral("fields")].toObject().contains(QStringLiteral("timetracking")));
+    EXPECT_EQ(get(api(QStringLiteral("/issue/ED-1/worklog")), m_token).object()[QStringLiteral("total")].toInt(), 1);
+    EXPECT_EQ(m_server.worklogCount(QStringLiteral("NEW-5")), 1);
 }
 
 TEST_F(StandinTest, RefusesMissingExpiredForeignAndUnderScopedTokens)
@@ -588,6 +608,25 @@ TEST_F(StandinTest, AdminEndpointDrivesTheServerFromOutside)
     ASSERT_EQ(requests.size(), 2); // admin calls are not recorded
     EXPECT_EQ(requests[0][QStringLiteral("path")].toString(),
         QStringLiteral("/ex/jira/") + kCloud + QStringLiteral("/rest/api/3/issue/ops-2/worklog"));
+}
+
+TEST_F(StandinTest, ChecksCapturedWorklogBodiesAgainstThePublishedSchema)
+{
+    postWorklog({{QStringLiteral("started"), QStringLiteral("2026-03-02T09:00:00.000+0100")},
+        {QStringLiteral("timeSpentSeconds"), 600},
+        {QStringLiteral("properties"),
+            QJsonArray {QJsonObject {{QStringLiteral("key"), QStringLiteral("hourloom")},
+                {QStringLiteral("value"), QJsonObject {{QStringLiteral("marker"), QStringLiteral("abc")}}}}}}});
+    const QList<QByteArray> sent = standin::worklogRequestBodies(m_server);
+    ASSERT_EQ(sent.size(), 1);
+    EXPECT_EQ(standin::checkWorklogRequestBodies(sent), QString());
+
+    // Fields the client must not send: a read-only id and a property with an extra member.
+    const QString report = standin::checkWorklogRequestBodies(
+        {R"({"started":"2026-03-02T09:00:00.000+0100","timeSpentSeconds":600,"id":"1"})",
+            R"({"started":"2026-03-02T09:00:00.000+0100","timeSpentSeconds":600,"properties":[{"key":"k","value":1,"x":2}]})"});
+    EXPECT_TRUE(report.contains(QStringLiteral("read-only field 'id'"))) << qPrintable(report);
+    EXPECT_TRUE(report.contains(QStringLiteral("'x' was unexpected"))) << qPrintable(report);
 }
 
 } // namespace

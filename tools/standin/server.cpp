@@ -307,6 +307,7 @@ struct Server::State {
     QStringList userOrder;
     QList<Site> sites;
     QMap<QString, Issue> issues; // by upper-case key
+    QHash<QString, QString> movedKeys; // old key -> new key
     QList<StoredWorklog> worklogs;
     qint64 nextWorklogId = 20001;
     qint64 nextIssueId = 10001;
@@ -353,6 +354,7 @@ struct Server::State {
         const QString &key);
     void rate(const httplib::Request &req, httplib::Response &res, const QString &base, const QString &quote);
 
+    QString currentKey(const QString &key) const; // follows moves
     Issue *findIssue(const QString &key, const QString &cloudId);
     const Site *findSite(const QString &cloudId) const;
     QJsonObject userJson(const QString &accountId, const Site &site, bool details) const;
@@ -534,6 +536,24 @@ void Server::addIssue(const Issue &issue)
     d->issues.insert(stored.key, stored);
 }
 
+bool Server::moveIssue(const QString &oldKey, const QString &newKey)
+{
+    std::lock_guard lock(d->mutex);
+    const QString from = oldKey.toUpper();
+    const QString to = newKey.toUpper();
+    if (!d->issues.contains(from) || d->issues.contains(to))
+        return false;
+    Issue issue = d->issues.take(from);
+    issue.key = to;
+    d->issues.insert(to, issue);
+    d->movedKeys.insert(from, to);
+    for (StoredWorklog &stored : d->worklogs) {
+        if (stored.worklog.issueKey == from)
+            stored.worklog.issueKey = to;
+    }
+    return true;
+}
+
 QString Server::addWorklog(const Worklog &worklog)
 {
     std::lock_guard lock(d->mutex);
@@ -563,7 +583,7 @@ void Server::seedDemo(const QString &timeZone)
 QJsonArray Server::worklogs(const QString &issueKey, const QString &viewerAccountId) const
 {
     std::lock_guard lock(d->mutex);
-    const QString key = issueKey.toUpper();
+    const QString key = d->currentKey(issueKey);
     const auto issue = d->issues.constFind(key);
     if (issue == d->issues.constEnd())
         return {};
@@ -583,7 +603,7 @@ QJsonArray Server::worklogs(const QString &issueKey, const QString &viewerAccoun
 int Server::worklogCount(const QString &issueKey) const
 {
     std::lock_guard lock(d->mutex);
-    const QString key = issueKey.toUpper();
+    const QString key = d->currentKey(issueKey);
     return int(std::count_if(d->worklogs.cbegin(), d->worklogs.cend(),
         [&](const StoredWorklog &stored) { return stored.worklog.issueKey == key; }));
 }
@@ -987,9 +1007,17 @@ const Site *Server::State::findSite(const QString &cloudId) const
     return cloudId.isEmpty() && !sites.isEmpty() ? &sites.first() : nullptr;
 }
 
+QString Server::State::currentKey(const QString &key) const
+{
+    QString current = key.toUpper();
+    for (int hops = 0; movedKeys.contains(current) && hops < 16; ++hops)
+        current = movedKeys.value(current);
+    return current;
+}
+
 Issue *Server::State::findIssue(const QString &key, const QString &cloudId)
 {
-    auto it = issues.find(key.toUpper());
+    auto it = issues.find(currentKey(key));
     if (it == issues.end())
         return nullptr;
     if (!it->cloudId.isEmpty() && it->cloudId != cloudId)
@@ -1169,7 +1197,7 @@ QString Server::State::storeWorklog(const Worklog &worklog)
 {
     StoredWorklog stored;
     stored.worklog = worklog;
-    stored.worklog.issueKey = worklog.issueKey.toUpper();
+    stored.worklog.issueKey = currentKey(worklog.issueKey);
     if (stored.worklog.id.isEmpty())
         stored.worklog.id = QString::number(nextWorklogId++);
     if (!stored.worklog.created.isValid())

@@ -139,6 +139,9 @@ public:
     void addSite(const Site &site);
     void addIssue(const Issue &issue); // replaces an issue with the same key
     QString addWorklog(const Worklog &worklog); // returns the id
+    // The issue now answers under `newKey`; the old key still finds it and answers with the new one, as a moved
+    // Jira issue does. Its worklogs move with it.
+    bool moveIssue(const QString &oldKey, const QString &newKey);
     // One user (in `timeZone` when given), one site and a few issues: the demo and the executable's --seed-demo.
     void seedDemo(const QString &timeZone = {});
     // Every worklog of an issue as the gateway would answer it to `viewerAccountId` (empty: the author's own
