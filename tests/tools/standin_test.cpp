@@ -538,6 +538,32 @@ TEST_F(StandinTest, SlowAnswerBlocksNeitherOtherRequestsNorStop)
     EXPECT_EQ(slow.status, 0);
 }
 
+TEST_F(StandinTest, TrickleKeepsTheTransferAliveUntilTheWholeTimeLimit)
+{
+    m_server.addFault(standin::Fault::trickle(QStringLiteral("GET"), QStringLiteral("/myself$"), 100));
+    QElapsedTimer timer;
+    timer.start();
+    // An idle limit shorter than the whole time limit: the trickle never trips it.
+    CURL *curl = curl_easy_init();
+    const QByteArray url = api(QStringLiteral("/myself")).toUtf8();
+    const QByteArray ca = m_server.caFile().toUtf8();
+    QByteArray body;
+    curl_easy_setopt(curl, CURLOPT_URL, url.constData());
+    curl_easy_setopt(curl, CURLOPT_CAINFO, ca.constData());
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, 1L);
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, 1500L);
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collectBody);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &body);
+    const CURLcode code = curl_easy_perform(curl);
+    curl_easy_cleanup(curl);
+    EXPECT_EQ(code, CURLE_OPERATION_TIMEDOUT);
+    EXPECT_GE(timer.elapsed(), 1400);
+    EXPECT_GE(body.size(), 5);
+    EXPECT_EQ(body.trimmed(), QByteArray());
+}
+
 TEST_F(StandinTest, RecordsWhatItReceived)
 {
     m_server.clearRequests();

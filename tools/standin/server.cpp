@@ -279,6 +279,14 @@ Fault Fault::drop(const QString &method, const QString &pathPattern, int times)
     return fault;
 }
 
+Fault Fault::trickle(const QString &method, const QString &pathPattern, int intervalMs, int times)
+{
+    Fault fault = slow(method, pathPattern, intervalMs, times);
+    fault.kind = Kind::Trickle;
+    fault.status = 200;
+    return fault;
+}
+
 Fault Fault::createThenDrop(int times)
 {
     Fault fault;
@@ -833,6 +841,19 @@ void Server::State::handle(const httplib::Request &req, httplib::Response &res, 
         case Fault::Kind::CreateThenDrop:
             dropAfter = true;
             break;
+        case Fault::Kind::Trickle: {
+            res.status = fault->status;
+            const int interval = std::max(1, fault->delayMs);
+            // Runs after the handler returned, so it takes the lock itself while it waits.
+            res.set_chunked_content_provider("application/json", [this, interval](size_t, httplib::DataSink &sink) {
+                std::unique_lock wait(mutex);
+                if (wake.wait_for(wait, std::chrono::milliseconds(interval), [this] { return stopping; }))
+                    return false;
+                wait.unlock();
+                return sink.write(" ", 1);
+            });
+            return;
+        }
         }
     }
 

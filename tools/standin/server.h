@@ -76,6 +76,7 @@ struct Fault {
         Redirect, // 302 with Location: `location`
         Drop, // close the connection without answering, without handling the request
         CreateThenDrop, // handle the request (a POST worklog is stored), then close without answering
+        Trickle, // answer 200 at once, then one byte of body every `delayMs` and never finish
     };
 
     QString method; // "GET", "POST", ...; empty: any
@@ -102,6 +103,8 @@ struct Fault {
     static Fault slow(const QString &method, const QString &pathPattern, int delayMs, int times = 1);
     static Fault redirect(const QString &method, const QString &pathPattern, const QString &location, int times = 1);
     static Fault drop(const QString &method, const QString &pathPattern, int times = 1);
+    // Never idle for `intervalMs`, never complete: only a limit on the whole transfer ends it.
+    static Fault trickle(const QString &method, const QString &pathPattern, int intervalMs, int times = 1);
     static Fault createThenDrop(int times = 1); // POST .../issue/{key}/worklog
 };
 
