@@ -508,12 +508,19 @@ TEST_F(StandinTest, CreateThenDropStoresTheWorklogButNeverAnswers)
     ASSERT_EQ(m_server.worklogCount(QStringLiteral("ED-1")), 1);
     EXPECT_EQ(m_server.worklogs(QStringLiteral("ED-1")).first()[QStringLiteral("timeSpentSeconds")].toInt(), 600);
 
+    m_server.addFault(standin::Fault::createThenReply(201, "{}"));
+    const Reply idless = postWorklog({{QStringLiteral("started"), QStringLiteral("2026-03-02T09:30:00.000+0100")},
+        {QStringLiteral("timeSpentSeconds"), 600}});
+    EXPECT_EQ(idless.status, 201);
+    EXPECT_EQ(idless.body, QByteArray("{}"));
+    EXPECT_EQ(m_server.worklogCount(QStringLiteral("ED-1")), 2);
+
     m_server.addFault(standin::Fault::drop(QStringLiteral("POST"), QStringLiteral("/worklog$")));
     EXPECT_NE(postWorklog({{QStringLiteral("started"), QStringLiteral("2026-03-02T10:00:00.000+0100")},
                               {QStringLiteral("timeSpentSeconds"), 600}})
                   .code,
         CURLE_OK);
-    EXPECT_EQ(m_server.worklogCount(QStringLiteral("ED-1")), 1);
+    EXPECT_EQ(m_server.worklogCount(QStringLiteral("ED-1")), 2);
 }
 
 TEST_F(StandinTest, SlowAnswerBlocksNeitherOtherRequestsNorStop)

@@ -26,6 +26,14 @@ std::string toStd(const QString &text)
     return text.toStdString();
 }
 
+void replyWith(httplib::Response &res, const Fault &fault)
+{
+    res.status = fault.status;
+    for (const auto &[name, value] : fault.headers)
+        res.set_header(name.toStdString(), value.toStdString());
+    res.set_content(fault.body.toStdString(), fault.contentType.toStdString());
+}
+
 } // namespace
 
 QString randomHex(int bytes)
@@ -196,6 +204,13 @@ Fault Fault::trickle(const QString &method, const QString &pathPattern, int inte
     Fault fault = slow(method, pathPattern, intervalMs, times);
     fault.kind = Kind::Trickle;
     fault.status = 200;
+    return fault;
+}
+
+Fault Fault::createThenReply(int status, const QByteArray &body, int times)
+{
+    Fault fault = statusReply(QStringLiteral("POST"), QStringLiteral("/issue/[^/]+/worklog$"), status, body, {}, times);
+    fault.kind = Kind::CreateThenReply;
     return fault;
 }
 
@@ -648,14 +663,11 @@ void Server::State::handle(const httplib::Request &req, httplib::Response &res, 
     record.receivedAt = QDateTime::currentDateTimeUtc();
     received.append(record);
 
-    bool dropAfter = false;
-    if (const std::optional<Fault> fault = takeFault(method, path)) {
+    const std::optional<Fault> fault = takeFault(method, path);
+    if (fault) {
         switch (fault->kind) {
         case Fault::Kind::Status:
-            res.status = fault->status;
-            for (const auto &[name, value] : fault->headers)
-                res.set_header(name.toStdString(), value.toStdString());
-            res.set_content(fault->body.toStdString(), fault->contentType.toStdString());
+            replyWith(res, *fault);
             return;
         case Fault::Kind::Redirect:
             res.status = fault->status;
@@ -674,7 +686,7 @@ void Server::State::handle(const httplib::Request &req, httplib::Response &res, 
             }
             break;
         case Fault::Kind::CreateThenDrop:
-            dropAfter = true;
+        case Fault::Kind::CreateThenReply:
             break;
         case Fault::Kind::Trickle: {
             res.status = fault->status;
@@ -718,8 +730,12 @@ void Server::State::handle(const httplib::Request &req, httplib::Response &res, 
         answerJson(res, 404,
             QJsonObject {{QStringLiteral("status"), 404}, {QStringLiteral("message"), QStringLiteral("not found")}});
     }
-    if (dropAfter)
+    if (fault && fault->kind == Fault::Kind::CreateThenDrop) {
         dropConnection(req, res);
+    } else if (fault && fault->kind == Fault::Kind::CreateThenReply) {
+        res.headers.clear();
+        replyWith(res, *fault);
+    }
 }
 
 } // namespace standin

@@ -76,6 +76,7 @@ struct Fault {
         Redirect, // 302 with Location: `location`
         Drop, // close the connection without answering, without handling the request
         CreateThenDrop, // handle the request (a POST worklog is stored), then close without answering
+        CreateThenReply, // handle the request (a POST worklog is stored), then answer as for Status instead
         Trickle, // answer 200 at once, then one byte of body every `delayMs` and never finish
     };
 
@@ -106,6 +107,9 @@ struct Fault {
     // Never idle for `intervalMs`, never complete: only a limit on the whole transfer ends it.
     static Fault trickle(const QString &method, const QString &pathPattern, int intervalMs, int times = 1);
     static Fault createThenDrop(int times = 1); // POST .../issue/{key}/worklog
+    // POST .../issue/{key}/worklog stores the worklog but answers `status` with `body` (a 201 without an id, a
+    // 500 or a 504 after the fact): the client cannot tell whether it exists.
+    static Fault createThenReply(int status, const QByteArray &body, int times = 1);
 };
 
 class Server
