@@ -126,7 +126,8 @@ public:
     Server &operator=(const Server &) = delete;
 
     // Binds 127.0.0.1 on `port` (0: a free port chosen by the system) and serves on background threads. Makes
-    // the certificate on the first start. Returns false (with `errorString`) when it cannot.
+    // the certificate on the first start. Returns false (with `errorString`) when it cannot. Sets SIGPIPE to be
+    // ignored in the process: writing to a connection a fault dropped must not end a test.
     bool start(quint16 port = 0);
     // Stops serving; waits for requests in progress, cutting short the waits of slow-answer faults.
     void stop();
