@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <stdexcept>
@@ -158,18 +159,55 @@ TEST_F(TrackerReader, MissingDatabaseFailsWithoutCreatingIt)
     EXPECT_FALSE(QFile::exists(qpath()));
 }
 
+namespace {
+
+// As root, permissions only bite after dropping to another user, so the read runs in a child that does.
+std::string readErrorAsNobody(const std::string &path)
+{
+    int channel[2];
+    if (pipe(channel) != 0)
+        return "no pipe";
+    const pid_t child = fork();
+    if (child == 0) {
+        close(channel[0]);
+        std::string result = "cannot drop privileges";
+        if (setgid(65534) == 0 && setuid(65534) == 0)
+            result = readError(path);
+        (void)!write(channel[1], result.data(), result.size());
+        _exit(0);
+    }
+    close(channel[1]);
+    std::string result;
+    char buffer[256];
+    for (ssize_t n; (n = read(channel[0], buffer, sizeof buffer)) > 0;)
+        result.append(buffer, static_cast<size_t>(n));
+    close(channel[0]);
+    waitpid(child, nullptr, 0);
+    return result;
+}
+
+} // namespace
+
 TEST_F(TrackerReader, UnreadableDatabaseFails)
 {
-    runSql(m_path, accountTable("1_activity"));
     // A folder in place of the file cannot be read by anyone, root included.
     const std::string folder = QString(m_dir + QStringLiteral("/folder.db")).toStdString();
     QDir().mkpath(QString::fromStdString(folder));
     EXPECT_EQ(readError(folder), "disk I/O error");
 
-    ASSERT_EQ(chmod(m_path.c_str(), 0), 0);
-    if (geteuid() == 0)
-        GTEST_SKIP() << "running as root: file permissions do not stop root from reading";
-    EXPECT_EQ(readError(m_path), "unable to open database file");
+    // A file without read permission, in a folder that everyone may enter.
+    char pattern[] = "/tmp/hourloom-unreadable-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    const std::string dir = pattern;
+    const std::string path = dir + "/Stintwatch.db";
+    runSql(path, accountTable("1_activity"));
+    ASSERT_EQ(chmod(dir.c_str(), 0755), 0);
+    ASSERT_EQ(chmod(path.c_str(), 0), 0);
+    const std::string error = geteuid() == 0 ? readErrorAsNobody(path) : readError(path);
+    QDir(QString::fromStdString(dir)).removeRecursively();
+    if (error == "cannot drop privileges")
+        GTEST_SKIP() << "running as root without the right to change user: permissions cannot be tested";
+    EXPECT_EQ(error, "unable to open database file");
 }
 
 TEST_F(TrackerReader, CorruptDatabaseFails)
@@ -249,4 +287,20 @@ TEST_F(TrackerReader, ReadsCommittedSnapshotOfWalDatabaseWithoutChangingItsFiles
 
     EXPECT_EQ(fileBytes(qpath()), dbBefore);
     EXPECT_EQ(fileBytes(wal), walBefore);
+}
+
+TEST_F(TrackerReader, ReadsWalDatabaseWhileTheTrackerIsClosed)
+{
+    runSql(m_path,
+        "PRAGMA journal_mode=WAL;" + accountTable("1_activity")
+            + "INSERT INTO \"1_activity\" VALUES(1, 0, 0, 0, 0, 'a', 0, 0, 0);");
+    ASSERT_FALSE(QFile::exists(qpath() + QStringLiteral("-wal"))); // the last connection cleaned up
+    const QByteArray before = fileBytes(qpath());
+
+    EXPECT_EQ(tracker::readActivities(m_path).size(), 1u);
+
+    // A read-only reader may not remove the empty log and index files SQLite opens beside the database; the
+    // tracker reuses them on its next start. The database itself is untouched.
+    EXPECT_EQ(fileBytes(qpath()), before);
+    EXPECT_TRUE(fileBytes(qpath() + QStringLiteral("-wal")).isEmpty());
 }
