@@ -135,14 +135,15 @@ std::vector<char> activitiesToWrite(DB &db, const std::vector<Activity> &activit
         "FROM activities");
     sqlite3_stmt *s = stored.handle();
     std::string lastSource;
-    bool lastKnown = false;
+    bool haveSource = false, lastKnown = false;
     size_t next = 0;
     while (stored.step()) {
         if (sqlite3_column_type(s, 0) != SQLITE_TEXT || sqlite3_column_type(s, 1) != SQLITE_INTEGER)
             continue;
         const std::string_view source(
             reinterpret_cast<const char *>(sqlite3_column_text(s, 0)), static_cast<size_t>(sqlite3_column_bytes(s, 0)));
-        if (source != lastSource) {
+        if (!haveSource || source != lastSource) {
+            haveSource = true;
             lastSource.assign(source);
             const auto found = sources.find(lastSource);
             lastKnown = found != sources.end();

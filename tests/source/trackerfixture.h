@@ -9,7 +9,8 @@
 #include <stdexcept>
 #include <string>
 
-namespace trackertest {
+namespace trackertest
+{
 
 // Runs `sql` on the database at `path` (created when missing) through a connection of this process.
 inline void runSql(const std::string &path, const std::string &sql)
@@ -40,11 +41,12 @@ inline QByteArray fileBytes(const QString &path)
 
 // A separate `sqlite3` process that runs `sql` and then holds its connection, with whatever transaction the
 // SQL left open, until destroyed (end of input makes it exit and roll back).
-class SqliteChild {
+class SqliteChild
+{
 public:
     SqliteChild(const QString &path, const QString &sql)
     {
-        m_process.start(QStringLiteral("sqlite3"), { path });
+        m_process.start(QStringLiteral("sqlite3"), {path});
         m_process.write((sql + QStringLiteral("\nSELECT 'ready';\n")).toUtf8());
         while (!m_output.contains("ready") && m_process.waitForReadyRead(5000))
             m_output += m_process.readAllStandardOutput();
