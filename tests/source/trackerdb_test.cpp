@@ -144,9 +144,14 @@ TEST_F(TrackerReader, UnreadableFileFails)
     EXPECT_EQ(error, "unable to open database file");
 }
 
-TEST_F(TrackerReader, ExclusiveLockInRollbackModeFailsAsLocked)
+TEST_F(TrackerReader, RollbackModeWriterBlocksOnlyOnceItWritesTheFile)
 {
-    runSql(m_path, accountTable("\"1_activity\""));
+    runSql(m_path, accountTable("\"1_activity\"") + "INSERT INTO \"1_activity\"(id) VALUES(1);");
+    {
+        SqliteChild writer(m_file, QStringLiteral("BEGIN IMMEDIATE; INSERT INTO \"1_activity\"(id) VALUES(2);"));
+        ASSERT_TRUE(writer.ready());
+        EXPECT_EQ(tracker::readActivities(m_path).size(), 1u); // the last commit
+    }
     SqliteChild writer(m_file, QStringLiteral("BEGIN EXCLUSIVE; INSERT INTO \"1_activity\"(id) VALUES(2);"));
     ASSERT_TRUE(writer.ready());
     EXPECT_EQ(readError(m_path), "database is locked");
