@@ -70,6 +70,12 @@ TEST_F(HistoryStore, FirstSaveCreatesTheStoreThatReadersNeed)
     EXPECT_TRUE(tracker::history(m_path).empty());
     EXPECT_TRUE(tracker::summaryHistory(m_path, 0).empty());
     EXPECT_EQ(scalar(m_path, "SELECT count(*) FROM sqlite_master WHERE type='index' AND sql LIKE '%(start_ms)'"), 1);
+    // Other versions of the program share this file: the table itself is never altered.
+    EXPECT_EQ(scalar(m_path,
+                  "SELECT count(*) FROM sqlite_master WHERE name='activities' AND sql='CREATE TABLE activities(source "
+                  "TEXT,id INTEGER,api_id INTEGER,project INTEGER,start_ms INTEGER,end_ms INTEGER,description "
+                  "TEXT,source_seconds INTEGER,source_active INTEGER,changed_ms INTEGER,PRIMARY KEY(source,id))'"),
+        1);
 }
 
 TEST_F(HistoryStore, UpsertsByAccountAndIdKeepingTheLastValues)
