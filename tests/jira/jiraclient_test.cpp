@@ -293,12 +293,4 @@ TEST_F(JiraClientTest, PostsOneWorklogWithoutNotifyingWatchers)
     EXPECT_EQ(m_server.worklogCount(QStringLiteral("ED-1")), 3);
 }
 
-TEST_F(JiraClientTest, OfflineReportsNotConnected)
-{
-    EXPECT_TRUE(m_client->connected());
-    m_client->setOffline(true);
-    EXPECT_FALSE(m_client->connected());
-    EXPECT_TRUE(m_client->session().connected());
-}
-
 } // namespace

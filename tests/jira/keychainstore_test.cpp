@@ -2,10 +2,7 @@
 // unlocked GNOME Keyring).
 #include "jira/keychainstore.h"
 
-#include "platform/failure.h"
-
 #include <QEventLoop>
-#include <QSize>
 #include <QUuid>
 
 #include <gtest/gtest.h>
@@ -70,20 +67,6 @@ TEST_F(KeychainStoreTest, DamagedItemReadsAsNotConnected)
         });
         EXPECT_TRUE(m_store.load().isEmpty()) << damaged.constData();
     }
-}
-
-TEST_F(KeychainStoreTest, RefusesARecordJSONCannotHold)
-{
-    const QVariantMap record {{QStringLiteral("access_token"), QStringLiteral("a")},
-        {QStringLiteral("odd"), QVariant::fromValue(QSize(1, 2))}};
-    try {
-        m_store.save(record);
-        FAIL() << "saved a record that cannot be serialised";
-    } catch (const NamedFailure &failure) {
-        EXPECT_EQ(failure.name(), QStringLiteral("JiraError"));
-        EXPECT_EQ(failure.reason(), QStringLiteral("Invalid credential response."));
-    }
-    EXPECT_TRUE(m_store.load().isEmpty());
 }
 
 TEST_F(KeychainStoreTest, OnlyTheExactTextOneSwitchesTheStoreOff)

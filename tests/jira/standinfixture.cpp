@@ -1,8 +1,10 @@
 #include "standinfixture.h"
 
 #include "diagnostics/diagnosticlog.h"
+#include "support/testenv.h"
 
 #include <QDateTime>
+#include <QDirIterator>
 #include <QFile>
 #include <QUuid>
 
@@ -49,6 +51,18 @@ QByteArray diagnosticsText()
             text += file.readAll();
     }
     return text;
+}
+
+QStringList filesContaining(const QByteArray &needle)
+{
+    QStringList found;
+    QDirIterator files(testenv::home(), QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
+    while (files.hasNext()) {
+        QFile file(files.next());
+        if (file.open(QIODevice::ReadOnly) && file.readAll().contains(needle))
+            found.append(file.fileName());
+    }
+    return found;
 }
 
 QVariantMap tokenRecord(const QString &token, const QString &broker, double expiresIn)

@@ -30,6 +30,9 @@ long fetchPage(const QUrl &url, const QString &caFile);
 // Everything the diagnostic log holds so far, all files.
 QByteArray diagnosticsText();
 
+// Files under the test's HOME whose content contains `needle`.
+QStringList filesContaining(const QByteArray &needle);
+
 // A token record as the session stores it, for `token` issued by the stand-in.
 QVariantMap tokenRecord(const QString &token, const QString &broker, double expiresIn = 3600);
 
