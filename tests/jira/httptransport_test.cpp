@@ -134,8 +134,9 @@ TEST_F(HTTPTransportTest, LeavesNon2xxStatusesToTheCaller)
             EXPECT_NO_THROW(answer = get(transport, QStringLiteral("/status"), status));
             EXPECT_EQ(status, c.status);
             EXPECT_EQ(answer.isValid(), c.expected.isValid()) << c.status << " " << c.body.constData();
-            if (c.expected.isValid())
+            if (c.expected.isValid()) {
                 EXPECT_EQ(QJsonDocument::fromVariant(answer), QJsonDocument::fromVariant(c.expected));
+            }
         }
     }
 }

@@ -5,10 +5,13 @@
 #include <QEventLoop>
 #include <QUuid>
 
+#include "platform/failure.h"
+
 #include <gtest/gtest.h>
 
 #include <qt6keychain/keychain.h>
 
+#include <cstdlib>
 #include <thread>
 
 namespace
@@ -90,12 +93,41 @@ TEST_F(KeychainStoreTest, WorksFromAnyThread)
     const QVariantMap record {{QStringLiteral("access_token"), QStringLiteral("threaded")}};
     QVariantMap seen;
     std::thread writer([&] {
-        m_store.save(record);
-        seen = m_store.load();
+        try {
+            m_store.save(record);
+            seen = m_store.load();
+        } catch (const NamedFailure &failure) {
+            seen = {{QStringLiteral("failure"), failure.reason()}};
+        }
     });
     writer.join();
     EXPECT_EQ(seen, record);
     EXPECT_EQ(m_store.load(), record);
+}
+
+} // namespace
+
+namespace
+{
+
+// A child process whose session bus does not exist: the store cannot be asked at all, which is not "not found".
+TEST(KeychainStoreUnavailable, ReportsAStoreThatCannotBeReached)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const QByteArray bus = qgetenv("DBUS_SESSION_BUS_ADDRESS");
+    qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/hourloom-bus");
+    EXPECT_EXIT(
+        {
+            try {
+                KeychainStore(QStringLiteral("app.hourloom.Hourloom.test.unreachable"), QStringLiteral("oauth")).load();
+            } catch (const NamedFailure &failure) {
+                std::_Exit(
+                    failure.reason() == QStringLiteral("Unable to read Jira credentials from Keychain.") ? 0 : 1);
+            }
+            std::_Exit(2);
+        },
+        ::testing::ExitedWithCode(0), "");
+    qputenv("DBUS_SESSION_BUS_ADDRESS", bus);
 }
 
 } // namespace

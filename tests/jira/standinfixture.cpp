@@ -98,7 +98,10 @@ void StandinTest::TearDown()
 
 void StandinTest::seedJira()
 {
-    m_server.addUser({QString::fromLatin1(kAccount), QStringLiteral("Ada Example")});
+    standin::User user;
+    user.accountId = QString::fromLatin1(kAccount);
+    user.displayName = QStringLiteral("Ada Example");
+    m_server.addUser(user);
     m_server.addSite({QString::fromLatin1(kCloud), QStringLiteral("example"),
         QStringLiteral("https://example.atlassian.net"), allScopes()});
     standin::Issue first;
