@@ -308,6 +308,10 @@ bool Server::start(quint16 port)
     d->http = std::move(http);
     // The socket already listens, so requests sent before the accept loop runs wait in the backlog.
     d->thread = std::thread([raw] { raw->listen_after_bind(); });
+    // httplib's stop() does nothing until the accept loop runs, so a stop() right after start() would leave
+    // that loop waiting for ever: wait (briefly) until it runs.
+    for (int i = 0; i < 5000 && !raw->is_running(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     return true;
 }
 
