@@ -89,7 +89,8 @@ QVariant JiraClient::api(const QString &path, const QString &method, const QVari
 
 QString JiraClient::prefix(const QString &cloud)
 {
-    static const QRegularExpression alphabet(QStringLiteral("^[A-Za-z0-9-]+$"));
+    // \z rather than $: "$" also matches before a final line break, which must not reach a URL either.
+    static const QRegularExpression alphabet(QStringLiteral("^[A-Za-z0-9-]+\\z"));
     if (!alphabet.match(cloud).hasMatch())
         HLServiceFail(QStringLiteral("Invalid Jira site identifier."));
     return QStringLiteral("/ex/jira/") + cloud + QStringLiteral("/rest/api/3");

@@ -81,7 +81,7 @@ TEST_F(JiraClientTest, ValidatesKeysAndSitesBeforeAnyRequest)
         EXPECT_EQ(failure([&] { m_client->post({}, QString::fromUtf8(key), kCloud, QStringLiteral("auto")); }),
             QStringLiteral("Enter a valid Jira issue key."));
     }
-    for (const char *cloud : {"a/b", "a.b", "..", "", "c0ffee 1", "c0ffee?x=1", "ü"}) {
+    for (const char *cloud : {"a/b", "a.b", "..", "", "c0ffee 1", "c0ffee?x=1", "ü", "c0ffee-1234\n"}) {
         EXPECT_EQ(failure([&] { m_client->identity(QString::fromUtf8(cloud)); }),
             QStringLiteral("Invalid Jira site identifier."))
             << cloud;
