@@ -206,6 +206,35 @@ TEST_F(HTTPTransportTest, ServerThatNeverAnswersFailsWithinTheTransferLimits)
     EXPECT_LT(clock.elapsed(), 26000);
 }
 
+TEST_F(HTTPTransportTest, TransferLimitEndsAnAnswerThatNeverGoesIdle)
+{
+    // A byte every 200 ms never trips the idle limit; only the whole-transfer limit can end it, well before the
+    // backstop, and it is reported as a network failure with the networking layer's own code.
+    HTTPTransport::Limits limits;
+    limits.total = 1500ms;
+    limits.backstop = 10s;
+    HTTPTransport transport(limits);
+    m_server.addFault(standin::Fault::trickle(QStringLiteral("GET"), QStringLiteral("^/trickle$"), 200));
+    qint64 status = 0;
+    QElapsedTimer clock;
+    clock.start();
+    EXPECT_EQ(failureOf([&] { get(transport, QStringLiteral("/trickle"), status); }), kFailed);
+    EXPECT_GE(clock.elapsed(), 1400);
+    EXPECT_LT(clock.elapsed(), 5000);
+
+    QJsonObject failed;
+    for (const QByteArray &line : jiratest::diagnosticsText().trimmed().split('\n')) {
+        const QJsonObject record = QJsonDocument::fromJson(line).object();
+        if (record.value(QStringLiteral("event")).toString() == QStringLiteral("network_failed"))
+            failed = record;
+    }
+    ASSERT_FALSE(failed.isEmpty());
+    EXPECT_EQ(failed.value(QStringLiteral("http_status")).toInt(), 200);
+    EXPECT_NE(failed.value(QStringLiteral("error_code")).toInt(0), 0);
+    EXPECT_NE(failed.value(QStringLiteral("error_code")).toInt(), -1001);
+    EXPECT_GE(failed.value(QStringLiteral("duration_ms")).toDouble(), 1400.0);
+}
+
 TEST_F(HTTPTransportTest, RecordsEveryRequestWithoutItsContent)
 {
     m_server.addFault(standin::Fault::statusReply(
