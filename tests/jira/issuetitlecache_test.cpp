@@ -126,6 +126,20 @@ TEST_F(IssueTitleCacheTest, RefetchesOnlyStaleOrForcedEntriesAtMostOncePerMinute
     EXPECT_EQ(issueRequests(), 3);
 }
 
+TEST_F(IssueTitleCacheTest, StartsAtMostFourFetchesAtOnce)
+{
+    // The results come back through the main thread's event loop, which does not run here: every fetch
+    // started stays in flight.
+    for (int i = 1; i <= 6; ++i)
+        cache().title(QStringLiteral("ED-%1").arg(i), kCloud, false);
+    cache().title(QStringLiteral("ED-1"), kCloud, true); // already in flight
+    m_client->queue().drain();
+    EXPECT_EQ(issueRequests(), 4);
+
+    testenv::waitFor([&] { return m_changes >= 4; });
+    EXPECT_EQ(m_changes, 4);
+}
+
 TEST_F(IssueTitleCacheTest, NeverFetchesForNothingToShow)
 {
     m_client->setOffline(true);
