@@ -216,11 +216,12 @@ QVariant HTTPTransport::request(
         payload = serialisedBody(body);
 
     const QByteArray verb = method.toUtf8();
-    if (verb == "GET") {
+    if (verb == "GET" && !hasBody) {
         curl_easy_setopt(handle, CURLOPT_HTTPGET, 1L);
     } else if (verb == "POST") {
         curl_easy_setopt(handle, CURLOPT_POST, 1L);
     } else {
+        // Also a GET with a body: the request body alone would otherwise turn it into a POST.
         curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, verb.constData());
     }
     if (verb != "GET" || hasBody) {

@@ -99,6 +99,14 @@ TEST_F(HTTPTransportTest, SendsJSONWithTheBearerTokenAndNothingElse)
     EXPECT_TRUE(plain.header(QStringLiteral("authorization")).isNull());
     EXPECT_TRUE(plain.header(QStringLiteral("content-type")).isNull());
     EXPECT_TRUE(plain.body.isEmpty());
+
+    // The method is the one asked for, with or without a body.
+    m_server.addFault(standin::Fault::statusReply(QStringLiteral("GET"), QStringLiteral("^/probe$"), 200, "{}"));
+    transport.request(url(QStringLiteral("/probe")), QStringLiteral("GET"), body, {}, status);
+    const auto withBody = m_server.requests();
+    ASSERT_EQ(withBody.size(), 3);
+    EXPECT_EQ(withBody[2].method, QStringLiteral("GET"));
+    EXPECT_EQ(withBody[2].header(QStringLiteral("content-type")), QStringLiteral("application/json"));
 }
 
 TEST_F(HTTPTransportTest, LeavesNon2xxStatusesToTheCaller)
