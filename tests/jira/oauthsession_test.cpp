@@ -4,13 +4,16 @@
 #include "standinfixture.h"
 #include "support/testenv.h"
 
+#include <QCoreApplication>
 #include <QCryptographicHash>
 #include <QDateTime>
 #include <QJsonDocument>
+#include <QThread>
 #include <QUrlQuery>
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <optional>
 
 namespace
@@ -42,6 +45,7 @@ protected:
         m_service = jiratest::uniqueCredentialService();
         m_session = std::make_unique<OAuthSession>(m_service);
         OAuthSession::browserOpener() = [this](const QUrl &url) {
+            noteThread();
             m_opened.append(url);
             if (m_approve)
                 approveInBackground(url);
@@ -49,6 +53,8 @@ protected:
     }
     void TearDown() override
     {
+        // The browser and every completion are the user interface's business: main thread only.
+        EXPECT_EQ(m_offMainThread, 0);
         m_session.reset();
         KeychainStore(m_service, QStringLiteral("oauth")).remove();
         OAuthSession::browserOpener() = nullptr;
@@ -59,9 +65,18 @@ protected:
     std::optional<PlatformError> connectAndWait(const QString &origin, int timeoutMs = 15000)
     {
         std::optional<PlatformError> result;
-        m_session->connect(origin, [&result](const PlatformError &error) { result = error; });
+        m_session->connect(origin, [this, &result](const PlatformError &error) {
+            noteThread();
+            result = error;
+        });
         testenv::waitFor([&] { return result.has_value(); }, timeoutMs);
         return result;
+    }
+
+    void noteThread()
+    {
+        if (QThread::currentThread() != QCoreApplication::instance()->thread())
+            ++m_offMainThread;
     }
 
     QVariantMap stored() const { return KeychainStore(m_service, QStringLiteral("oauth")).load(); }
@@ -77,6 +92,7 @@ protected:
     std::unique_ptr<OAuthSession> m_session;
     QList<QUrl> m_opened;
     bool m_approve = true;
+    std::atomic<int> m_offMainThread {0};
 };
 
 TEST_F(OAuthSessionTest, ConnectsRefreshesAndDisconnects)
