@@ -97,8 +97,9 @@ TEST(Coverage, NeverExceedsThePostedSeconds)
             const qint64 share = it.value().toLongLong();
             ASSERT_GE(share, 1);
             const int index = it.key().mid(1).toInt();
-            if (index != count - 1)
+            if (index != count - 1) {
                 ASSERT_LE(share, amounts[index].toLongLong());
+            }
             sum += share;
         }
         ASSERT_EQ(sum, std::max<qint64>(post, 0)) << run;
