@@ -26,6 +26,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <exception>
 #include <unordered_map>
 
@@ -124,6 +125,9 @@ struct StintwatchMonitor::Reader {
     qint64 readSince = -1;
     QVariantList readRows;
     QVariantList readSummary;
+    // How often the tracker's database and the store were read, for measurements.
+    std::atomic<int> sourceReads {0};
+    std::atomic<int> storeReads {0};
 
     ScanResult scan(const QString &folder, const QString &store, bool full, const QDateTime &now);
     void readLog(const QString &folder, QString &error, QVariantList &events);
@@ -234,6 +238,7 @@ StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
     std::vector<tracker::Activity> activities;
     if (full || prints != fingerprints) {
         try {
+            ++sourceReads;
             activities
                 = tracker::readActivities(QFile::encodeName(folder + QStringLiteral("/Stintwatch.db")).toStdString());
             std::vector<tracker::Activity> changed;
@@ -288,6 +293,7 @@ StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
         if (storeNow != readStore || since != readSince) {
             // Nothing changed in the store and the period did not move: the last read still holds.
             readStore.clear();
+            ++storeReads;
             const std::string path = QFile::encodeName(historyPath).toStdString();
             QVariantList rows;
             for (const tracker::Activity &activity : tracker::history(path))
@@ -376,6 +382,16 @@ QDateTime StintwatchMonitor::now() const
 bool StintwatchMonitor::stintwatchRunning() const
 {
     return m_running ? m_running() : HLProcessRunning(HLTrackerExecutable());
+}
+
+int StintwatchMonitor::sourceReads() const
+{
+    return m_reader->sourceReads;
+}
+
+int StintwatchMonitor::storeReads() const
+{
+    return m_reader->storeReads;
 }
 
 QStringList StintwatchMonitor::watchedPaths() const

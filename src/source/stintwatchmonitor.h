@@ -56,6 +56,9 @@ public:
     // Scans published so far, and whether one is running: for tests and measurements.
     int scanCount() const { return m_scanCount; }
     bool isBusy() const { return m_busy; }
+    // Reads of the tracker's database and of the history store so far.
+    int sourceReads() const;
+    int storeReads() const;
     QStringList watchedPaths() const;
 
 public slots:

@@ -328,6 +328,19 @@ TEST_F(MonitorTest, TickWakeAndTrackerQuitClearTheLiveState)
     EXPECT_FALSE(m_monitor->liveObserved());
     ASSERT_TRUE(waitIdle(scans + 2)) << "a fallback scan and a full one for the quit";
 
+    // With nothing changed, the fallback scan reads neither the tracker's database nor the store.
+    const int sourceReads = m_monitor->sourceReads();
+    const int storeReads = m_monitor->storeReads();
+    scans = m_monitor->scanCount();
+    m_now = m_now.addSecs(20);
+    m_monitor->tick();
+    ASSERT_TRUE(waitIdle(scans + 1));
+    EXPECT_EQ(m_monitor->sourceReads(), sourceReads);
+    EXPECT_EQ(m_monitor->storeReads(), storeReads);
+    ASSERT_TRUE(afterChange([&] { m_sim->heartbeat(); }));
+    EXPECT_EQ(m_monitor->sourceReads(), sourceReads + 1);
+    EXPECT_EQ(m_monitor->storeReads(), storeReads + 1);
+
     // Within fifteen seconds of the last fallback a tick does not scan again.
     scans = m_monitor->scanCount();
     m_now = m_now.addSecs(10);
