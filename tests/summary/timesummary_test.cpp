@@ -138,13 +138,6 @@ TEST_F(TimeSummaryTest, ReadsAbsentAndOutOfRangeSettingsAsTheDefaults)
     EXPECT_EQ(TimeSummary::configuredWeekStart(), 0);
     TimeSummary::setConfiguredWeekStart(4);
     EXPECT_EQ(TimeSummary::configuredWeekStart(), 1);
-
-    EXPECT_EQ(TimeSummary::firstWeekday(1), 2);
-    EXPECT_EQ(TimeSummary::firstWeekday(2), 1);
-    EXPECT_EQ(TimeSummary::firstWeekday(3), 7);
-    EXPECT_EQ(TimeSummary::periodLabel(0), QStringLiteral("Today"));
-    EXPECT_EQ(TimeSummary::periodLabel(1), QStringLiteral("This week"));
-    EXPECT_EQ(TimeSummary::periodLabel(2), QStringLiteral("This month"));
 }
 
 // Runs under every zone of the suite: the covered time does not depend on where midnight falls, except on
