@@ -1,6 +1,7 @@
 #include "source/stintwatchsourceaccess.h"
 
 #include "platform/appidentity.h"
+#include "platform/sandbox.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -22,12 +23,12 @@ void fail(PlatformError *error, int code, const QString &message)
         *error = PlatformError {StintwatchSourceAccess::errorDomain(), code, message};
 }
 
-bool insideFlatpak()
-{
-    return QFile::exists(QStringLiteral("/.flatpak-info"));
-}
-
 } // namespace
+
+StintwatchSourceAccess::StintwatchSourceAccess(QSettings *defaults)
+    : StintwatchSourceAccess(defaults, HLRunningInAppSandbox())
+{
+}
 
 StintwatchSourceAccess::StintwatchSourceAccess(
     QSettings *defaults, bool sandboxed, std::unique_ptr<FolderBookmarks> bookmarks)
@@ -49,7 +50,7 @@ QString StintwatchSourceAccess::errorDomain()
 
 QString StintwatchSourceAccess::defaultSourcePath()
 {
-    if (!insideFlatpak())
+    if (!HLRunningInAppSandbox())
         return QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) + QStringLiteral("/Stintwatch");
     // Inside the sandbox the data folder is the application's private one: take the host's, or the real
     // home folder from the user database.

@@ -19,7 +19,9 @@ public:
     static constexpr int kAccessLost = 2;
     static constexpr int kAccessNotGranted = 3;
 
-    // `defaults` must outlive this object. Without `bookmarks` the platform's own are used.
+    // `defaults` must outlive this object. Sandboxed when HLRunningInAppSandbox() says so.
+    explicit StintwatchSourceAccess(QSettings *defaults);
+    // Without `bookmarks` the platform's own are used.
     StintwatchSourceAccess(QSettings *defaults, bool sandboxed, std::unique_ptr<FolderBookmarks> bookmarks = {});
     ~StintwatchSourceAccess();
     StintwatchSourceAccess(const StintwatchSourceAccess &) = delete;
