@@ -484,8 +484,7 @@ void StintwatchMonitor::tick()
         installWatchers();
         scan(false);
     }
-    checkTrackerProcess();
-    if (!stintwatchRunning())
+    if (!checkTrackerProcess())
         m_liveObserved = false;
     notifyChange();
 }
@@ -505,7 +504,7 @@ void StintwatchMonitor::processChanged()
     notifyChange();
 }
 
-void StintwatchMonitor::checkTrackerProcess()
+bool StintwatchMonitor::checkTrackerProcess()
 {
     // Launch and quit are seen as a change of the process list between two looks.
     const int running = stintwatchRunning() ? 1 : 0;
@@ -513,6 +512,7 @@ void StintwatchMonitor::checkTrackerProcess()
     m_trackerSeen = running;
     if (changedNow)
         processChanged();
+    return running;
 }
 
 void StintwatchMonitor::scan(bool full)

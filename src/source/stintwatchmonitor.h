@@ -77,7 +77,7 @@ private:
     void installWatchers();
     void scheduleScan();
     void publish(const ScanResult &result);
-    void checkTrackerProcess();
+    bool checkTrackerProcess(); // whether the tracker runs
     QDateTime now() const;
 
     QVariantList m_rows;
