@@ -185,6 +185,21 @@ TEST_F(MonitorTest, TenFileEventsWithinTheDebounceGiveOneScan)
     EXPECT_EQ(m_monitor->scanCount(), before + 1);
 }
 
+TEST_F(MonitorTest, RequestsDuringAScanCollapseIntoOneFollowUp)
+{
+    startMonitor(true);
+    const int scans = m_monitor->scanCount();
+    const int reads = m_monitor->sourceReads();
+    m_monitor->scan(false);
+    m_monitor->scan(false);
+    m_monitor->scan(true);
+    m_monitor->scan(false);
+    ASSERT_TRUE(waitIdle(scans + 2));
+    testenv::waitFor([] { return false; }, 200);
+    EXPECT_EQ(m_monitor->scanCount(), scans + 2);
+    EXPECT_EQ(m_monitor->sourceReads(), reads + 1) << "the follow-up carries the full flag of any request";
+}
+
 TEST_F(MonitorTest, RotatedOrTruncatedLogIsReadFromItsLastMiBAsHistory)
 {
     startMonitor(true);
