@@ -356,12 +356,8 @@ StintwatchMonitor::StintwatchMonitor(const QString &source, const QString &store
     , m_reader(std::make_shared<Reader>())
     , m_queue(std::make_unique<SerialQueue>(HLApplicationIdentifier() + QStringLiteral(".io")))
 {
-    connect(m_watcher, &QFileSystemWatcher::fileChanged, this, &StintwatchMonitor::scheduleScan);
-    // A file created, removed or renamed in the folder may be a replaced log or database: watch it anew.
-    connect(m_watcher, &QFileSystemWatcher::directoryChanged, this, [this] {
-        m_reinstallPending = true;
-        scheduleScan();
-    });
+    connect(m_watcher, &QFileSystemWatcher::fileChanged, this, &StintwatchMonitor::watchedPathChanged);
+    connect(m_watcher, &QFileSystemWatcher::directoryChanged, this, &StintwatchMonitor::watchedPathChanged);
     m_timer->setInterval(kTickMs);
     connect(m_timer, &QTimer::timeout, this, &StintwatchMonitor::tick);
 }
@@ -451,14 +447,32 @@ void StintwatchMonitor::installWatchers()
     if (!watched.isEmpty())
         m_watcher->removePaths(watched);
     QStringList paths;
+    m_watchStatus.clear();
     for (const QString &name : {QString(), QStringLiteral("/application.log"), QStringLiteral("/Stintwatch.db"),
              QStringLiteral("/Stintwatch.db-wal")}) {
         // A path that is not there yet is tried again at the next install.
-        if (QFile::exists(m_folder + name))
+        const QString status = statusText(m_folder + name);
+        if (status != u"missing") {
             paths.append(m_folder + name);
+            m_watchStatus.insert(m_folder + name, status);
+        }
     }
     if (!paths.isEmpty())
         m_watcher->addPaths(paths);
+}
+
+void StintwatchMonitor::watchedPathChanged(const QString &path)
+{
+    // Only deletes, writes, extensions and renames count. Attribute changes do not: SQLite running as root
+    // re-owns the WAL file on every read, which would otherwise make each scan schedule the next.
+    const QString status = statusText(path);
+    if (status == m_watchStatus.value(path))
+        return;
+    m_watchStatus.insert(path, status);
+    // A file created, removed or renamed in the folder may be a replaced log or database: watch it anew.
+    if (path == m_folder || status == u"missing")
+        m_reinstallPending = true;
+    scheduleScan();
 }
 
 void StintwatchMonitor::scheduleScan()

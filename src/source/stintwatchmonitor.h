@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QDateTime>
+#include <QHash>
 #include <QObject>
 #include <QString>
 #include <QStringList>
@@ -76,6 +77,7 @@ private:
 
     void installWatchers();
     void scheduleScan();
+    void watchedPathChanged(const QString &path);
     void publish(const ScanResult &result);
     bool checkTrackerProcess(); // whether the tracker runs
     QDateTime now() const;
@@ -97,6 +99,7 @@ private:
     bool m_scanScheduled = false;
     bool m_reinstallPending = false;
     QFileSystemWatcher *m_watcher = nullptr;
+    QHash<QString, QString> m_watchStatus; // status of each watched path when last seen
     QTimer *m_timer = nullptr;
     WakeNotifier *m_wake = nullptr;
     QDateTime m_lastFallback;
