@@ -32,24 +32,4 @@ TEST(SimTrackerToolTest, TouchesTheRealTrackerFolderOnlyWhenToldTo)
     EXPECT_TRUE(QFile::exists(real + u"/Stintwatch.db"));
 }
 
-TEST(SimTrackerToolTest, ScriptDrivesASession)
-{
-    const QString folder = testenv::freshDir(QStringLiteral("scripted"));
-    const QString script = folder + u"/session.txt";
-    QFile file(script);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write("# a short session\ninit\nstart 42 \"ENG-9 Scripted work\"\nheartbeat\nstop\n");
-    file.close();
-    ASSERT_EQ(runSimTracker({QStringLiteral("--folder"), folder, QStringLiteral("script"), script}), 0);
-
-    QFile log(folder + u"/application.log");
-    ASSERT_TRUE(log.open(QIODevice::ReadOnly));
-    const QByteArray text = log.readAll();
-    EXPECT_TRUE(text.contains("[Info] Tracking started (project id: 42)\n"));
-    EXPECT_TRUE(
-        text.contains("[Info] Adding activity description \"ENG-9 Scripted work\" for project 42 to storage\n"));
-    EXPECT_TRUE(text.contains("[Info] Service timeout, updating activity end time (id: 1)\n"));
-    EXPECT_TRUE(text.contains("[Info] Tracking stopped (project id: 42)\n"));
-}
-
 } // namespace
