@@ -3,6 +3,7 @@
 // scans, reads and resident memory of this process, the tracker running as a child process).
 
 #include "simtracker.h"
+#include "source/history.h"
 #include "source/stintwatchmonitor.h"
 #include "source/trackerdb.h"
 
@@ -114,6 +115,22 @@ void BM_ScanAfterOneChange(benchmark::State &state)
     state.counters["rows"] = double(monitor.rows().size());
 }
 BENCHMARK(BM_ScanAfterOneChange)->Arg(100'000)->Unit(benchmark::kMillisecond);
+
+// The share of a scan that is the history store's upsert of the one changed activity.
+void BM_SaveOneOfManyActivities(benchmark::State &state)
+{
+    Folder &folder = trackerWith(int(state.range(0)));
+    const std::string tracker = QFile::encodeName(folder.tracker() + QStringLiteral("/Stintwatch.db")).toStdString();
+    const std::string store = QFile::encodeName(folder.store() + QStringLiteral("/saved.db")).toStdString();
+    std::vector<tracker::Activity> activities = tracker::readActivities(tracker);
+    tracker::saveActivities(store, activities);
+    std::vector<tracker::Activity> one {activities.back()};
+    for (auto _ : state) {
+        ++one.front().changed_ms;
+        tracker::saveActivities(store, one);
+    }
+}
+BENCHMARK(BM_SaveOneOfManyActivities)->Arg(100'000)->Unit(benchmark::kMillisecond);
 
 // Real time: the tracker (a child process) writes a heartbeat every 10 s over a 10,000-activity database
 // while the monitor runs with its watchers and 15 s tick. HOURLOOM_BENCH_IDLE_SECONDS sets the length
