@@ -134,12 +134,12 @@ BENCHMARK(BM_SaveOneOfManyActivities)->Arg(100'000)->Unit(benchmark::kMillisecon
 
 // Real time: the tracker (a child process) writes a heartbeat every 10 s over a 10,000-activity database
 // while the monitor runs with its watchers and 15 s tick. HOURLOOM_BENCH_IDLE_SECONDS sets the length
-// (600 for the ten minutes quoted in the README; 60 by default so a benchmark run stays short).
+// (600 for the ten minutes quoted in the README; 30 by default so a benchmark run stays short).
 void BM_IdleWithHeartbeats(benchmark::State &state)
 {
     const int seconds = qEnvironmentVariableIsSet("HOURLOOM_BENCH_IDLE_SECONDS")
         ? qEnvironmentVariableIntValue("HOURLOOM_BENCH_IDLE_SECONDS")
-        : 60;
+        : 30;
     Folder &folder = trackerWith(10'000);
     for (auto _ : state) {
         QFile::remove(folder.store() + QStringLiteral("/history.db"));
