@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <bit>
 #include <cstring>
 #include <string_view>
 #include <unordered_map>
@@ -34,14 +35,62 @@ constexpr const char *kUpsert
 struct Key {
     uint32_t source;
     int64_t id;
-    bool operator==(const Key &) const = default;
 };
 
-struct KeyHash {
-    size_t operator()(const Key &key) const noexcept
+// The keys of one save, each to the index of its last occurrence: open addressing in a flat power-of-two
+// table, since a node-based map spent most of a repeat save on cache misses.
+class KeyIndex
+{
+public:
+    explicit KeyIndex(size_t count)
+        : m_slots(std::bit_ceil(count * 2 + 2))
+        , m_mask(m_slots.size() - 1)
     {
-        return std::hash<int64_t>()(key.id) * 0x9E3779B97F4A7C15ULL ^ key.source;
     }
+
+    void set(Key key, size_t index)
+    {
+        Slot &slot = m_slots[probe(key)];
+        slot.id = key.id;
+        slot.source = key.source;
+        slot.index = index;
+    }
+
+    // The index of the key's last occurrence, or kNone.
+    size_t find(Key key) const { return m_slots[probe(key)].index; }
+
+    template<typename Function> void forEach(Function function) const
+    {
+        for (const Slot &slot : m_slots) {
+            if (slot.index != kNone)
+                function(slot.index);
+        }
+    }
+
+    static constexpr size_t kNone = SIZE_MAX;
+
+private:
+    struct Slot {
+        int64_t id = 0;
+        uint32_t source = 0;
+        size_t index = kNone;
+    };
+
+    size_t probe(Key key) const
+    {
+        uint64_t h = static_cast<uint64_t>(key.id) + 0x9E3779B97F4A7C15ULL * (key.source + 1);
+        h = (h ^ (h >> 30)) * 0xBF58476D1CE4E5B9ULL;
+        h = (h ^ (h >> 27)) * 0x94D049BB133111EBULL;
+        h ^= h >> 31;
+        for (size_t at = h & m_mask;; at = (at + 1) & m_mask) {
+            const Slot &slot = m_slots[at];
+            if (slot.index == kNone || (slot.id == key.id && slot.source == key.source))
+                return at;
+        }
+    }
+
+    std::vector<Slot> m_slots;
+    size_t m_mask;
 };
 
 bool sameInteger(sqlite3_stmt *s, int index, int64_t value)
@@ -64,8 +113,8 @@ bool sameText(sqlite3_stmt *s, int index, const std::string &value)
 std::vector<char> activitiesToWrite(DB &db, const std::vector<Activity> &activities)
 {
     std::unordered_map<std::string_view, uint32_t> sources;
-    std::unordered_map<Key, size_t, KeyHash> last;
-    last.reserve(activities.size());
+    KeyIndex last(activities.size());
+    std::vector<uint32_t> sourceOf(activities.size());
     const std::string *previousSource = nullptr;
     uint32_t sourceIndex = 0;
     for (size_t i = 0; i < activities.size(); ++i) {
@@ -74,25 +123,27 @@ std::vector<char> activitiesToWrite(DB &db, const std::vector<Activity> &activit
             sourceIndex = sources.try_emplace(source, static_cast<uint32_t>(sources.size())).first->second;
             previousSource = &source;
         }
-        last[Key {sourceIndex, activities[i].id}] = i;
+        sourceOf[i] = sourceIndex;
+        last.set(Key {sourceIndex, activities[i].id}, i);
     }
 
     std::vector<char> write(activities.size(), 0);
-    for (const auto &entry : last)
-        write[entry.second] = 1;
+    last.forEach([&](size_t index) { write[index] = 1; });
 
     Statement stored(db,
         "SELECT source,id,api_id,project,start_ms,end_ms,description,source_seconds,source_active,changed_ms "
         "FROM activities");
     sqlite3_stmt *s = stored.handle();
     std::string lastSource;
-    bool lastKnown = false;
+    bool haveSource = false, lastKnown = false;
+    size_t next = 0;
     while (stored.step()) {
         if (sqlite3_column_type(s, 0) != SQLITE_TEXT || sqlite3_column_type(s, 1) != SQLITE_INTEGER)
             continue;
         const std::string_view source(
             reinterpret_cast<const char *>(sqlite3_column_text(s, 0)), static_cast<size_t>(sqlite3_column_bytes(s, 0)));
-        if (source != lastSource) {
+        if (!haveSource || source != lastSource) {
+            haveSource = true;
             lastSource.assign(source);
             const auto found = sources.find(lastSource);
             lastKnown = found != sources.end();
@@ -101,14 +152,20 @@ std::vector<char> activitiesToWrite(DB &db, const std::vector<Activity> &activit
         }
         if (!lastKnown)
             continue;
-        const auto found = last.find(Key {sourceIndex, sqlite3_column_int64(s, 1)});
-        if (found == last.end())
+        const Key key {sourceIndex, sqlite3_column_int64(s, 1)};
+        // The store usually lists rows in the order the tracker gave them: try the next activity first.
+        size_t found = next;
+        if (found >= activities.size() || !write[found] || sourceOf[found] != key.source
+            || activities[found].id != key.id)
+            found = last.find(key);
+        if (found == KeyIndex::kNone)
             continue;
-        const Activity &a = activities[found->second];
+        next = found + 1;
+        const Activity &a = activities[found];
         if (sameInteger(s, 2, a.api_id) && sameInteger(s, 3, a.project) && sameInteger(s, 4, a.start_ms)
             && sameInteger(s, 5, a.end_ms) && sameText(s, 6, a.description) && sameInteger(s, 7, a.seconds)
             && sameInteger(s, 8, a.active) && sameInteger(s, 9, a.changed_ms))
-            write[found->second] = 0;
+            write[found] = 0;
     }
     return write;
 }
