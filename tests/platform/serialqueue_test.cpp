@@ -17,8 +17,8 @@ TEST(SerialQueue, RunsWorkInOrderOnOneThreadOffTheCaller)
 {
     SerialQueue queue(QStringLiteral("app.hourloom.Hourloom.test"));
     std::vector<int> order;
-    std::atomic<int> running { 0 };
-    std::atomic<bool> overlapped { false };
+    std::atomic<int> running {0};
+    std::atomic<bool> overlapped {false};
     QThread *seen = nullptr;
     for (int i = 0; i < 50; ++i) {
         queue.async([&, i] {
@@ -44,8 +44,8 @@ TEST(SerialQueue, RunsWorkInOrderOnOneThreadOffTheCaller)
 TEST(SerialQueue, SyncPassesFailuresBackToTheCaller)
 {
     SerialQueue queue(QStringLiteral("failing"));
-    EXPECT_THROW(queue.sync([] { throw NamedFailure(QStringLiteral("JiraError"), QStringLiteral("no")); }),
-        NamedFailure);
+    EXPECT_THROW(
+        queue.sync([] { throw NamedFailure(QStringLiteral("JiraError"), QStringLiteral("no")); }), NamedFailure);
     int after = 0;
     queue.sync([&] { after = 1; });
     EXPECT_EQ(after, 1);

@@ -1,0 +1,607 @@
+#include "source/stintwatchmonitor.h"
+
+#include "diagnostics/diagnosticlog.h"
+#include "platform/appidentity.h"
+#include "platform/processlookup.h"
+#include "platform/serialqueue.h"
+#include "platform/wakenotifier.h"
+#include "source/history.h"
+#include "source/logparser.h"
+#include "source/trackerdb.h"
+#include "summary/timesummary.h"
+
+#include <QFile>
+#include <QFileSystemWatcher>
+#include <QHash>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QLocale>
+#include <QMap>
+#include <QMetaObject>
+#include <QStringDecoder>
+#include <QTimer>
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <exception>
+#include <string_view>
+#include <unordered_map>
+
+namespace
+{
+
+constexpr qint64 kMiB = 1'048'576;
+constexpr int kDebounceMs = 250;
+constexpr int kTickMs = 15'000;
+constexpr qint64 kStartWindowMs = 60'000;
+constexpr qint64 kHeartbeatWindowMs = 90'000;
+
+const QString kLogUnavailable = QStringLiteral("Stintwatch log unavailable. Live state cannot be verified.");
+
+QString text(const std::string &bytes)
+{
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    QString decoded = decoder.decode(QByteArrayView(bytes.data(), qsizetype(bytes.size())));
+    return decoder.hasError() ? QStringLiteral("(invalid text)") : decoded;
+}
+
+QString statusText(const QString &path)
+{
+    struct stat status {
+    };
+    if (::stat(QFile::encodeName(path).constData(), &status) != 0)
+        return QStringLiteral("missing");
+    return QStringLiteral("%1:%2.%3:%4")
+        .arg(status.st_ino)
+        .arg(status.st_mtim.tv_sec)
+        .arg(status.st_mtim.tv_nsec)
+        .arg(status.st_size);
+}
+
+QString durationText(qint64 startMs, qint64 endMs)
+{
+    if (endMs < startMs)
+        return QStringLiteral("Unfinished");
+    const qint64 seconds = std::max<qint64>(0, (endMs - startMs) / 1000);
+    return QString::asprintf("%lld:%02lld:%02lld", static_cast<long long>(seconds / 3600),
+        static_cast<long long>(seconds / 60 % 60), static_cast<long long>(seconds % 60));
+}
+
+QVariantMap sessionRecord(const tracker::Activity &activity)
+{
+    const std::string issue = tracker::issue(activity.description);
+    return {
+        {QStringLiteral("date"),
+            QLocale::c().toString(
+                QDateTime::fromMSecsSinceEpoch(activity.start_ms), QStringLiteral("MMM d, HH:mm:ss"))},
+        {QStringLiteral("issue"), issue.empty() ? QStringLiteral("Unassigned") : QString::fromStdString(issue)},
+        {QStringLiteral("description"), text(activity.description)},
+        {QStringLiteral("duration"), durationText(activity.start_ms, activity.end_ms)},
+        {QStringLiteral("start_ms"), qint64(activity.start_ms)},
+        {QStringLiteral("end_ms"), qint64(activity.end_ms)},
+        {QStringLiteral("local_id"), qint64(activity.id)},
+        {QStringLiteral("api_id"), qint64(activity.api_id)},
+        {QStringLiteral("project"), qint64(activity.project)},
+        {QStringLiteral("source_seconds"), qint64(activity.seconds)},
+        {QStringLiteral("source_account"), text(activity.source)},
+    };
+}
+
+// A cheap digest of everything the history store keeps of an activity, to skip rewriting unchanged rows.
+quint64 digest(const tracker::Activity &a)
+{
+    quint64 h = std::hash<std::string_view>()(a.description);
+    for (const int64_t value : {a.api_id, a.project, a.start_ms, a.end_ms, a.seconds, a.changed_ms, int64_t(a.active)})
+        h = (h ^ quint64(value)) * 0x9E3779B97F4A7C15ULL ^ (h >> 29);
+    return h;
+}
+
+} // namespace
+
+// Everything the scan body owns; touched only on the monitor's queue.
+struct StintwatchMonitor::Reader {
+    QMap<QString, QString> fingerprints;
+    qint64 logOffset = 0;
+    ino_t logInode = 0;
+    QByteArray partial;
+    bool logSeen = false;
+    bool skipToNewline = false; // the first bytes read belong to a cut or dropped line
+
+    // What history.db holds, as far as this monitor wrote it; reset when the file is not the one written.
+    using Digests = std::unordered_map<int64_t, quint64>;
+    std::unordered_map<std::string, Digests> saved;
+    QString savedStore;
+    bool indexed = false;
+    // The last history and summary read, reused while the store and the summary start stay the same.
+    QString readStore;
+    qint64 readSince = -1;
+    QVariantList readRows;
+    QVariantList readSummary;
+    // How often the tracker's database and the store were read, for measurements.
+    std::atomic<int> sourceReads {0};
+    std::atomic<int> storeReads {0};
+
+    ScanResult scan(const QString &folder, const QString &store, bool full, const QDateTime &now);
+    void readLog(const QString &folder, QString &error, QVariantList &events);
+};
+
+struct StintwatchMonitor::ScanResult {
+    QString error;
+    QVariantList events;
+    QVariantList rows;
+    QVariantList summaryRows;
+    bool hasSummary = false;
+};
+
+void StintwatchMonitor::Reader::readLog(const QString &folder, QString &error, QVariantList &events)
+{
+    const QByteArray path = QFile::encodeName(folder + QStringLiteral("/application.log"));
+    struct stat status {
+    };
+    if (::stat(path.constData(), &status) != 0) {
+        error = kLogUnavailable;
+        return;
+    }
+    bool historical = false;
+    if (!logSeen || status.st_ino != logInode || status.st_size < logOffset) {
+        // A new, replaced or truncated log: only its last MiB is read, and what it says is history.
+        logOffset = std::max<qint64>(status.st_size, kMiB) - kMiB;
+        partial.clear();
+        logInode = status.st_ino;
+        skipToNewline = logOffset > 0;
+        historical = true;
+    }
+
+    const int fd = ::open(path.constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        throw std::runtime_error("Cannot read Stintwatch log");
+    QByteArray data;
+    char buffer[65536];
+    for (;;) {
+        const ssize_t got = ::pread(fd, buffer, sizeof buffer, logOffset + data.size());
+        if (got < 0) {
+            ::close(fd);
+            throw std::runtime_error("Cannot read Stintwatch log");
+        }
+        if (got == 0)
+            break;
+        data.append(buffer, got);
+    }
+    ::close(fd);
+    logOffset += data.size();
+
+    qsizetype begin = 0;
+    if (skipToNewline) {
+        const qsizetype newline = data.indexOf('\n');
+        begin = newline < 0 ? data.size() : newline + 1;
+        skipToNewline = newline < 0;
+    }
+    partial.append(data.constData() + begin, data.size() - begin);
+
+    qsizetype lineStart = 0;
+    for (qsizetype newline; (newline = partial.indexOf('\n', lineStart)) >= 0; lineStart = newline + 1) {
+        const tracker::Event event
+            = tracker::parseEvent(std::string(partial.constData() + lineStart, size_t(newline - lineStart)));
+        if (event.kind == 0)
+            continue;
+        events.append(QVariantMap {
+            {QStringLiteral("kind"), uint(event.kind)},
+            {QStringLiteral("timestamp"), text(event.timestamp)},
+            {QStringLiteral("project"), qint64(event.project)},
+            {QStringLiteral("activity"), qint64(event.activity)},
+            {QStringLiteral("description"), text(event.description)},
+            {QStringLiteral("historical"), historical},
+        });
+    }
+    partial.remove(0, lineStart);
+    if (partial.size() > kMiB) {
+        // A line this long is not the tracker's; it is dropped up to its end so reading never stalls.
+        partial.clear();
+        skipToNewline = true;
+    }
+    logSeen = true;
+}
+
+StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
+    const QString &folder, const QString &store, bool full, const QDateTime &now)
+{
+    ScanResult result;
+    const QString historyPath = store + QStringLiteral("/history.db");
+    try {
+        readLog(folder, result.error, result.events);
+    } catch (const std::exception &failure) {
+        result.error = QStringLiteral("Source unavailable: %1. Previously captured history is retained.")
+                           .arg(QString::fromUtf8(failure.what()));
+        result.events.clear();
+        return result;
+    }
+
+    QMap<QString, QString> prints;
+    for (const QString &name : {QStringLiteral("Stintwatch.db"), QStringLiteral("Stintwatch.db-wal")})
+        prints.insert(name, statusText(folder + u'/' + name));
+
+    if (full) {
+        saved.clear();
+        readStore.clear();
+    }
+    if (statusText(historyPath) != savedStore) {
+        saved.clear();
+        indexed = false;
+    }
+
+    std::vector<tracker::Activity> activities;
+    if (full || prints != fingerprints) {
+        try {
+            ++sourceReads;
+            activities
+                = tracker::readActivities(QFile::encodeName(folder + QStringLiteral("/Stintwatch.db")).toStdString());
+            std::vector<tracker::Activity> changed;
+            std::vector<std::pair<Digests *, std::pair<int64_t, quint64>>> digests;
+            Digests *table = nullptr;
+            const std::string *tableName = nullptr;
+            for (const tracker::Activity &activity : activities) {
+                // Rows come grouped by table, so the table's map is looked up once per run of rows.
+                if (!tableName || *tableName != activity.source) {
+                    table = &saved[activity.source];
+                    tableName = &activity.source;
+                }
+                const quint64 value = digest(activity);
+                const auto found = table->find(activity.id);
+                if (found == table->end() || found->second != value) {
+                    changed.push_back(activity);
+                    digests.push_back({table, {activity.id, value}});
+                }
+            }
+            // The store is created on the first scan even when the tracker has nothing yet.
+            if (!changed.empty() || !QFile::exists(historyPath))
+                tracker::saveActivities(QFile::encodeName(historyPath).toStdString(), changed);
+            for (const auto &[digestTable, entry] : digests)
+                (*digestTable)[entry.first] = entry.second;
+            if (!indexed) {
+                // The summary asks for rows ending or starting after a date; with both columns indexed that
+                // is two short index searches instead of a pass over every retained row.
+                tracker::DB(QFile::encodeName(historyPath).toStdString(), SQLITE_OPEN_READWRITE)
+                    .exec("CREATE INDEX IF NOT EXISTS activities_end_ms ON activities(end_ms)");
+                indexed = true;
+            }
+            savedStore = statusText(historyPath);
+            fingerprints = prints;
+        } catch (const std::exception &failure) {
+            result.error = QStringLiteral("Source unavailable: %1. Showing retained history.")
+                               .arg(QString::fromUtf8(failure.what()));
+        }
+    }
+
+    for (QVariant &item : result.events) {
+        QVariantMap event = item.toMap();
+        if (event.value(QStringLiteral("kind")).toUInt() != 4)
+            continue;
+        const int64_t id = event.value(QStringLiteral("activity")).toLongLong();
+        const tracker::Activity *best = nullptr;
+        for (const tracker::Activity &activity : activities) {
+            if (activity.id == id && activity.active != 0 && (!best || activity.changed_ms > best->changed_ms))
+                best = &activity;
+        }
+        if (!best)
+            continue;
+        event.insert(QStringLiteral("activity_start_ms"), qint64(best->start_ms));
+        event.insert(QStringLiteral("activity_project"), qint64(best->project));
+        event.insert(QStringLiteral("activity_description"), text(best->description));
+        item = event;
+    }
+
+    try {
+        const qint64 since
+            = std::min(TimeSummary::summaryStart(now, 1), TimeSummary::summaryStart(now, 2)).toMSecsSinceEpoch();
+        const QString storeNow = statusText(historyPath) + u'|' + statusText(historyPath + QStringLiteral("-wal"))
+            + u'|' + statusText(historyPath + QStringLiteral("-journal"));
+        if (storeNow != readStore || since != readSince) {
+            // Nothing changed in the store and the period did not move: the last read still holds.
+            readStore.clear();
+            ++storeReads;
+            const std::string path = QFile::encodeName(historyPath).toStdString();
+            QVariantList rows;
+            for (const tracker::Activity &activity : tracker::history(path))
+                rows.append(sessionRecord(activity));
+            QVariantList summary;
+            for (const auto &[project, start, end] : tracker::summaryHistory(path, since)) {
+                summary.append(QVariantMap {{QStringLiteral("project"), qint64(project)},
+                    {QStringLiteral("start_ms"), qint64(start)}, {QStringLiteral("end_ms"), qint64(end)}});
+            }
+            readRows = rows;
+            readSummary = summary;
+            readSince = since;
+            readStore = storeNow;
+        }
+        result.rows = readRows;
+        result.summaryRows = readSummary;
+        result.hasSummary = true;
+    } catch (const std::exception &failure) {
+        readStore.clear();
+        result.error = QStringLiteral("Source unavailable: %1. Previously captured history is retained.")
+                           .arg(QString::fromUtf8(failure.what()));
+        result.rows.clear();
+    }
+
+    QByteArray journal;
+    for (const QVariant &item : std::as_const(result.events)) {
+        const QVariantMap event = item.toMap();
+        if (event.value(QStringLiteral("historical")).toBool() || event.value(QStringLiteral("kind")).toUInt() == 4)
+            continue;
+        journal += QJsonDocument(QJsonObject::fromVariantMap(event)).toJson(QJsonDocument::Compact) + '\n';
+    }
+    if (!journal.isEmpty()) {
+        const QByteArray path = QFile::encodeName(store + QStringLiteral("/events.jsonl"));
+        const int fd = ::open(path.constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+        if (fd >= 0) {
+            // One write per scan keeps lines of concurrent writers whole.
+            [[maybe_unused]] const ssize_t written = ::write(fd, journal.constData(), size_t(journal.size()));
+            ::close(fd);
+        }
+    }
+    return result;
+}
+
+StintwatchMonitor::StintwatchMonitor(const QString &source, const QString &store, QObject *parent)
+    : QObject(parent)
+    , m_folder(source)
+    , m_store(store)
+    , m_watcher(new QFileSystemWatcher(this))
+    , m_timer(new QTimer(this))
+    , m_reader(std::make_shared<Reader>())
+    , m_queue(std::make_unique<SerialQueue>(HLApplicationIdentifier() + QStringLiteral(".io")))
+{
+    connect(m_watcher, &QFileSystemWatcher::fileChanged, this, &StintwatchMonitor::watchedPathChanged);
+    connect(m_watcher, &QFileSystemWatcher::directoryChanged, this, &StintwatchMonitor::watchedPathChanged);
+    m_timer->setInterval(kTickMs);
+    connect(m_timer, &QTimer::timeout, this, &StintwatchMonitor::tick);
+}
+
+StintwatchMonitor::~StintwatchMonitor()
+{
+    stop();
+    // Finish the scan in flight before anything it reports to is gone; its result is then dropped.
+    m_queue.reset();
+}
+
+void StintwatchMonitor::setClock(Clock clock)
+{
+    m_clock = std::move(clock);
+}
+
+void StintwatchMonitor::setRunningCheck(std::function<bool()> running)
+{
+    m_running = std::move(running);
+    m_trackerSeen = -1;
+}
+
+QDateTime StintwatchMonitor::now() const
+{
+    return m_clock ? m_clock() : QDateTime::currentDateTime();
+}
+
+bool StintwatchMonitor::stintwatchRunning() const
+{
+    return m_running ? m_running() : HLProcessRunning(HLTrackerExecutable());
+}
+
+int StintwatchMonitor::sourceReads() const
+{
+    return m_reader->sourceReads;
+}
+
+int StintwatchMonitor::storeReads() const
+{
+    return m_reader->storeReads;
+}
+
+QStringList StintwatchMonitor::watchedPaths() const
+{
+    return m_watcher->files() + m_watcher->directories();
+}
+
+void StintwatchMonitor::notifyChange()
+{
+    if (m_onChange)
+        m_onChange();
+    emit changed();
+}
+
+void StintwatchMonitor::start()
+{
+    installWatchers();
+    scan(true);
+    m_timer->start();
+    if (!m_wake) {
+        m_wake = new WakeNotifier(this);
+        connect(m_wake, &WakeNotifier::woke, this, &StintwatchMonitor::wake);
+    }
+    m_trackerSeen = stintwatchRunning() ? 1 : 0;
+}
+
+void StintwatchMonitor::stop()
+{
+    m_timer->stop();
+    delete m_wake;
+    m_wake = nullptr;
+    const QStringList watched = watchedPaths();
+    if (!watched.isEmpty())
+        m_watcher->removePaths(watched);
+    m_onChange = nullptr;
+}
+
+void StintwatchMonitor::refresh()
+{
+    installWatchers();
+    scan(true);
+}
+
+void StintwatchMonitor::installWatchers()
+{
+    const QStringList watched = watchedPaths();
+    if (!watched.isEmpty())
+        m_watcher->removePaths(watched);
+    QStringList paths;
+    m_watchStatus.clear();
+    for (const QString &name : {QString(), QStringLiteral("/application.log"), QStringLiteral("/Stintwatch.db"),
+             QStringLiteral("/Stintwatch.db-wal")}) {
+        // A path that is not there yet is tried again at the next install.
+        const QString status = statusText(m_folder + name);
+        if (status != u"missing") {
+            paths.append(m_folder + name);
+            m_watchStatus.insert(m_folder + name, status);
+        }
+    }
+    if (!paths.isEmpty())
+        m_watcher->addPaths(paths);
+}
+
+void StintwatchMonitor::watchedPathChanged(const QString &path)
+{
+    // Only deletes, writes, extensions and renames count. Attribute changes do not: SQLite running as root
+    // re-owns the WAL file on every read, which would otherwise make each scan schedule the next.
+    const QString status = statusText(path);
+    if (status == m_watchStatus.value(path))
+        return;
+    m_watchStatus.insert(path, status);
+    // A file created, removed or renamed in the folder may be a replaced log or database: watch it anew.
+    if (path == m_folder || status == u"missing")
+        m_reinstallPending = true;
+    scheduleScan();
+}
+
+void StintwatchMonitor::scheduleScan()
+{
+    if (m_scanScheduled)
+        return;
+    m_scanScheduled = true;
+    QTimer::singleShot(kDebounceMs, this, [this] {
+        m_scanScheduled = false;
+        if (m_reinstallPending) {
+            m_reinstallPending = false;
+            installWatchers();
+        }
+        scan(false);
+    });
+}
+
+void StintwatchMonitor::tick()
+{
+    const QDateTime current = now();
+    if (!m_lastFallback.isValid() || m_lastFallback.msecsTo(current) >= kTickMs) {
+        m_lastFallback = current;
+        installWatchers();
+        scan(false);
+    }
+    if (!checkTrackerProcess())
+        m_liveObserved = false;
+    notifyChange();
+}
+
+void StintwatchMonitor::wake()
+{
+    m_liveObserved = false;
+    installWatchers();
+    scan(true);
+}
+
+void StintwatchMonitor::processChanged()
+{
+    m_liveObserved = false;
+    installWatchers();
+    scan(true);
+    notifyChange();
+}
+
+bool StintwatchMonitor::checkTrackerProcess()
+{
+    // Launch and quit are seen as a change of the process list between two looks.
+    const int running = stintwatchRunning() ? 1 : 0;
+    const bool changedNow = m_trackerSeen >= 0 && running != m_trackerSeen;
+    m_trackerSeen = running;
+    if (changedNow)
+        processChanged();
+    return running;
+}
+
+void StintwatchMonitor::scan(bool full)
+{
+    if (m_busy) {
+        m_pending = true;
+        m_forcePending = m_forcePending || full;
+        return;
+    }
+    m_busy = true;
+    m_queue->async([this, reader = m_reader, folder = m_folder, store = m_store, full, at = now()] {
+        ScanResult result = reader->scan(folder, store, full, at);
+        QMetaObject::invokeMethod(
+            this, [this, result = std::move(result)] { publish(result); }, Qt::QueuedConnection);
+    });
+}
+
+void StintwatchMonitor::publish(const ScanResult &result)
+{
+    if (m_error.isEmpty() != result.error.isEmpty())
+        DiagnosticLog::shared().record(
+            result.error.isEmpty() ? QStringLiteral("tracking_recovered") : QStringLiteral("tracking_unavailable"));
+    m_error = result.error;
+    if (result.hasSummary)
+        m_summaryRows = result.summaryRows;
+
+    const QDateTime current = now();
+    for (const QVariant &item : result.events) {
+        const QVariantMap event = item.toMap();
+        const uint kind = event.value(QStringLiteral("kind")).toUInt();
+        const bool historical = event.value(QStringLiteral("historical")).toBool();
+        const QString timestamp = event.value(QStringLiteral("timestamp")).toString();
+        if (kind == 3) {
+            if (historical)
+                m_liveObserved = false;
+            m_currentDescription = event.value(QStringLiteral("description")).toString();
+        } else if (kind == 4) {
+            const QDateTime at = HLEventDate(timestamp);
+            if (m_lastKind != 1 || !at.isValid() || std::abs(at.msecsTo(current)) >= kHeartbeatWindowMs)
+                continue;
+            // Old heartbeats still tie the state to their activity but prove nothing about now.
+            if (!historical)
+                m_liveObserved = true;
+            if (event.contains(QStringLiteral("activity_start_ms"))) {
+                const qint64 startMs = event.value(QStringLiteral("activity_start_ms")).toLongLong();
+                if (startMs <= at.toMSecsSinceEpoch()) {
+                    m_start = QDateTime::fromMSecsSinceEpoch(startMs);
+                    m_project = event.value(QStringLiteral("activity_project")).toLongLong();
+                    const QString description = event.value(QStringLiteral("activity_description")).toString();
+                    if (!description.isEmpty())
+                        m_currentDescription = description;
+                }
+            }
+        } else {
+            m_lastKind = int(kind);
+            m_project = event.value(QStringLiteral("project")).toLongLong();
+            m_lastTimestamp = timestamp;
+            m_start = HLEventDate(timestamp);
+            m_liveObserved = !historical && m_start.isValid() && std::abs(m_start.msecsTo(current)) < kStartWindowMs;
+        }
+    }
+
+    if (result.error.isEmpty() || !result.rows.isEmpty())
+        m_rows = result.rows;
+    if (m_currentDescription.isEmpty() && !m_rows.isEmpty())
+        m_currentDescription = m_rows.first().toMap().value(QStringLiteral("description")).toString();
+
+    m_busy = false;
+    ++m_scanCount;
+    notifyChange();
+    if (m_pending) {
+        const bool full = m_forcePending;
+        m_pending = false;
+        m_forcePending = false;
+        scan(full);
+    }
+    checkTrackerProcess();
+}

@@ -1,0 +1,114 @@
+#pragma once
+
+#include <QDateTime>
+#include <QHash>
+#include <QObject>
+#include <QString>
+#include <QStringList>
+#include <QVariantList>
+
+#include <functional>
+#include <memory>
+
+class QFileSystemWatcher;
+class QTimer;
+class SerialQueue;
+class WakeNotifier;
+
+// Watches the tracker's folder and keeps the session list (always shown from the retained history), the
+// period-summary rows and the live tracking state inferred from the tracker's log up to date. All file and
+// database work runs on one serial background queue; every published field changes on the main thread only,
+// followed by onChange and the changed() signal.
+class StintwatchMonitor : public QObject
+{
+    Q_OBJECT
+public:
+    using Clock = std::function<QDateTime()>;
+
+    StintwatchMonitor(const QString &source, const QString &store, QObject *parent = nullptr);
+    ~StintwatchMonitor() override;
+
+    void start();
+    void stop();
+    // Watches again and scans everything, after the user picked another folder.
+    void refresh();
+    bool stintwatchRunning() const;
+
+    const QVariantList &rows() const { return m_rows; }
+    const QVariantList &summaryRows() const { return m_summaryRows; }
+    const QString &folder() const { return m_folder; }
+    const QString &store() const { return m_store; }
+    const QString &error() const { return m_error; }
+    const QString &lastTimestamp() const { return m_lastTimestamp; }
+    const QString &currentDescription() const { return m_currentDescription; }
+    const QDateTime &started() const { return m_start; }
+    qint64 project() const { return m_project; }
+    int lastKind() const { return m_lastKind; }
+    bool liveObserved() const { return m_liveObserved; }
+
+    void setOnChange(std::function<void()> onChange) { m_onChange = std::move(onChange); }
+    const std::function<void()> &onChange() const { return m_onChange; }
+    void notifyChange();
+
+    // The instant the live-state windows are measured against; the system clock unless set.
+    void setClock(Clock clock);
+    // How the tracker's process is looked up; /proc by executable name unless set.
+    void setRunningCheck(std::function<bool()> running);
+    // Scans published so far, and whether one is running: for tests and measurements.
+    int scanCount() const { return m_scanCount; }
+    bool isBusy() const { return m_busy; }
+    // Reads of the tracker's database and of the history store so far.
+    int sourceReads() const;
+    int storeReads() const;
+    QStringList watchedPaths() const;
+
+public slots:
+    void scan(bool full);
+    void tick();
+    void wake();
+    void processChanged();
+
+signals:
+    void changed();
+
+private:
+    struct Reader;
+    struct ScanResult;
+
+    void installWatchers();
+    void scheduleScan();
+    void watchedPathChanged(const QString &path);
+    void publish(const ScanResult &result);
+    bool checkTrackerProcess(); // whether the tracker runs
+    QDateTime now() const;
+
+    QVariantList m_rows;
+    QVariantList m_summaryRows;
+    QString m_folder;
+    QString m_store;
+    QString m_error;
+    QString m_lastTimestamp;
+    QString m_currentDescription;
+    QDateTime m_start;
+    qint64 m_project = 0;
+    int m_lastKind = 0;
+    bool m_liveObserved = false;
+    bool m_busy = false;
+    bool m_pending = false;
+    bool m_forcePending = false;
+    bool m_scanScheduled = false;
+    bool m_reinstallPending = false;
+    QFileSystemWatcher *m_watcher = nullptr;
+    QHash<QString, QString> m_watchStatus; // status of each watched path when last seen
+    QTimer *m_timer = nullptr;
+    WakeNotifier *m_wake = nullptr;
+    QDateTime m_lastFallback;
+    std::function<void()> m_onChange;
+    Clock m_clock;
+    std::function<bool()> m_running;
+    int m_trackerSeen = -1; // -1 unknown, else whether the tracker ran at the last look
+    int m_scanCount = 0;
+    // Owned by the queue's thread from the moment a scan is submitted; shared so queued work keeps it alive.
+    std::shared_ptr<Reader> m_reader;
+    std::unique_ptr<SerialQueue> m_queue;
+};

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <QDateTime>
+#include <QSet>
+#include <QString>
+#include <QVariantList>
+#include <QVariantMap>
+
+// Turns changes of the tracked issue into at most one offer per finished session. The application feeds it
+// after every monitor update; nothing is decided without a live confirmation from the monitor.
+class TaskSwitchObserver
+{
+public:
+    // Returns the session record that has just ended and may be offered for logging, or an empty map.
+    // `started` is the current interval's start in ms since 1970.
+    QVariantMap observe(const QVariantList &sessions, bool active, bool live, const QString &issue, double started,
+        qint64 project, const QDateTime &now);
+
+    // Forgets the current switch but not which sessions were already offered.
+    void reset();
+
+    // The finished record waiting for the settling time to pass, or an empty map.
+    QVariantMap settling() const { return m_settling; }
+    // When the caller should observe again while a switch is pending; invalid otherwise.
+    QDateTime settlesAt() const;
+
+    // "source_account|project|local_id|start_ms", the key that says two records are the same session.
+    static QString identity(const QVariantMap &session);
+
+private:
+    QVariantMap m_previous;
+    QVariantMap m_pending;
+    QString m_issue;
+    bool m_wasActive = false;
+    QDateTime m_changed;
+    QSet<QString> m_offered;
+    QVariantMap m_settling;
+};

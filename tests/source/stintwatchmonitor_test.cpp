@@ -1,0 +1,406 @@
+#include "source/stintwatchmonitor.h"
+
+#include "diagnostics/diagnosticlog.h"
+#include "simtracker.h"
+#include "source/logparser.h"
+#include "source/taskswitchobserver.h"
+#include "support/testenv.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QTimer>
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <memory>
+
+namespace
+{
+
+const QString kLogUnavailable = QStringLiteral("Stintwatch log unavailable. Live state cannot be verified.");
+
+class MonitorTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        m_folder = testenv::freshDir(QStringLiteral("tracker"));
+        m_store = testenv::freshDir(QStringLiteral("store"));
+        m_sim = std::make_unique<SimTracker>(m_folder);
+        m_sim->setClock([this] { return m_fixed ? m_now.addSecs(m_logAge) : QDateTime::currentDateTime(); });
+        m_sim->create();
+    }
+
+    // With `fixedClock` the monitor and the tracker share a clock the test sets; otherwise both use real time.
+    void startMonitor(bool fixedClock)
+    {
+        m_fixed = fixedClock;
+        m_now = QDateTime::currentDateTime();
+        m_monitor = std::make_unique<StintwatchMonitor>(m_folder, m_store);
+        if (fixedClock)
+            m_monitor->setClock([this] { return m_now; });
+        m_monitor->setRunningCheck([this] { return m_running; });
+        m_monitor->start();
+        ASSERT_TRUE(waitIdle(1));
+    }
+
+    bool waitIdle(int scans, int timeoutMs = 5000)
+    {
+        return testenv::waitFor([&] { return m_monitor->scanCount() >= scans && !m_monitor->isBusy(); }, timeoutMs);
+    }
+
+    // Runs a change of the tracker folder and waits until the monitor published a scan after it.
+    template<typename Change> bool afterChange(Change change)
+    {
+        const int before = m_monitor->scanCount();
+        change();
+        return waitIdle(before + 1);
+    }
+
+    QByteArray journal() const
+    {
+        QFile file(m_store + QStringLiteral("/events.jsonl"));
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+
+    QString m_folder, m_store;
+    std::unique_ptr<SimTracker> m_sim;
+    std::unique_ptr<StintwatchMonitor> m_monitor;
+    bool m_fixed = false;
+    bool m_running = true;
+    QDateTime m_now;
+    int m_logAge = 0; // seconds added to the monitor's clock for what the tracker writes
+};
+
+TEST_F(MonitorTest, SeesTrackingStartWithinTwoSecondsAndFollowsTheSession)
+{
+    m_sim->generateHistory(20, 1);
+    startMonitor(false);
+    EXPECT_EQ(m_monitor->rows().size(), 20);
+    EXPECT_FALSE(m_monitor->liveObserved());
+    EXPECT_TRUE(m_monitor->error().isEmpty()) << m_monitor->error().toStdString();
+
+    QElapsedTimer clock;
+    clock.start();
+    const qint64 id = m_sim->start(42, QStringLiteral("eng-7 Fix the login"));
+    ASSERT_TRUE(testenv::waitFor([&] { return m_monitor->liveObserved() && m_monitor->lastKind() == 1; }, 2000));
+    EXPECT_LT(clock.elapsed(), 2000);
+    EXPECT_EQ(m_monitor->project(), 42);
+    EXPECT_EQ(m_monitor->currentDescription(), QStringLiteral("eng-7 Fix the login"));
+    ASSERT_TRUE(waitIdle(m_monitor->scanCount()));
+    ASSERT_TRUE(testenv::waitFor([&] { return m_monitor->rows().size() == 21; }));
+    const QVariantMap newest = m_monitor->rows().first().toMap();
+    EXPECT_EQ(newest.value(QStringLiteral("issue")).toString(), QStringLiteral("ENG-7"));
+    EXPECT_EQ(newest.value(QStringLiteral("duration")).toString(), QStringLiteral("Unfinished"));
+    EXPECT_EQ(newest.value(QStringLiteral("local_id")).toLongLong(), id);
+    EXPECT_EQ(newest.value(QStringLiteral("source_account")).toString(), QStringLiteral("1001_activity"));
+
+    // A heartbeat ties the live state to the activity it extends.
+    ASSERT_TRUE(afterChange([&] { m_sim->heartbeat(); }));
+    EXPECT_EQ(m_monitor->started().toMSecsSinceEpoch(), newest.value(QStringLiteral("start_ms")).toLongLong());
+
+    ASSERT_TRUE(afterChange([&] { m_sim->stop(); }));
+    ASSERT_TRUE(testenv::waitFor([&] { return m_monitor->lastKind() == 2; }));
+    EXPECT_TRUE(m_monitor->liveObserved());
+
+    // Live events are journaled without heartbeats, privately.
+    const QList<QByteArray> lines = journal().trimmed().split('\n');
+    ASSERT_EQ(lines.size(), 3);
+    EXPECT_TRUE(lines[0].contains("\"kind\":1"));
+    EXPECT_TRUE(lines[1].contains("eng-7 Fix the login"));
+    EXPECT_TRUE(lines[2].contains("\"kind\":2"));
+    struct stat status {
+    };
+    ASSERT_EQ(::stat(QFile::encodeName(m_store + QStringLiteral("/events.jsonl")).constData(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600u);
+}
+
+struct AgeCase {
+    int logAgeSeconds;
+    int kind;
+    bool live;
+};
+
+class MonitorLiveWindowTest : public MonitorTest, public ::testing::WithParamInterface<AgeCase>
+{
+};
+
+TEST_P(MonitorLiveWindowTest, EventAgeDecidesWhetherTheStateIsLive)
+{
+    const AgeCase c = GetParam();
+    startMonitor(true);
+    if (c.kind == 4) {
+        m_logAge = -300; // tracking began five minutes ago
+        m_sim->start(42, QStringLiteral("ENG-1 Earlier"));
+        ASSERT_TRUE(afterChange([&] { m_sim->describe(QStringLiteral("ENG-1 Earlier")); }));
+        ASSERT_FALSE(m_monitor->liveObserved());
+        m_logAge = c.logAgeSeconds;
+        ASSERT_TRUE(afterChange([&] { m_sim->heartbeat(); }));
+    } else {
+        m_logAge = c.logAgeSeconds;
+        ASSERT_TRUE(afterChange([&] { m_sim->start(42, QString()); }));
+        EXPECT_EQ(m_monitor->lastKind(), 1);
+    }
+    EXPECT_EQ(m_monitor->liveObserved(), c.live);
+}
+
+INSTANTIATE_TEST_SUITE_P(Windows, MonitorLiveWindowTest,
+    ::testing::Values(AgeCase {-59, 1, true}, AgeCase {-61, 1, false}, AgeCase {59, 1, true}, AgeCase {-89, 4, true},
+        AgeCase {-91, 4, false}));
+
+TEST_F(MonitorTest, HeartbeatWhileStoppedChangesNothing)
+{
+    startMonitor(true);
+    m_logAge = -300;
+    const qint64 id = m_sim->start(42, QStringLiteral("ENG-1 Earlier"));
+    m_sim->stop();
+    ASSERT_TRUE(afterChange([&] { m_sim->noise(1); }));
+    ASSERT_EQ(m_monitor->lastKind(), 2);
+    const QDateTime started = m_monitor->started();
+    const QString description = m_monitor->currentDescription();
+
+    m_logAge = 0;
+    ASSERT_TRUE(afterChange([&] {
+        m_sim->logLine(
+            QStringLiteral("Info"), QStringLiteral("Service timeout, updating activity end time (id: %1)").arg(id));
+    }));
+    EXPECT_FALSE(m_monitor->liveObserved());
+    EXPECT_EQ(m_monitor->started(), started);
+    EXPECT_EQ(m_monitor->currentDescription(), description);
+}
+
+TEST_F(MonitorTest, TenFileEventsWithinTheDebounceGiveOneScan)
+{
+    startMonitor(true);
+    const int before = m_monitor->scanCount();
+    for (int i = 0; i < 10; ++i) {
+        m_sim->noise(1);
+        testenv::waitFor([] { return false; }, 15);
+    }
+    ASSERT_TRUE(waitIdle(before + 1));
+    testenv::waitFor([] { return false; }, 600);
+    EXPECT_EQ(m_monitor->scanCount(), before + 1);
+}
+
+TEST_F(MonitorTest, RequestsDuringAScanCollapseIntoOneFollowUp)
+{
+    startMonitor(true);
+    const int scans = m_monitor->scanCount();
+    const int reads = m_monitor->sourceReads();
+    m_monitor->scan(false);
+    m_monitor->scan(false);
+    m_monitor->scan(true);
+    m_monitor->scan(false);
+    ASSERT_TRUE(waitIdle(scans + 2));
+    testenv::waitFor([] { return false; }, 200);
+    EXPECT_EQ(m_monitor->scanCount(), scans + 2);
+    EXPECT_EQ(m_monitor->sourceReads(), reads + 1) << "the follow-up carries the full flag of any request";
+}
+
+TEST_F(MonitorTest, RotatedOrTruncatedLogIsReadFromItsLastMiBAsHistory)
+{
+    startMonitor(true);
+    ASSERT_TRUE(afterChange([&] { m_sim->start(42, QStringLiteral("ENG-1 Before")); }));
+    ASSERT_TRUE(afterChange([&] { m_sim->stop(); }));
+    ASSERT_EQ(m_monitor->lastKind(), 2);
+    const QByteArray journaled = journal();
+
+    // A new log whose start line lies before its last MiB: only the description near the end is read.
+    ASSERT_TRUE(afterChange([&] {
+        m_sim->rotateLog();
+        m_sim->logLine(QStringLiteral("Info"), QStringLiteral("Tracking started (project id: 7)"));
+        m_sim->appendLog(QByteArray(1'100'000, 'n') + '\n');
+        m_sim->logLine(QStringLiteral("Info"),
+            QStringLiteral("Adding activity description \"OPS-3 After\" for project 7 to storage"));
+    }));
+    EXPECT_EQ(m_monitor->lastKind(), 2);
+    EXPECT_EQ(m_monitor->project(), 42);
+    EXPECT_EQ(m_monitor->currentDescription(), QStringLiteral("OPS-3 After"));
+    EXPECT_FALSE(m_monitor->liveObserved());
+
+    // Emptied and rewritten: a fresh start line counts as history, not as live.
+    ASSERT_TRUE(afterChange([&] {
+        m_sim->truncateLog();
+        m_sim->logLine(QStringLiteral("Info"), QStringLiteral("Tracking started (project id: 9)"));
+    }));
+    ASSERT_TRUE(testenv::waitFor([&] { return m_monitor->project() == 9; }));
+    EXPECT_EQ(m_monitor->lastKind(), 1);
+    EXPECT_FALSE(m_monitor->liveObserved());
+    EXPECT_EQ(journal(), journaled) << "history is never journaled";
+
+    // What is written after that is live again.
+    ASSERT_TRUE(afterChange(
+        [&] { m_sim->logLine(QStringLiteral("Info"), QStringLiteral("Tracking stopped (project id: 9)")); }));
+    EXPECT_EQ(m_monitor->lastKind(), 2);
+    EXPECT_TRUE(m_monitor->liveObserved());
+}
+
+TEST_F(MonitorTest, OverlongUnterminatedLineIsDroppedWithoutStalling)
+{
+    startMonitor(true);
+    const QByteArray prefix = '[' + m_sim->timestamp() + "] [1a2c] [Info] Tracking started (project id: 99)";
+    ASSERT_TRUE(afterChange([&] { m_sim->appendLog(prefix + QByteArray(2 * 1'048'576, 'x')); }));
+    EXPECT_EQ(m_monitor->lastKind(), 0);
+    ASSERT_TRUE(afterChange([&] {
+        m_sim->appendLog("xxxx\n");
+        m_sim->start(42, QStringLiteral("ENG-2 Next"));
+    }));
+    ASSERT_TRUE(testenv::waitFor([&] { return m_monitor->lastKind() == 1; }));
+    EXPECT_EQ(m_monitor->project(), 42);
+    EXPECT_TRUE(m_monitor->liveObserved());
+    EXPECT_FALSE(journal().contains("99"));
+}
+
+TEST_F(MonitorTest, UnreadableSourcesKeepTheRetainedRowsWithTheirStatus)
+{
+    DiagnosticLog::setEnabled(true);
+    m_sim->generateHistory(3, 1);
+    startMonitor(true);
+    ASSERT_EQ(m_monitor->rows().size(), 3);
+    ASSERT_TRUE(m_monitor->error().isEmpty());
+
+    // Locked by the tracker.
+    m_sim->lock();
+    m_monitor->scan(true);
+    ASSERT_TRUE(testenv::waitFor([&] { return !m_monitor->error().isEmpty(); }));
+    EXPECT_EQ(m_monitor->error(), QStringLiteral("Source unavailable: database is locked. Showing retained history."));
+    EXPECT_EQ(m_monitor->rows().size(), 3);
+    m_sim->unlock();
+    m_monitor->tick();
+    ASSERT_TRUE(testenv::waitFor([&] { return m_monitor->error().isEmpty(); }));
+
+    // Deleted.
+    ASSERT_TRUE(afterChange([&] { m_sim->deleteDatabase(); }));
+    ASSERT_TRUE(testenv::waitFor([&] { return !m_monitor->error().isEmpty(); }));
+    EXPECT_EQ(m_monitor->error(),
+        QStringLiteral("Source unavailable: unable to open database file. Showing retained history."));
+    EXPECT_EQ(m_monitor->rows().size(), 3);
+
+    // Back, as a new file with one new activity: the old rows stay retained.
+    ASSERT_TRUE(afterChange([&] {
+        m_sim->setAccount(QStringLiteral("2002_activity"));
+        m_sim->create();
+        m_sim->start(42, QStringLiteral("ENG-5 After restore"));
+    }));
+    ASSERT_TRUE(testenv::waitFor([&] { return m_monitor->error().isEmpty() && m_monitor->rows().size() == 4; }));
+
+    // The log gone: rows still come from the store.
+    ASSERT_TRUE(afterChange([&] { QFile::remove(m_sim->logPath()); }));
+    EXPECT_EQ(m_monitor->error(), kLogUnavailable);
+    EXPECT_EQ(m_monitor->rows().size(), 4);
+    ASSERT_TRUE(afterChange([&] { m_sim->noise(1); }));
+    EXPECT_TRUE(m_monitor->error().isEmpty());
+
+    // The store unreadable: the last good rows stay.
+    ASSERT_TRUE(QFile::remove(m_store + QStringLiteral("/history.db")));
+    ASSERT_TRUE(QDir().mkpath(m_store + QStringLiteral("/history.db")));
+    m_monitor->scan(true);
+    ASSERT_TRUE(testenv::waitFor([&] { return !m_monitor->error().isEmpty(); }));
+    EXPECT_TRUE(m_monitor->error().endsWith(QStringLiteral(". Previously captured history is retained.")))
+        << m_monitor->error().toStdString();
+    EXPECT_EQ(m_monitor->rows().size(), 4);
+
+    QFile diagnostics(DiagnosticLog::shared().path(0));
+    ASSERT_TRUE(diagnostics.open(QIODevice::ReadOnly));
+    const QByteArray recorded = diagnostics.readAll();
+    EXPECT_EQ(recorded.count("tracking_unavailable"), 4);
+    EXPECT_EQ(recorded.count("tracking_recovered"), 3);
+}
+
+TEST_F(MonitorTest, ReplacedDatabaseIsPickedUp)
+{
+    m_sim->generateHistory(2, 1);
+    startMonitor(true);
+    ASSERT_EQ(m_monitor->rows().size(), 2);
+    m_sim->setAccount(QStringLiteral("2002_activity"));
+    ASSERT_TRUE(afterChange([&] { m_sim->replaceDatabase(); }));
+    ASSERT_TRUE(afterChange([&] { m_sim->start(77, QStringLiteral("OPS-1 New file")); }));
+    ASSERT_TRUE(testenv::waitFor([&] { return m_monitor->rows().size() == 3; }));
+    EXPECT_EQ(m_monitor->rows().first().toMap().value(QStringLiteral("issue")).toString(), QStringLiteral("OPS-1"));
+    EXPECT_TRUE(m_monitor->error().isEmpty());
+}
+
+TEST_F(MonitorTest, TickWakeAndTrackerQuitClearTheLiveState)
+{
+    startMonitor(true);
+    ASSERT_TRUE(afterChange([&] { m_sim->start(42, QStringLiteral("ENG-1 Live")); }));
+    ASSERT_TRUE(m_monitor->liveObserved());
+
+    int scans = m_monitor->scanCount();
+    m_monitor->wake();
+    EXPECT_FALSE(m_monitor->liveObserved());
+    ASSERT_TRUE(waitIdle(scans + 1));
+    EXPECT_EQ(m_monitor->lastKind(), 1) << "the state itself stays";
+
+    ASSERT_TRUE(afterChange([&] { m_sim->heartbeat(); }));
+    ASSERT_TRUE(m_monitor->liveObserved());
+    m_running = false; // the tracker quit
+    scans = m_monitor->scanCount();
+    m_monitor->tick();
+    EXPECT_FALSE(m_monitor->liveObserved());
+    ASSERT_TRUE(waitIdle(scans + 2)) << "a fallback scan and a full one for the quit";
+
+    // With nothing changed, the fallback scan reads neither the tracker's database nor the store.
+    const int sourceReads = m_monitor->sourceReads();
+    const int storeReads = m_monitor->storeReads();
+    scans = m_monitor->scanCount();
+    m_now = m_now.addSecs(20);
+    m_monitor->tick();
+    ASSERT_TRUE(waitIdle(scans + 1));
+    EXPECT_EQ(m_monitor->sourceReads(), sourceReads);
+    EXPECT_EQ(m_monitor->storeReads(), storeReads);
+    ASSERT_TRUE(afterChange([&] { m_sim->heartbeat(); }));
+    EXPECT_EQ(m_monitor->sourceReads(), sourceReads + 1);
+    EXPECT_EQ(m_monitor->storeReads(), storeReads + 1);
+
+    // Within fifteen seconds of the last fallback a tick does not scan again.
+    scans = m_monitor->scanCount();
+    m_now = m_now.addSecs(10);
+    m_monitor->tick();
+    testenv::waitFor([] { return false; }, 100);
+    EXPECT_EQ(m_monitor->scanCount(), scans);
+}
+
+TEST_F(MonitorTest, IssueSwitchIsOfferedOnceTwoSecondsAfterTheSwitch)
+{
+    startMonitor(false);
+    TaskSwitchObserver observer;
+    QVariantList offers;
+    QDateTime switchedAt, offeredAt;
+    QTimer settle;
+    settle.setSingleShot(true);
+    auto observe = [&] {
+        const std::string issue = tracker::issue(m_monitor->currentDescription().toStdString());
+        const QVariantMap offer = observer.observe(m_monitor->rows(), m_monitor->lastKind() == 1,
+            m_monitor->liveObserved(), QString::fromStdString(issue), double(m_monitor->started().toMSecsSinceEpoch()),
+            m_monitor->project(), QDateTime::currentDateTime());
+        if (!offer.isEmpty()) {
+            offers.append(offer);
+            offeredAt = QDateTime::currentDateTime();
+        }
+        if (observer.settlesAt().isValid())
+            settle.start(int(std::max<qint64>(0, QDateTime::currentDateTime().msecsTo(observer.settlesAt()))));
+    };
+    QObject::connect(&settle, &QTimer::timeout, &settle, observe);
+    m_monitor->setOnChange(observe);
+
+    m_sim->start(42, QStringLiteral("ENG-1 First"));
+    ASSERT_TRUE(testenv::waitFor([&] { return m_monitor->liveObserved() && m_monitor->rows().size() == 1; }));
+    switchedAt = QDateTime::currentDateTime();
+    m_sim->switchTo(42, QStringLiteral("ENG-2 Second"));
+    ASSERT_TRUE(testenv::waitFor([&] { return !offers.isEmpty(); }, 4000));
+    testenv::waitFor([] { return false; }, 1500);
+
+    ASSERT_EQ(offers.size(), 1);
+    const QVariantMap offered = offers.first().toMap();
+    EXPECT_EQ(offered.value(QStringLiteral("issue")).toString(), QStringLiteral("ENG-1"));
+    EXPECT_GT(
+        offered.value(QStringLiteral("end_ms")).toLongLong(), offered.value(QStringLiteral("start_ms")).toLongLong());
+    EXPECT_GE(switchedAt.msecsTo(offeredAt), 2000);
+    EXPECT_LT(switchedAt.msecsTo(offeredAt), 3000);
+}
+
+} // namespace
