@@ -22,6 +22,8 @@ constexpr const char *kCreateTable
 constexpr const char *kCreateIndex = "CREATE INDEX IF NOT EXISTS activities_start_ms ON activities(start_ms)";
 
 // The upsert skips rows whose stored values are all identical, so an unchanged row is never rewritten.
+constexpr size_t kKeyedSaveLimit = 1024;
+
 constexpr const char *kUpsert
     = "INSERT INTO activities VALUES(?,?,?,?,?,?,?,?,?,?) ON CONFLICT(source,id) DO UPDATE SET "
       "api_id=excluded.api_id,project=excluded.project,start_ms=excluded.start_ms,end_ms=excluded.end_ms,"
@@ -198,7 +200,10 @@ void saveActivities(const std::string &path, const std::vector<Activity> &activi
     // Any failure below leaves the transaction open; closing the connection rolls it back.
     db.exec("BEGIN IMMEDIATE");
 
-    const std::vector<char> write = activitiesToWrite(db, activities);
+    // A short list (a scan in which few activities changed) costs fewer keyed lookups than one pass over the
+    // whole store; the upsert's own WHERE still keeps identical rows from being rewritten.
+    const std::vector<char> write = activities.size() <= kKeyedSaveLimit ? std::vector<char>(activities.size(), 1)
+                                                                          : activitiesToWrite(db, activities);
     Statement upsert(db, kUpsert);
     sqlite3_stmt *s = upsert.handle();
     for (size_t i = 0; i < activities.size(); ++i) {
