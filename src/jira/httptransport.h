@@ -1,0 +1,38 @@
+#pragma once
+
+#include <QString>
+#include <QVariant>
+
+#include <chrono>
+
+// The one place that talks HTTPS to Jira and the sign-in service: one synchronous JSON request per call.
+// Redirects are never followed (the 3xx is the answer), no cookie is ever kept or sent and nothing is cached.
+// One transport serves concurrent callers: every call has its own handle and result slots.
+class HTTPTransport
+{
+public:
+    // The fixed limits; tests may shorten them to reach the backstop quickly.
+    struct Limits {
+        std::chrono::milliseconds idle {std::chrono::seconds(20)}; // no byte received for this long
+        std::chrono::milliseconds total {std::chrono::seconds(25)}; // the whole transfer
+        std::chrono::milliseconds backstop {std::chrono::seconds(30)}; // the caller never waits longer
+    };
+
+    HTTPTransport();
+    explicit HTTPTransport(const Limits &limits);
+    ~HTTPTransport();
+    HTTPTransport(const HTTPTransport &) = delete;
+    HTTPTransport &operator=(const HTTPTransport &) = delete;
+
+    // Sends `body` (a QVariantMap or QVariantList; invalid = none) with the bearer `token` (null = none) and
+    // returns the decoded JSON object (QVariantMap) or array (QVariantList), or an invalid QVariant when a
+    // non-2xx answer carries no JSON. `status` receives the HTTP status. Throws "JiraError" (HLServiceFail).
+    QVariant request(
+        const QString &url, const QString &method, const QVariant &body, const QString &token, qint64 &status) const;
+
+    const Limits &limits() const { return m_limits; }
+
+private:
+    Limits m_limits;
+    QByteArray m_caBundle; // system CAs plus the test CA file, when one is configured
+};

@@ -1,0 +1,71 @@
+#pragma once
+
+#include "jira/httptransport.h"
+#include "jira/keychainstore.h"
+#include "platform/failure.h"
+#include "platform/serialqueue.h"
+
+#include <QString>
+#include <QUrl>
+#include <QVariantMap>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+
+class QObject;
+
+// Standard Base64 with "+" -> "-", "/" -> "_" and no "=" padding (RFC 4648 URL-safe alphabet).
+QString Base64URL(const QByteArray &data);
+
+// Obtains and keeps the Jira access token through the sign-in service (PKCE handshake, browser approval,
+// polling), stores it in the secret store and refreshes it shortly before it expires. Each connect and
+// disconnect bumps `generation`; work that started under an older generation ends silently.
+class OAuthSession
+{
+public:
+    using Completion = std::function<void(const PlatformError &error)>; // no error (isError() false) = success
+
+    OAuthSession();
+    ~OAuthSession();
+    OAuthSession(const OAuthSession &) = delete;
+    OAuthSession &operator=(const OAuthSession &) = delete;
+
+    // Opens a URL in the user's default browser; runs on the main thread. Replaceable (tests approve the
+    // sign-in by fetching the page instead). Defaults to QDesktopServices::openUrl.
+    static std::function<void(const QUrl &)> &browserOpener();
+
+    // Returns at once. `completion` runs on the main thread at most once, and only when no newer connect or
+    // disconnect happened meanwhile.
+    void connect(const QString &origin, Completion completion);
+    // Forgets the credentials (cache and secret store) and silently cancels any connect in flight.
+    void disconnect();
+    // True when the secret store holds a record with an "access_token"; any read failure gives false.
+    bool connected() const;
+    // The current access token, refreshed when it expires within 60 s. Call on `queue()`. Throws "JiraError".
+    QString access();
+
+    QVariantMap load() const;
+    // Writes the record to the secret store, then caches it.
+    void save(const QVariantMap &record);
+
+    QVariant request(
+        const QString &url, const QString &method, const QVariant &body, const QString &token, qint64 &status) const;
+
+    SerialQueue &queue() { return *m_queue; }
+    const HTTPTransport &transport() const { return m_transport; }
+    qint64 generation() const { return m_generation.load(); }
+    void setGeneration(qint64 generation) { m_generation.store(generation); }
+
+private:
+    void runConnect(const QString &origin, qint64 attempt);
+    void openBrowser(const QUrl &url, qint64 attempt);
+    QVariantMap tokenRecord(const QVariantMap &answer, const QString &broker) const;
+
+    std::unique_ptr<QObject> m_mainContext; // lives on the creating (main) thread; targets of queued calls
+    HTTPTransport m_transport;
+    KeychainStore m_keychain;
+    QVariantMap m_record; // used on the queue only
+    std::atomic<qint64> m_generation {0};
+    std::unique_ptr<SerialQueue> m_queue; // declared last: destroyed first, so queued work never outlives the rest
+};

@@ -1,0 +1,15 @@
+#pragma once
+
+// Draft building: one worklog draft per tracked session of a day, with its source key (which session it
+// came from), its combine key (which drafts are posted together) and the validity test before posting.
+
+#include <QDateTime>
+#include <QString>
+#include <QVariantList>
+#include <QVariantMap>
+
+QVariantList JRBuildDrafts(const QVariantList &sessions, const QDateTime &day);
+QString JRSourceKey(const QVariantMap &session);
+QString JRCombineKey(const QVariantMap &draft); // null = nothing
+QString JRExclusionStatus(const QVariantMap &exclusion);
+bool JRValid(const QVariantMap &draft);
