@@ -3,6 +3,8 @@
 #include <QString>
 #include <QVariantMap>
 
+#include <functional>
+
 // The one credential record (tokens and the broker that issued them) in the system's secret store, as compact
 // JSON under (service, account). A missing item and a damaged one both read as "not connected"; any other
 // failure of the store is reported.
@@ -20,6 +22,9 @@ public:
     void save(const QVariantMap &record) const;
     // Deletes the item; a missing item is no failure.
     void remove() const;
+
+    // Runs `work` on the one thread that runs every secret-store job, and waits for it.
+    static void onStoreThread(const std::function<void()> &work);
 
 private:
     QString m_service;

@@ -1,0 +1,272 @@
+#include "jira/httptransport.h"
+
+#include "diagnostics/diagnosticlog.h"
+#include "jira/servicefail.h"
+#include "platform/endpoints.h"
+
+#include <QElapsedTimer>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QJsonParseError>
+#include <QUrl>
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <memory>
+
+namespace
+{
+
+constexpr qint64 kMaxResponseBytes = 64 * 1024 * 1024;
+constexpr int kTimedOutCode = -1001; // the "timed out" code the backstop reports, as the networking layer's
+
+const QString kOnlyHTTPS = QStringLiteral("Only HTTPS connections are supported.");
+const QString kTimedOut = QStringLiteral("Network request timed out. For a submitted worklog, the outcome may be "
+                                         "unknown; check Jira again before any retry.");
+const QString kFailed = QStringLiteral("Network request failed. For a submitted worklog, the outcome may be "
+                                       "unknown; check Jira again before any retry.");
+const QString kInvalid = QStringLiteral("The service returned an invalid response.");
+
+void initialiseCurl()
+{
+    // curl_global_init is not thread-safe; a function-local static runs it exactly once.
+    static const bool initialised = [] {
+        curl_global_init(CURL_GLOBAL_DEFAULT);
+        return true;
+    }();
+    Q_UNUSED(initialised);
+}
+
+// libcurl takes one CA file; a local stand-in's authority is trusted in addition to the system's by handing
+// it a combined bundle in memory. Without an extra file the system defaults apply unchanged.
+QByteArray combinedCABundle()
+{
+    const QString extra = endpoints::extraCAFile();
+    if (extra.isEmpty())
+        return {};
+    QByteArray bundle;
+    if (CURL *probe = curl_easy_init()) {
+        char *systemPath = nullptr;
+        if (curl_easy_getinfo(probe, CURLINFO_CAINFO, &systemPath) == CURLE_OK && systemPath) {
+            QFile system(QString::fromLocal8Bit(systemPath));
+            if (system.open(QIODevice::ReadOnly))
+                bundle = system.readAll();
+        }
+        curl_easy_cleanup(probe);
+    }
+    QFile file(extra);
+    if (file.open(QIODevice::ReadOnly))
+        bundle += '\n' + file.readAll();
+    return bundle;
+}
+
+size_t collect(char *data, size_t size, size_t count, void *target)
+{
+    auto *buffer = static_cast<QByteArray *>(target);
+    const size_t bytes = size * count;
+    if (buffer->size() + qint64(bytes) > kMaxResponseBytes)
+        return 0; // aborts the transfer as a network failure
+    buffer->append(data, qsizetype(bytes));
+    return bytes;
+}
+
+bool acceptableURL(const QString &text, const QUrl &url)
+{
+    // The scheme is compared as written: "HTTPS://" is refused on purpose, like anything that is not exactly
+    // "https". Credentials in the URL are refused even when empty ("https://@host").
+    return text.startsWith(QLatin1String("https://")) && url.isValid() && url.scheme() == QLatin1String("https")
+        && !url.host().isEmpty() && url.userName().isEmpty() && url.password().isEmpty()
+        && !url.authority(QUrl::FullyEncoded).contains(QLatin1Char('@'));
+}
+
+QByteArray serialisedBody(const QVariant &body)
+{
+    const QJsonValue value = QJsonValue::fromVariant(body);
+    if (value.isObject())
+        return QJsonDocument(value.toObject()).toJson(QJsonDocument::Compact);
+    if (value.isArray())
+        return QJsonDocument(value.toArray()).toJson(QJsonDocument::Compact);
+    Q_ASSERT_X(false, "HTTPTransport::request", "the body must be a JSON object or array");
+    return {};
+}
+
+struct EasyDeleter {
+    void operator()(CURL *handle) const { curl_easy_cleanup(handle); }
+};
+struct ListDeleter {
+    void operator()(curl_slist *list) const { curl_slist_free_all(list); }
+};
+
+// One multi handle driving one easy handle, so the caller's wait has its own deadline (the backstop) apart
+// from libcurl's idle and transfer limits.
+class Transfer
+{
+public:
+    explicit Transfer(CURL *easy)
+        : m_multi(curl_multi_init())
+        , m_easy(easy)
+    {
+        curl_multi_add_handle(m_multi, m_easy);
+    }
+    ~Transfer()
+    {
+        curl_multi_remove_handle(m_multi, m_easy);
+        curl_multi_cleanup(m_multi);
+    }
+    Transfer(const Transfer &) = delete;
+    Transfer &operator=(const Transfer &) = delete;
+
+    // False when the deadline passed first; the transfer is then abandoned by the destructor.
+    bool run(const QElapsedTimer &clock, qint64 deadlineMs, CURLcode &result)
+    {
+        int running = 1;
+        while (true) {
+            if (curl_multi_perform(m_multi, &running) != CURLM_OK)
+                break;
+            if (running == 0)
+                break;
+            const qint64 remaining = deadlineMs - clock.elapsed();
+            if (remaining <= 0)
+                return false;
+            curl_multi_poll(m_multi, nullptr, 0, int(std::min<qint64>(remaining, 250)), nullptr);
+        }
+        result = CURLE_FAILED_INIT;
+        int pending = 0;
+        while (CURLMsg *message = curl_multi_info_read(m_multi, &pending)) {
+            if (message->msg == CURLMSG_DONE && message->easy_handle == m_easy)
+                result = message->data.result;
+        }
+        return true;
+    }
+
+private:
+    CURLM *m_multi;
+    CURL *m_easy;
+};
+
+QVariantMap networkValues(double durationMs, qint64 status, qint64 errorCode)
+{
+    return {{QStringLiteral("duration_ms"), durationMs}, {QStringLiteral("http_status"), status},
+        {QStringLiteral("error_code"), errorCode}};
+}
+
+} // namespace
+
+HTTPTransport::HTTPTransport()
+    : HTTPTransport(Limits {})
+{
+}
+
+HTTPTransport::HTTPTransport(const Limits &limits)
+    : m_limits(limits)
+{
+    initialiseCurl();
+    m_caBundle = combinedCABundle();
+}
+
+HTTPTransport::~HTTPTransport() = default;
+
+QVariant HTTPTransport::request(
+    const QString &url, const QString &method, const QVariant &body, const QString &token, qint64 &status) const
+{
+    const QUrl parsed(url, QUrl::StrictMode);
+    if (!acceptableURL(url, parsed))
+        HLServiceFail(kOnlyHTTPS);
+
+    std::unique_ptr<CURL, EasyDeleter> easy(curl_easy_init());
+    if (!easy)
+        HLServiceFail(kFailed);
+    CURL *handle = easy.get();
+
+    const QByteArray encodedURL = parsed.toEncoded(QUrl::FullyEncoded);
+    curl_easy_setopt(handle, CURLOPT_URL, encodedURL.constData());
+    curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "https");
+    curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, "https");
+    // A redirect is never followed: the 3xx itself is the answer the caller judges.
+    curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 0L);
+    curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 1L);
+    curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 2L);
+    if (!m_caBundle.isEmpty()) {
+        curl_blob blob {const_cast<char *>(m_caBundle.constData()), size_t(m_caBundle.size()), CURL_BLOB_COPY};
+        curl_easy_setopt(handle, CURLOPT_CAINFO_BLOB, &blob);
+    }
+    // Idle: fewer than 1 byte per second for the idle period ends the transfer; total: the whole transfer.
+    const long idleSeconds = long(std::max<qint64>(1, (m_limits.idle.count() + 999) / 1000));
+    curl_easy_setopt(handle, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(handle, CURLOPT_LOW_SPEED_TIME, idleSeconds);
+    curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, long(m_limits.total.count()));
+    curl_easy_setopt(handle, CURLOPT_USERAGENT, "Hourloom/" HOURLOOM_VERSION);
+
+    QByteArray payload;
+    const bool hasBody = body.isValid() && !body.isNull();
+    if (hasBody)
+        payload = serialisedBody(body);
+
+    const QByteArray verb = method.toUtf8();
+    if (verb == "GET") {
+        curl_easy_setopt(handle, CURLOPT_HTTPGET, 1L);
+    } else if (verb == "POST") {
+        curl_easy_setopt(handle, CURLOPT_POST, 1L);
+    } else {
+        curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, verb.constData());
+    }
+    if (verb != "GET" || hasBody) {
+        curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(payload.size()));
+        curl_easy_setopt(handle, CURLOPT_POSTFIELDS, payload.constData());
+    }
+
+    curl_slist *rawHeaders = nullptr;
+    rawHeaders = curl_slist_append(rawHeaders, "Accept: application/json");
+    // libcurl would otherwise add a form content type to every POST and an Expect header to large ones.
+    rawHeaders = curl_slist_append(rawHeaders, hasBody ? "Content-Type: application/json" : "Content-Type:");
+    rawHeaders = curl_slist_append(rawHeaders, "Expect:");
+    QByteArray authorization;
+    if (!token.isNull()) {
+        authorization = "Authorization: Bearer " + token.toUtf8();
+        rawHeaders = curl_slist_append(rawHeaders, authorization.constData());
+    }
+    std::unique_ptr<curl_slist, ListDeleter> headers(rawHeaders);
+    curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
+
+    QByteArray received;
+    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, collect);
+    curl_easy_setopt(handle, CURLOPT_WRITEDATA, &received);
+
+    QElapsedTimer clock; // monotonic
+    clock.start();
+    CURLcode result = CURLE_OK;
+    bool finished = false;
+    {
+        Transfer transfer(handle);
+        finished = transfer.run(clock, m_limits.backstop.count(), result);
+    }
+    const double durationMs = double(clock.nsecsElapsed()) / 1e6;
+    if (!finished) {
+        DiagnosticLog::shared().record(QStringLiteral("network_failed"), networkValues(durationMs, 0, kTimedOutCode));
+        HLServiceFail(kTimedOut);
+    }
+
+    long responseCode = 0;
+    curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &responseCode);
+    if (result != CURLE_OK) {
+        DiagnosticLog::shared().record(
+            QStringLiteral("network_failed"), networkValues(durationMs, responseCode, qint64(result)));
+        HLServiceFail(kFailed);
+    }
+    DiagnosticLog::shared().record(QStringLiteral("network_completed"), networkValues(durationMs, responseCode, 0));
+
+    status = responseCode;
+    if (!received.isEmpty()) {
+        QJsonParseError error;
+        const QJsonDocument document = QJsonDocument::fromJson(received, &error);
+        if (error.error == QJsonParseError::NoError && (document.isObject() || document.isArray()))
+            return document.toVariant();
+    }
+    if (status >= 200 && status <= 299)
+        HLServiceFail(kInvalid);
+    return {};
+}

@@ -1,0 +1,210 @@
+#include "jira/jiraclient.h"
+
+#include "jira/servicefail.h"
+#include "platform/endpoints.h"
+
+#include <QRegularExpression>
+
+#include <cmath>
+
+namespace
+{
+
+constexpr qint64 kMaxPages = 10000;
+constexpr qint64 kMaxTitleLength = 4096;
+
+bool isNumber(const QVariant &value)
+{
+    switch (value.typeId()) {
+    case QMetaType::Double:
+    case QMetaType::LongLong:
+    case QMetaType::Int:
+    case QMetaType::ULongLong:
+    case QMetaType::UInt:
+        return true;
+    default:
+        return false;
+    }
+}
+
+QString statusHint(qint64 status)
+{
+    switch (status) {
+    case 401:
+        return QStringLiteral("Reconnect Jira.");
+    case 403:
+        return QStringLiteral("Check Jira permissions.");
+    case 429:
+        return QStringLiteral("Jira is limiting requests; wait a moment and check again.");
+    default:
+        return QStringLiteral("Review the issue and check Jira again before retrying.");
+    }
+}
+
+} // namespace
+
+JiraClient::JiraClient() = default;
+
+void JiraClient::connect(const QString &origin, OAuthSession::Completion completion)
+{
+    m_session.connect(origin, std::move(completion));
+}
+
+void JiraClient::disconnect()
+{
+    m_session.disconnect();
+}
+
+QString JiraClient::access()
+{
+    return m_session.access();
+}
+
+QVariant JiraClient::request(
+    const QString &url, const QString &method, const QVariant &body, const QString &token, qint64 &status) const
+{
+    return m_session.request(url, method, body, token, status);
+}
+
+bool JiraClient::connected() const
+{
+    return !offline() && m_session.connected();
+}
+
+QVariant JiraClient::api(const QString &path, const QString &method, const QVariant &body)
+{
+    const QString url = endpoints::gatewayOrigin() + path;
+    const QString token = access();
+    qint64 status = 0;
+    const QVariant answer = request(url, method, body, token, status);
+    if (status < 200 || status >= 300)
+        HLServiceFail(QStringLiteral("Jira returned HTTP %1. %2").arg(status).arg(statusHint(status)));
+    return answer;
+}
+
+QString JiraClient::prefix(const QString &cloud)
+{
+    static const QRegularExpression alphabet(QStringLiteral("^[A-Za-z0-9-]+$"));
+    if (!alphabet.match(cloud).hasMatch())
+        HLServiceFail(QStringLiteral("Invalid Jira site identifier."));
+    return QStringLiteral("/ex/jira/") + cloud + QStringLiteral("/rest/api/3");
+}
+
+QString JiraClient::safeIssue(const QString &key)
+{
+    // \z rather than $: a trailing line break must not slip into a URL.
+    static const QRegularExpression pattern(QStringLiteral("^[A-Z][A-Z0-9_]*-[0-9]+\\z"));
+    if (!pattern.match(key).hasMatch())
+        HLServiceFail(QStringLiteral("Enter a valid Jira issue key."));
+    return key;
+}
+
+QVariantList JiraClient::resources()
+{
+    const QVariant answer = api(QStringLiteral("/oauth/token/accessible-resources"), QStringLiteral("GET"));
+    if (answer.typeId() != QMetaType::QVariantList)
+        HLServiceFail(QStringLiteral("Invalid Jira site list."));
+    return answer.toList();
+}
+
+QVariantMap JiraClient::identity(const QString &cloud)
+{
+    const QVariant answer = api(prefix(cloud) + QStringLiteral("/myself"), QStringLiteral("GET"));
+    if (answer.typeId() != QMetaType::QVariantMap
+        || answer.toMap().value(QStringLiteral("accountId")).typeId() != QMetaType::QString)
+        HLServiceFail(QStringLiteral("Could not identify the authorized Jira user."));
+    return answer.toMap();
+}
+
+QVariantMap JiraClient::issueDetails(const QString &issue, const QString &cloud)
+{
+    const QString path
+        = prefix(cloud) + QStringLiteral("/issue/") + safeIssue(issue) + QStringLiteral("?fields=summary,timetracking");
+    const QVariantMap answer = api(path, QStringLiteral("GET")).toMap();
+    const QVariant fields = answer.value(QStringLiteral("fields"));
+    const QVariant summary = fields.toMap().value(QStringLiteral("summary"));
+    const qsizetype length = summary.toString().size();
+    if (fields.typeId() != QMetaType::QVariantMap || summary.typeId() != QMetaType::QString || length < 1
+        || length > kMaxTitleLength)
+        HLServiceFail(QStringLiteral("Jira title unavailable."));
+
+    QVariantMap details {{QStringLiteral("title"), summary.toString()}};
+    const QVariantMap tracking = fields.toMap().value(QStringLiteral("timetracking")).toMap();
+    const std::pair<const char *, const char *> estimates[] = {
+        {"originalEstimateSeconds", "estimate_seconds"},
+        {"remainingEstimateSeconds", "remaining_seconds"},
+    };
+    for (const auto &[from, to] : estimates) {
+        const QVariant value = tracking.value(QLatin1String(from));
+        if (isNumber(value) && value.toDouble() >= 0)
+            details.insert(QLatin1String(to), value);
+    }
+    return details;
+}
+
+QVariantList JiraClient::worklogs(const QString &issue, const QString &cloud, const QDateTime &startedAfter,
+    const QDateTime &startedBefore, const Progress &progress)
+{
+    const QString base = prefix(cloud) + QStringLiteral("/issue/") + safeIssue(issue);
+    // Milliseconds are the finest unit on both sides, so the bounds pass unchanged and the range never narrows.
+    QString filter;
+    if (startedAfter.isValid())
+        filter += QStringLiteral("&startedAfter=%1").arg(startedAfter.toMSecsSinceEpoch());
+    if (startedBefore.isValid())
+        filter += QStringLiteral("&startedBefore=%1").arg(startedBefore.toMSecsSinceEpoch());
+
+    QVariantList result;
+    qint64 startAt = 0;
+    for (qint64 page = 1;; ++page) {
+        if (page > kMaxPages)
+            HLServiceFail(QStringLiteral("Too many worklogs to verify safely."));
+        const QString path = base + QStringLiteral("/worklog?startAt=%1&maxResults=1000").arg(startAt) + filter
+            + QStringLiteral("&expand=properties");
+        const QVariantMap answer = api(path, QStringLiteral("GET")).toMap();
+        const QVariant pageLogs = answer.value(QStringLiteral("worklogs"));
+        const QVariant total = answer.value(QStringLiteral("total"));
+        if (pageLogs.typeId() != QMetaType::QVariantList || !isNumber(total))
+            HLServiceFail(QStringLiteral("Jira returned incomplete worklog data."));
+        const QVariantList logs = pageLogs.toList();
+        result += logs;
+
+        // Jira may grant fewer per page than asked; the page count follows what it granted.
+        qint64 pageSize = answer.value(QStringLiteral("maxResults")).toLongLong();
+        if (pageSize < 1)
+            pageSize = std::max<qint64>(logs.size(), 100);
+        const double totalCount = total.toDouble();
+        if (progress) {
+            const qint64 pages = std::max<qint64>(1, qint64(std::ceil(totalCount / double(pageSize))));
+            progress(page, pages);
+        }
+        startAt += logs.size();
+        if (double(startAt) >= totalCount)
+            return result;
+        if (logs.isEmpty())
+            HLServiceFail(QStringLiteral("Jira worklog pagination did not complete."));
+    }
+}
+
+QVariantList JiraClient::worklogs(const QString &issue, const QString &cloud, const Progress &progress)
+{
+    return worklogs(issue, cloud, QDateTime(), QDateTime(), progress);
+}
+
+QVariantList JiraClient::worklogs(const QString &issue, const QString &cloud)
+{
+    return worklogs(issue, cloud, QDateTime(), QDateTime(), Progress());
+}
+
+QVariantMap JiraClient::post(
+    const QVariantMap &payload, const QString &issue, const QString &cloud, const QString &mode)
+{
+    const QString adjust = mode == QLatin1String("auto") ? QStringLiteral("auto") : QStringLiteral("leave");
+    const QString path = prefix(cloud) + QStringLiteral("/issue/") + safeIssue(issue)
+        + QStringLiteral("/worklog?adjustEstimate=") + adjust + QStringLiteral("&notifyUsers=false");
+    const QVariant answer = api(path, QStringLiteral("POST"), payload);
+    // A 2xx without an id may still have created the worklog: unknown, neither success nor failure.
+    if (answer.typeId() != QMetaType::QVariantMap
+        || answer.toMap().value(QStringLiteral("id")).typeId() != QMetaType::QString)
+        HLServiceFail(QStringLiteral("Submission outcome is unknown. Check Jira again before retrying."));
+    return answer.toMap();
+}
