@@ -59,7 +59,7 @@ struct ReceivedRequest {
     QString method;
     QString path; // without the query
     QString query; // raw, without "?"
-    QList<QPair<QString, QString>> headers; // names lower-cased, in arrival order
+    QList<QPair<QString, QString>> headers; // names lower-cased
     QByteArray body;
     QDateTime receivedAt;
 
@@ -139,7 +139,8 @@ public:
     void addSite(const Site &site);
     void addIssue(const Issue &issue); // replaces an issue with the same key
     QString addWorklog(const Worklog &worklog); // returns the id
-    void seedDemo(); // one user, one site and a few issues (the demo and the executable's --seed-demo)
+    // One user (in `timeZone` when given), one site and a few issues: the demo and the executable's --seed-demo.
+    void seedDemo(const QString &timeZone = {});
     // Every worklog of an issue as the gateway would answer it to `viewerAccountId` (empty: the author's own
     // zone), properties included, in created order.
     QJsonArray worklogs(const QString &issueKey, const QString &viewerAccountId = {}) const;
