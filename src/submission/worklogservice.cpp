@@ -242,8 +242,11 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
 
         recordCompletion(QStringLiteral("jira_compare_completed"), result.size(), false);
         return {{QStringLiteral("drafts"), result}, {QStringLiteral("account"), account}};
-    } catch (const NamedFailure &caught) {
-        const QString reason = caught.reason().isEmpty() ? QStringLiteral("Checking Jira failed.") : caught.reason();
+    } catch (const std::exception &caught) {
+        // Named failures carry the sentence for the user; anything else (a system error) gets the general one.
+        const auto *named = dynamic_cast<const NamedFailure *>(&caught);
+        const QString reason
+            = named && !named->reason().isEmpty() ? named->reason() : QStringLiteral("Checking Jira failed.");
         QVariantMap failed = event("failed");
         failed.insert(QStringLiteral("error"), reason);
         notify(progress, failed);
@@ -262,12 +265,13 @@ QVariantList WorklogService::postDrafts(const QVariantList &drafts, const QStrin
         QVariantList posted = postRows(drafts, cloud, account, generation, progress, completed, issue, sourceKeys);
         recordCompletion(QStringLiteral("jira_post_completed"), completed, false);
         return posted;
-    } catch (const NamedFailure &caught) {
+    } catch (const std::exception &caught) {
+        const auto *named = dynamic_cast<const NamedFailure *>(&caught);
         notify(progress,
             {{QStringLiteral("phase"), QStringLiteral("post")}, {kState, QStringLiteral("failed")}, {kIssue, issue},
                 {kSourceKeys, sourceKeys}, {kCompleted, completed}, {kTotal, qint64(drafts.size())},
                 {QStringLiteral("error"),
-                    caught.reason().isEmpty() ? QStringLiteral("Posting failed.") : caught.reason()}});
+                    named && !named->reason().isEmpty() ? named->reason() : QStringLiteral("Posting failed.")}});
         recordCompletion(QStringLiteral("jira_post_completed"), completed, true);
         throw;
     }
