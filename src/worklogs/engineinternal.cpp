@@ -1,0 +1,315 @@
+#include "worklogs/engineinternal.h"
+
+#include "worklogs/preferences.h"
+
+#include <QStringList>
+
+#include <cmath>
+#include <limits>
+
+namespace jrinternal
+{
+
+namespace
+{
+
+constexpr qint64 kMax = std::numeric_limits<qint64>::max();
+constexpr qint64 kMin = std::numeric_limits<qint64>::min();
+
+qint64 fromDouble(double value)
+{
+    if (std::isnan(value))
+        return 0;
+    if (value >= 9.2233720368547758e18)
+        return kMax;
+    if (value <= -9.2233720368547758e18)
+        return kMin;
+    return qint64(value); // truncates toward zero
+}
+
+} // namespace
+
+QString plainText(const QVariant &value)
+{
+    switch (value.typeId()) {
+    case QMetaType::QString:
+        return value.toString();
+    case QMetaType::Int:
+    case QMetaType::Long:
+    case QMetaType::LongLong:
+    case QMetaType::Short:
+    case QMetaType::Char:
+    case QMetaType::SChar:
+        return QString::number(value.toLongLong());
+    case QMetaType::UInt:
+    case QMetaType::ULong:
+    case QMetaType::ULongLong:
+    case QMetaType::UShort:
+    case QMetaType::UChar:
+        return QString::number(value.toULongLong());
+    case QMetaType::Bool:
+        return value.toBool() ? QStringLiteral("1") : QStringLiteral("0");
+    case QMetaType::Double:
+    case QMetaType::Float: {
+        const double d = value.toDouble();
+        if (std::isfinite(d) && d == std::trunc(d) && std::fabs(d) < 9.0e15)
+            return QString::number(qint64(d));
+        return QString::number(d, 'g', 17);
+    }
+    default:
+        return QStringLiteral("");
+    }
+}
+
+QString textValue(const QVariant &value)
+{
+    return value.typeId() == QMetaType::QString ? value.toString() : QStringLiteral("");
+}
+
+qint64 int64Value(const QVariant &value, bool *ok)
+{
+    bool converted = true;
+    qint64 result = 0;
+    switch (value.typeId()) {
+    case QMetaType::Int:
+    case QMetaType::Long:
+    case QMetaType::LongLong:
+    case QMetaType::Short:
+    case QMetaType::Char:
+    case QMetaType::SChar:
+    case QMetaType::UInt:
+    case QMetaType::UShort:
+    case QMetaType::UChar:
+    case QMetaType::Bool:
+        result = value.toLongLong();
+        break;
+    case QMetaType::ULong:
+    case QMetaType::ULongLong: {
+        const qulonglong u = value.toULongLong();
+        result = u > quint64(kMax) ? kMax : qint64(u);
+        break;
+    }
+    case QMetaType::Double:
+    case QMetaType::Float:
+        result = fromDouble(value.toDouble());
+        break;
+    case QMetaType::QString: {
+        const QString text = value.toString().trimmed();
+        result = text.toLongLong(&converted);
+        if (!converted) {
+            const double d = text.toDouble(&converted);
+            result = converted ? fromDouble(d) : 0;
+        }
+        break;
+    }
+    default:
+        converted = false;
+        break;
+    }
+    if (ok)
+        *ok = converted;
+    return result;
+}
+
+bool isYes(const QVariant &value)
+{
+    switch (value.typeId()) {
+    case QMetaType::Bool:
+    case QMetaType::Int:
+    case QMetaType::Long:
+    case QMetaType::LongLong:
+    case QMetaType::UInt:
+    case QMetaType::ULong:
+    case QMetaType::ULongLong:
+    case QMetaType::Double:
+    case QMetaType::Short:
+    case QMetaType::UShort:
+    case QMetaType::Char:
+    case QMetaType::SChar:
+    case QMetaType::UChar:
+    case QMetaType::Float:
+        return int64Value(value) != 0;
+    case QMetaType::QString: {
+        // Settings files store booleans as "true"/"false".
+        const QString text = value.toString().trimmed();
+        if (text.compare(u"true", Qt::CaseInsensitive) == 0 || text.compare(u"yes", Qt::CaseInsensitive) == 0)
+            return true;
+        return int64Value(value) != 0;
+    }
+    default:
+        return false;
+    }
+}
+
+bool isMap(const QVariant &value)
+{
+    return value.typeId() == QMetaType::QVariantMap;
+}
+
+bool isList(const QVariant &value)
+{
+    return value.typeId() == QMetaType::QVariantList || value.typeId() == QMetaType::QStringList;
+}
+
+QVariantMap mapValue(const QVariant &value)
+{
+    return isMap(value) ? value.toMap() : QVariantMap();
+}
+
+QVariantList listValue(const QVariant &value)
+{
+    return isList(value) ? value.toList() : QVariantList();
+}
+
+bool isText(const QVariant &value, const QString &expected)
+{
+    return !expected.isNull() && value.typeId() == QMetaType::QString && value.toString() == expected;
+}
+
+bool isIssueKey(QStringView text)
+{
+    const auto upper = [](QChar c) { return c >= u'A' && c <= u'Z'; };
+    const auto digit = [](QChar c) { return c >= u'0' && c <= u'9'; };
+    if (text.isEmpty() || !upper(text[0]))
+        return false;
+    const qsizetype dash = text.lastIndexOf(u'-');
+    if (dash < 1 || dash == text.size() - 1)
+        return false;
+    for (qsizetype i = 1; i < dash; ++i) {
+        if (!upper(text[i]) && !digit(text[i]) && text[i] != u'_')
+            return false;
+    }
+    for (qsizetype i = dash + 1; i < text.size(); ++i) {
+        if (!digit(text[i]))
+            return false;
+    }
+    return true;
+}
+
+qint64 saturatingAdd(qint64 a, qint64 b)
+{
+    qint64 result;
+    if (__builtin_add_overflow(a, b, &result))
+        return b > 0 ? kMax : kMin;
+    return result;
+}
+
+qint64 saturatingSub(qint64 a, qint64 b)
+{
+    qint64 result;
+    if (__builtin_sub_overflow(a, b, &result))
+        return b < 0 ? kMax : kMin;
+    return result;
+}
+
+QDate localDay(const QDateTime &date)
+{
+    return date.isValid() ? date.toLocalTime().date() : QDate();
+}
+
+QDateTime localDayStart(const QDate &day)
+{
+    return day.isValid() ? day.startOfDay() : QDateTime();
+}
+
+QString sessionIssue(const QVariantMap &session)
+{
+    const QVariant issue = session.value(QStringLiteral("issue"));
+    if (issue.typeId() == QMetaType::QString && issue.toString() != u"Unassigned")
+        return issue.toString();
+    return QStringLiteral("");
+}
+
+QString sessionActivity(const QVariantMap &session)
+{
+    if (!isText(session.value(QStringLiteral("assignment")), QStringLiteral("Description rule")))
+        return {};
+    const QVariant aggregate = session.value(QStringLiteral("aggregate_description"));
+    const QVariant activity = (aggregate.typeId() == QMetaType::QString && !aggregate.toString().isEmpty())
+        ? aggregate
+        : session.value(QStringLiteral("description"));
+    if (activity.typeId() == QMetaType::QString && !activity.toString().isEmpty())
+        return activity.toString();
+    return {};
+}
+
+QString sessionCombineKey(const QVariantMap &session, const QString &issue, bool combineDaily)
+{
+    if (issue.isEmpty())
+        return {};
+    if (!combineDaily) {
+        if (!isYes(session.value(QStringLiteral("aggregate_daily"))))
+            return {};
+        return issue + u'|' + plainText(session.value(QStringLiteral("aggregate_description")));
+    }
+    const QString activity = sessionActivity(session);
+    if (!activity.isNull())
+        return issue + u'|' + activity;
+    return issue;
+}
+
+QString exclusionKind(const QVariantMap &record)
+{
+    return plainText(mapValue(record.value(QStringLiteral("jira_exclusion"))).value(QStringLiteral("kind")));
+}
+
+QString combineKey(const QVariantMap &draft, bool combineDaily)
+{
+    if (isYes(draft.value(QStringLiteral("source_running"))) || exclusionKind(draft) == u"ignore")
+        return {};
+    const QString key = sessionCombineKey(mapValue(draft.value(QStringLiteral("session"))),
+        textValue(draft.value(QStringLiteral("issue"))), combineDaily);
+    const QDateTime start = JRDate(draft.value(QStringLiteral("started")));
+    if (key.isNull() || !start.isValid())
+        return {};
+    const QDateTime dayStart = localDayStart(localDay(start));
+    if (!dayStart.isValid())
+        return {};
+    return key + u'|' + QString::number(dayStart.toSecsSinceEpoch());
+}
+
+bool valid(const QVariantMap &draft, bool ignoreShort)
+{
+    if (!isIssueKey(textValue(draft.value(QStringLiteral("issue")))))
+        return false;
+    const auto post = draft.constFind(QStringLiteral("post_seconds"));
+    const QString text = plainText(post != draft.constEnd() ? *post : draft.value(QStringLiteral("seconds")));
+    if (text.isEmpty())
+        return false;
+    for (const QChar c : text) {
+        if (c < u'0' || c > u'9')
+            return false;
+    }
+    bool ok = false;
+    const qint64 seconds = text.toLongLong(&ok);
+    if (!ok)
+        return false;
+    const bool fragment = isYes(draft.value(QStringLiteral("fragment")));
+    const qint64 lower = (fragment || !ignoreShort) ? 1 : 60;
+    if (seconds < lower || seconds > 86400)
+        return false;
+    return JRDate(draft.value(QStringLiteral("started"))).isValid();
+}
+
+QString rowComment(const QVariantMap &draft)
+{
+    const QString text = textValue(draft.value(QStringLiteral("comment")));
+    if (isYes(draft.value(QStringLiteral("comment_custom"))))
+        return text;
+    // Without an own comment or activity, the issue's title says it all; Jira needs no copy of it.
+    if (!textValue(draft.value(QStringLiteral("issue_title"))).isEmpty()
+        && textValue(draft.value(QStringLiteral("activity"))).isEmpty())
+        return QStringLiteral("");
+    return text;
+}
+
+QVariantMap commentDocument(const QString &text)
+{
+    const QVariantMap textNode {{QStringLiteral("type"), QStringLiteral("text")}, {QStringLiteral("text"), text}};
+    const QVariantMap paragraph {
+        {QStringLiteral("type"), QStringLiteral("paragraph")}, {QStringLiteral("content"), QVariantList {textNode}}};
+    return QVariantMap {{QStringLiteral("version"), 1}, {QStringLiteral("type"), QStringLiteral("doc")},
+        {QStringLiteral("content"), QVariantList {paragraph}}};
+}
+
+} // namespace jrinternal

@@ -1,0 +1,338 @@
+#include "worklogs/preferences.h"
+
+#include "worklogs/engineinternal.h"
+
+#include <QCryptographicHash>
+#include <QRegularExpression>
+#include <QSettings>
+
+#include <cmath>
+#include <limits>
+
+namespace
+{
+
+const QString kIgnoreShort = QStringLiteral("IgnoreSessionsUnderOneMinute");
+const QString kHideShort = QStringLiteral("HideShortSessionsInHistory");
+const QString kAutoCompare = QStringLiteral("AutoCompareOnReviewOpen");
+const QString kCombineDaily = QStringLiteral("CombineDailyByIssue");
+const QString kReminder = QStringLiteral("WorkdayReminderEnabled");
+const QString kStart = QStringLiteral("WorkdayStartMinutes");
+const QString kEnd = QStringLiteral("WorkdayEndMinutes");
+const QString kWeekends = QStringLiteral("WorkdayIncludesWeekends");
+const QString kReduceEstimate = QStringLiteral("ReduceEstimateOnPost");
+
+// Preferences that default to YES are read only when a value is stored: no defaults are registered.
+bool boolDefaultYes(const QString &key)
+{
+    QSettings settings;
+    return !settings.contains(key) || jrinternal::isYes(settings.value(key));
+}
+
+bool boolDefaultNo(const QString &key)
+{
+    return jrinternal::isYes(QSettings().value(key));
+}
+
+void setBool(const QString &key, bool value)
+{
+    QSettings().setValue(key, value);
+}
+
+int workdayMinutes(const QString &key, int fallback)
+{
+    QSettings settings;
+    if (!settings.contains(key))
+        return fallback;
+    const qint64 value = jrinternal::int64Value(settings.value(key));
+    // Compared as unsigned on purpose: negative values fall back as well.
+    return quint64(value) < 1440 ? int(value) : fallback;
+}
+
+} // namespace
+
+bool JRIgnoreShortSessions()
+{
+    return boolDefaultYes(kIgnoreShort);
+}
+void JRSetIgnoreShortSessions(bool ignore)
+{
+    setBool(kIgnoreShort, ignore);
+}
+bool JRHideShortSessions()
+{
+    return boolDefaultNo(kHideShort);
+}
+void JRSetHideShortSessions(bool hide)
+{
+    setBool(kHideShort, hide);
+}
+bool JRAutoCompareOnOpen()
+{
+    return boolDefaultYes(kAutoCompare);
+}
+void JRSetAutoCompareOnOpen(bool compare)
+{
+    setBool(kAutoCompare, compare);
+}
+bool JRCombineDailyByIssue()
+{
+    return boolDefaultYes(kCombineDaily);
+}
+void JRSetCombineDailyByIssue(bool combine)
+{
+    setBool(kCombineDaily, combine);
+}
+bool JRWorkdayReminderEnabled()
+{
+    return boolDefaultNo(kReminder);
+}
+void JRSetWorkdayReminderEnabled(bool enabled)
+{
+    setBool(kReminder, enabled);
+}
+bool JRWorkdayWeekendsIncluded()
+{
+    return boolDefaultNo(kWeekends);
+}
+void JRSetWorkdayWeekendsIncluded(bool included)
+{
+    setBool(kWeekends, included);
+}
+bool JRReduceEstimateOnPost()
+{
+    return boolDefaultNo(kReduceEstimate);
+}
+void JRSetReduceEstimateOnPost(bool reduce)
+{
+    setBool(kReduceEstimate, reduce);
+}
+
+int JRWorkdayStartMinutes()
+{
+    return workdayMinutes(kStart, 540);
+}
+int JRWorkdayEndMinutes()
+{
+    return workdayMinutes(kEnd, 1020);
+}
+
+void JRSetWorkdayMinutes(int start, int end)
+{
+    QSettings settings;
+    settings.setValue(kStart, start);
+    settings.setValue(kEnd, end);
+}
+
+bool JRWorkdayIncludesWeekday(int weekday)
+{
+    if (JRWorkdayWeekendsIncluded())
+        return true;
+    return weekday != 1 && weekday != 7;
+}
+
+qint64 JRRoundedSeconds(qint64 seconds)
+{
+    if (seconds < 1)
+        return 0;
+    if (seconds > std::numeric_limits<qint64>::max() - 30)
+        return (std::numeric_limits<qint64>::max() / 60) * 60;
+    return ((seconds + 30) / 60) * 60;
+}
+
+qint64 JRPostSeconds(const QVariantMap &draft)
+{
+    const auto post = draft.constFind(QStringLiteral("post_seconds"));
+    if (post != draft.constEnd())
+        return jrinternal::int64Value(*post);
+    return jrinternal::int64Value(draft.value(QStringLiteral("seconds")));
+}
+
+QString JRDurationText(qint64 seconds)
+{
+    const qint64 s = std::max<qint64>(seconds, 0);
+    const qint64 m = s / 60;
+    if (seconds < 3600)
+        return QString::number(m) + u'm';
+    const qint64 h = s / 3600;
+    const qint64 r = m % 60;
+    if (r == 0)
+        return QString::number(h) + u'h';
+    return QString::number(h) + QStringLiteral("h ") + QString::number(r) + u'm';
+}
+
+qint64 JRSecondsFromText(const QString &text)
+{
+    const QString trimmed = text.trimmed();
+    if (trimmed.isEmpty())
+        return -1;
+    static const QRegularExpression minutesOnly(QStringLiteral("\\A[0-9]{1,6}\\z"));
+    static const QRegularExpression hoursMinutes(
+        QStringLiteral("\\A(?:([0-9]{1,6})\\s*h)?\\s*(?:([0-9]{1,6})\\s*m)?\\z"),
+        QRegularExpression::CaseInsensitiveOption | QRegularExpression::UseUnicodePropertiesOption);
+    if (minutesOnly.match(trimmed).hasMatch())
+        return trimmed.toLongLong() * 60;
+    const QRegularExpressionMatch match = hoursMinutes.match(trimmed);
+    if (!match.hasMatch())
+        return -1;
+    const bool hasHours = match.capturedLength(1) > 0;
+    const bool hasMinutes = match.capturedLength(2) > 0;
+    if (!hasHours && !hasMinutes)
+        return -1;
+    qint64 result = 0;
+    if (hasHours)
+        result += match.captured(1).toLongLong() * 3600;
+    if (hasMinutes)
+        result += match.captured(2).toLongLong() * 60;
+    return result;
+}
+
+QString JRCommentFromText(const QString &text)
+{
+    // The tag of the program's former name is still recognised on worklogs it posted.
+    for (const QString &separator : {QStringLiteral("\n[Hourloom:"), QStringLiteral("\n[Stintwatch Companion:")}) {
+        const qsizetype at = text.lastIndexOf(separator);
+        if (at >= 0)
+            return text.left(at);
+    }
+    if (text.startsWith(QStringLiteral("[Hourloom:")) || text.startsWith(QStringLiteral("[Stintwatch Companion:")))
+        return QStringLiteral("");
+    return text;
+}
+
+namespace
+{
+
+// Rich-text documents nest a few levels; the limit only keeps a hostile document from exhausting the stack.
+constexpr int kMaxTextDepth = 200;
+
+void appendText(const QVariant &node, QString &out, int depth)
+{
+    if (depth > kMaxTextDepth)
+        return;
+    switch (node.typeId()) {
+    case QMetaType::QString:
+        out += node.toString();
+        return;
+    case QMetaType::QVariantMap: {
+        const QVariantMap map = node.toMap();
+        const auto text = map.constFind(QStringLiteral("text"));
+        if (text != map.constEnd() && text->typeId() == QMetaType::QString)
+            out += text->toString();
+        const auto content = map.constFind(QStringLiteral("content"));
+        if (content != map.constEnd())
+            appendText(*content, out, depth + 1);
+        return;
+    }
+    case QMetaType::QVariantList: {
+        const QVariantList list = node.toList();
+        bool first = true;
+        for (const QVariant &element : list) {
+            if (!first)
+                out += u'\n';
+            first = false;
+            appendText(element, out, depth + 1);
+        }
+        return;
+    }
+    case QMetaType::QStringList:
+        out += node.toStringList().join(u'\n');
+        return;
+    default:
+        return;
+    }
+}
+
+// `count` decimal digits at `at`, or -1.
+int digits(QStringView text, qsizetype at, int count)
+{
+    int value = 0;
+    for (int i = 0; i < count; ++i) {
+        const QChar c = text[at + i];
+        if (c < u'0' || c > u'9')
+            return -1;
+        value = value * 10 + (c.unicode() - u'0');
+    }
+    return value;
+}
+
+// "yyyy-MM-dd'T'HH:mm:ss[.SSS]Z" with Z a numeric offset (+hhmm, +hh:mm) or the letter Z.
+QDateTime parseJiraDate(QStringView text, bool withMillis)
+{
+    const qsizetype base = withMillis ? 23 : 19;
+    if (text.size() < base + 1)
+        return {};
+    if (text[4] != u'-' || text[7] != u'-' || text[10] != u'T' || text[13] != u':' || text[16] != u':')
+        return {};
+    const int year = digits(text, 0, 4), month = digits(text, 5, 2), day = digits(text, 8, 2);
+    const int hour = digits(text, 11, 2), minute = digits(text, 14, 2), second = digits(text, 17, 2);
+    int millis = 0;
+    if (withMillis) {
+        if (text[19] != u'.')
+            return {};
+        millis = digits(text, 20, 3);
+    }
+    if (year < 0 || month < 0 || day < 0 || hour < 0 || minute < 0 || second < 0 || millis < 0)
+        return {};
+    const QDate date(year, month, day);
+    if (!date.isValid() || hour > 23 || minute > 59 || second > 59)
+        return {};
+    const QStringView zone = text.mid(base);
+    int offset = 0;
+    if (zone == u"Z") {
+        offset = 0;
+    } else {
+        if (zone[0] != u'+' && zone[0] != u'-')
+            return {};
+        int oh = -1, om = -1;
+        if (zone.size() == 5) {
+            oh = digits(zone, 1, 2);
+            om = digits(zone, 3, 2);
+        } else if (zone.size() == 6 && zone[3] == u':') {
+            oh = digits(zone, 1, 2);
+            om = digits(zone, 4, 2);
+        }
+        if (oh < 0 || om < 0 || oh > 18 || om > 59)
+            return {};
+        offset = (oh * 3600 + om * 60) * (zone[0] == u'-' ? -1 : 1);
+    }
+    return QDateTime(date, QTime(hour, minute, second, millis), Qt::OffsetFromUTC, offset);
+}
+
+} // namespace
+
+QString JRText(const QVariant &node)
+{
+    QString out;
+    appendText(node, out, 0);
+    return out;
+}
+
+QDateTime JRDate(const QVariant &value)
+{
+    if (value.typeId() != QMetaType::QString)
+        return {};
+    const QString text = value.toString();
+    QDateTime date = parseJiraDate(text, true);
+    if (!date.isValid())
+        date = parseJiraDate(text, false);
+    return date;
+}
+
+QString JRISO(const QDateTime &date)
+{
+    if (!date.isValid())
+        return QStringLiteral("");
+    const QDateTime local = date.toLocalTime();
+    const QDate d = local.date();
+    const QTime t = local.time();
+    const int offset = local.offsetFromUtc();
+    const int absolute = std::abs(offset);
+    return QString::asprintf("%04d-%02d-%02dT%02d:%02d:%02d.%03d%c%02d%02d", d.year(), d.month(), d.day(), t.hour(),
+        t.minute(), t.second(), t.msec(), offset < 0 ? '-' : '+', absolute / 3600, (absolute % 3600) / 60);
+}
+
+QString JRHash(const QString &text)
+{
+    return QString::fromLatin1(QCryptographicHash::hash(text.toUtf8(), QCryptographicHash::Sha256).toHex());
+}
