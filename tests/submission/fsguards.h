@@ -1,5 +1,7 @@
 #pragma once
 
+#include "qtprinters.h"
+
 #include <QString>
 
 // File-system conditions for failure tests that must hold even when the tests run as root.

@@ -66,6 +66,11 @@ struct DamagedLedger {
     std::function<void(const QString &path)> damage;
 };
 
+void PrintTo(const DamagedLedger &ledger, std::ostream *out)
+{
+    *out << ledger.name;
+}
+
 class ReceiptStoreDamaged : public ::testing::TestWithParam<DamagedLedger>
 {
 };

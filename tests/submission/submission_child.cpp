@@ -2,11 +2,20 @@
 // waits there until the test kills it.
 //
 //   submission_child lock <lock file>   takes the submission lock, prints "locked", waits
+//   submission_child post <config>      posts the rows of a JSON config with WorklogService; once the first
+//                                       "pending" receipt is saved (the "submitting" progress event, just
+//                                       before the POST) it prints "submitting" and waits
 
+#include "jira/jiraclient.h"
 #include "platform/failure.h"
 #include "submission/submissionlock.h"
+#include "submission/worklogservice.h"
 
 #include <QCoreApplication>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QString>
 
 #include <cstdio>
@@ -27,6 +36,35 @@ void announce(const char *point)
         pause();
 }
 
+int post(const QString &configPath)
+{
+    QFile file(configPath);
+    if (!file.open(QIODevice::ReadOnly))
+        return 2;
+    const QJsonObject config = QJsonDocument::fromJson(file.readAll()).object();
+    JiraClient client;
+    WorklogService service(client, config.value(QStringLiteral("directory")).toString());
+    int code = 0;
+    client.queue().sync([&] {
+        client.session().save(config.value(QStringLiteral("credentials")).toObject().toVariantMap());
+        try {
+            service.postDrafts(config.value(QStringLiteral("rows")).toArray().toVariantList(),
+                config.value(QStringLiteral("cloud")).toString(), config.value(QStringLiteral("account")).toString(),
+                config.value(QStringLiteral("generation")).toInteger(), [](const QVariantMap &event) {
+                    if (event.value(QStringLiteral("state")).toString() == QStringLiteral("submitting")) {
+                        announce("submitting");
+                        waitToBeKilled();
+                    }
+                });
+            announce("done");
+        } catch (const NamedFailure &failure) {
+            std::fprintf(stderr, "%s: %s\n", qPrintable(failure.name()), qPrintable(failure.reason()));
+            code = 3;
+        }
+    });
+    return code;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -43,6 +81,8 @@ int main(int argc, char **argv)
             return 3;
         }
     }
-    std::fprintf(stderr, "usage: submission_child lock <file>\n");
+    if (arguments.size() >= 3 && arguments.at(1) == QStringLiteral("post"))
+        return post(arguments.at(2));
+    std::fprintf(stderr, "usage: submission_child lock <file> | post <config>\n");
     return 2;
 }
