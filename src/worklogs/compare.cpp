@@ -4,6 +4,7 @@
 #include "worklogs/engineinternal.h"
 #include "worklogs/marker.h"
 #include "worklogs/preferences.h"
+#include "worklogs/preparedworklogs.h"
 
 #include <QSet>
 
@@ -18,11 +19,6 @@ QVariantMap result(const QString &status, bool eligible, qint64 existing)
 {
     return QVariantMap {{QStringLiteral("status"), status}, {QStringLiteral("eligible"), eligible},
         {QStringLiteral("existing"), existing}};
-}
-
-bool authoredBy(const QVariantMap &worklog, const QString &accountId)
-{
-    return isText(mapValue(worklog.value(QStringLiteral("author"))).value(QStringLiteral("accountId")), accountId);
 }
 
 } // namespace
@@ -40,9 +36,9 @@ QVariantMap JRCompare(const QVariantMap &draft, const QVariantList &worklogs, co
             false, 0);
     }
 
-    const QDateTime start = JRDate(draft.value(QStringLiteral("started")));
-    const qint64 startMs = start.toMSecsSinceEpoch();
-    const QDate day = localDay(start);
+    qint64 startMs = 0;
+    parseJiraDate(draft.value(QStringLiteral("started")), startMs); // valid drafts always have a start
+    const LocalDayRange day = localDayRangeOf(startMs);
     const qint64 postSeconds = JRPostSeconds(draft);
 
     QSet<QString> keys;
@@ -80,41 +76,33 @@ QVariantMap JRCompare(const QVariantMap &draft, const QVariantList &worklogs, co
 
     bool hit = false, match = false, combined = false;
     qint64 existing = 0, manual = 0;
-    for (const QVariant &entry : worklogs) {
-        if (!isMap(entry))
-            continue;
-        const QVariantMap worklog = entry.toMap();
-        if (!authoredBy(worklog, accountId))
+    for (const PreparedWorklog &worklog : preparedWorklogs(worklogs)) {
+        if (!worklog.isRecord || !worklog.authoredBy(accountId))
             continue;
 
         if (!combined && !keys.isEmpty()) {
-            const QVariantMap sources = JRLogSources(worklog);
-            if (sources.size() >= 2) {
-                for (auto it = sources.constBegin(); it != sources.constEnd() && !combined; ++it)
-                    combined = keys.contains(it.key());
+            for (const QString &key : worklog.combinedSources) {
+                if (keys.contains(key)) {
+                    combined = true;
+                    break;
+                }
             }
         }
 
-        const QString text = JRText(worklog.value(QStringLiteral("comment")));
-        const QString logMarker = JRLogMarker(worklog);
-        const bool byProperty = !logMarker.isNull() && !marker.isEmpty() && logMarker == marker;
+        const bool byProperty = !worklog.marker.isNull() && !marker.isEmpty() && worklog.marker == marker;
         bool byTag = false, byLegacyTag = false;
-        if (!byProperty && !tag.isNull()) {
-            byTag = text.contains(tag);
-            byLegacyTag = !byTag && text.contains(legacyTag);
+        if (!byProperty && !tag.isNull() && worklog.hasAnyTag) {
+            byTag = worklog.text.contains(tag);
+            byLegacyTag = !byTag && worklog.text.contains(legacyTag);
         }
-
-        const QVariant spentValue = worklog.value(QStringLiteral("timeSpentSeconds"));
-        bool spentOk = false;
-        const qint64 spent = int64Value(spentValue, &spentOk);
-        const QDateTime started = JRDate(worklog.value(QStringLiteral("started")));
 
         if (byProperty || byTag || byLegacyTag) {
             hit = true;
             buildComments();
             // The last marked worklog decides.
-            const bool timesAgree = started.isValid() && std::llabs(started.toMSecsSinceEpoch() - startMs) < 1000
-                && spentOk && spent == postSeconds;
+            const bool timesAgree = worklog.hasStart && std::llabs(worklog.startedMs - startMs) < 1000
+                && worklog.hasSpent && worklog.spent == postSeconds;
+            const QString &text = worklog.text;
             if (byProperty)
                 match = timesAgree && text == propertyComment;
             else if (byTag)
@@ -123,12 +111,11 @@ QVariantMap JRCompare(const QVariantMap &draft, const QVariantList &worklogs, co
                 match = timesAgree && (text == legacyComment || text == legacyCommentWithoutTitle);
         }
 
-        if (started.isValid() && localDay(started) == day) {
+        if (worklog.hasStart && day.contains(worklog.startedMs)) {
             // Negative time in a damaged worklog must not hide real time on the day.
-            const qint64 seconds = spentOk ? std::max<qint64>(spent, 0) : 0;
+            const qint64 seconds = worklog.hasSpent ? std::max<qint64>(worklog.spent, 0) : 0;
             existing = saturatingAdd(existing, seconds);
-            if (logMarker.isNull() && !text.contains(QStringLiteral("[Hourloom:"))
-                && !text.contains(QStringLiteral("[Stintwatch Companion:")))
+            if (worklog.marker.isNull() && !worklog.hasAnyTag)
                 manual = saturatingAdd(manual, seconds);
         }
     }

@@ -61,8 +61,8 @@ QVariantList JRBuildDrafts(const QVariantList &sessions, const QDateTime &day)
     // Preferences are read once per call: a settings read per session would dominate a large day.
     const bool ignoreShort = JRIgnoreShortSessions();
     const bool combineDaily = JRCombineDailyByIssue();
-    const QDate wanted = localDay(day);
-    if (!wanted.isValid())
+    const LocalDayRange wanted = localDayRange(localDay(day));
+    if (!wanted.date.isValid())
         return {};
 
     std::vector<Kept> kept;
@@ -76,9 +76,9 @@ QVariantList JRBuildDrafts(const QVariantList &sessions, const QDateTime &day)
         const qint64 startMs = int64Value(item.session.value(QStringLiteral("start_ms")), &ok);
         if (!ok)
             continue;
-        item.start = QDateTime::fromMSecsSinceEpoch(startMs);
-        if (localDay(item.start) != wanted)
+        if (!wanted.contains(startMs))
             continue;
+        item.start = QDateTime::fromMSecsSinceEpoch(startMs);
         item.issue = sessionIssue(item.session);
         item.combineKey = sessionCombineKey(item.session, item.issue, combineDaily);
         // An ignored session is never posted, so it cannot make a group's other pieces combinable.

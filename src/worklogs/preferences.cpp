@@ -243,62 +243,6 @@ void appendText(const QVariant &node, QString &out, int depth)
     }
 }
 
-// `count` decimal digits at `at`, or -1.
-int digits(QStringView text, qsizetype at, int count)
-{
-    int value = 0;
-    for (int i = 0; i < count; ++i) {
-        const QChar c = text[at + i];
-        if (c < u'0' || c > u'9')
-            return -1;
-        value = value * 10 + (c.unicode() - u'0');
-    }
-    return value;
-}
-
-// "yyyy-MM-dd'T'HH:mm:ss[.SSS]Z" with Z a numeric offset (+hhmm, +hh:mm) or the letter Z.
-QDateTime parseJiraDate(QStringView text, bool withMillis)
-{
-    const qsizetype base = withMillis ? 23 : 19;
-    if (text.size() < base + 1)
-        return {};
-    if (text[4] != u'-' || text[7] != u'-' || text[10] != u'T' || text[13] != u':' || text[16] != u':')
-        return {};
-    const int year = digits(text, 0, 4), month = digits(text, 5, 2), day = digits(text, 8, 2);
-    const int hour = digits(text, 11, 2), minute = digits(text, 14, 2), second = digits(text, 17, 2);
-    int millis = 0;
-    if (withMillis) {
-        if (text[19] != u'.')
-            return {};
-        millis = digits(text, 20, 3);
-    }
-    if (year < 0 || month < 0 || day < 0 || hour < 0 || minute < 0 || second < 0 || millis < 0)
-        return {};
-    const QDate date(year, month, day);
-    if (!date.isValid() || hour > 23 || minute > 59 || second > 59)
-        return {};
-    const QStringView zone = text.mid(base);
-    int offset = 0;
-    if (zone == u"Z") {
-        offset = 0;
-    } else {
-        if (zone[0] != u'+' && zone[0] != u'-')
-            return {};
-        int oh = -1, om = -1;
-        if (zone.size() == 5) {
-            oh = digits(zone, 1, 2);
-            om = digits(zone, 3, 2);
-        } else if (zone.size() == 6 && zone[3] == u':') {
-            oh = digits(zone, 1, 2);
-            om = digits(zone, 4, 2);
-        }
-        if (oh < 0 || om < 0 || oh > 18 || om > 59)
-            return {};
-        offset = (oh * 3600 + om * 60) * (zone[0] == u'-' ? -1 : 1);
-    }
-    return QDateTime(date, QTime(hour, minute, second, millis), Qt::OffsetFromUTC, offset);
-}
-
 } // namespace
 
 QString JRText(const QVariant &node)
@@ -312,11 +256,11 @@ QDateTime JRDate(const QVariant &value)
 {
     if (value.typeId() != QMetaType::QString)
         return {};
-    const QString text = value.toString();
-    QDateTime date = parseJiraDate(text, true);
-    if (!date.isValid())
-        date = parseJiraDate(text, false);
-    return date;
+    qint64 msecs = 0;
+    int offset = 0;
+    if (!jrinternal::parseJiraDate(value.toString(), msecs, offset))
+        return {};
+    return QDateTime::fromMSecsSinceEpoch(msecs, Qt::OffsetFromUTC, offset);
 }
 
 QString JRISO(const QDateTime &date)

@@ -87,13 +87,14 @@ QVariantMap combined(std::vector<QVariantMap> group)
 QVariantList JRWorklogsToPost(const QVariantList &drafts)
 {
     const bool combineDaily = JRCombineDailyByIssue();
+    LocalDayCache days;
     std::vector<std::vector<QVariantMap>> groups;
     QHash<QString, size_t> openGroups;
     for (const QVariant &entry : drafts) {
         if (!isMap(entry))
             continue;
         const QVariantMap draft = entry.toMap();
-        const QString key = combineKey(draft, combineDaily);
+        const QString key = combineKey(draft, combineDaily, &days);
         if (key.isNull()) {
             groups.push_back({draft});
             continue;

@@ -12,8 +12,7 @@ using namespace wl;
 namespace
 {
 
-const QString kMe = QStringLiteral("me-123");
-const QString kCloud = QStringLiteral("cloud-1");
+const QString kMe = S("me-123");
 
 class Compare : public EngineTest
 {
@@ -21,23 +20,27 @@ protected:
     void SetUp() override
     {
         EngineTest::SetUp();
-        m_draft = first(JRBuildDrafts({session(m_start, 3600000)}, m_start));
-        m_marker = JRMarker(m_draft, kCloud, kMe);
+        m_draft = at(JRBuildDrafts({session(m_start, 3600000)}, m_start), 0);
+        m_marker = JRMarker(m_draft, S("cloud-1"), kMe);
     }
-    // The worklog Jira would list after this draft was posted.
+    // The worklog Jira lists after this draft was posted.
     QVariantMap posted(qint64 shiftMs = 0) const
     {
-        QVariantMap log = JRPayload(m_draft, m_marker);
-        log.insert(QStringLiteral("id"), QStringLiteral("20001"));
-        log.insert(QStringLiteral("author"), QVariantMap {{QStringLiteral("accountId"), kMe}});
-        log.insert(QStringLiteral("started"), JRISO(m_start.addMSecs(shiftMs)));
-        return log;
+        return with(JRPayload(m_draft, m_marker),
+            {{"id", S("20001")}, {"author", rec({{"accountId", kMe}})}, {"started", JRISO(m_start.addMSecs(shiftMs))}});
     }
     QVariantMap compare(const QVariantList &logs, const QVariantMap &receipt = {}) const
     {
         return JRCompare(m_draft, logs, kMe, m_marker, receipt);
     }
-    static QString status(const QVariantMap &result) { return result.value(QStringLiteral("status")).toString(); }
+    QString status(const QVariantList &logs, const QVariantMap &receipt = {}) const
+    {
+        return str(compare(logs, receipt), "status");
+    }
+    QVariantMap expected(const char *status, bool eligible, qint64 existing) const
+    {
+        return rec({{"status", S(status)}, {"eligible", eligible}, {"existing", existing}});
+    }
 
     QDateTime m_start = local(2026, 3, 2, 9, 0);
     QVariantMap m_draft;
@@ -46,82 +49,57 @@ protected:
 
 TEST_F(Compare, RecognisesItsOwnWorklogWithinOneSecond)
 {
-    QVariantMap result = compare({posted(900)});
-    EXPECT_EQ(status(result), QStringLiteral("Already posted"));
-    EXPECT_FALSE(result.value(QStringLiteral("eligible")).toBool());
-    EXPECT_EQ(result.value(QStringLiteral("existing")).toLongLong(), 3600);
-    EXPECT_EQ(status(compare({posted(-999)})), QStringLiteral("Already posted"));
-    EXPECT_EQ(status(compare({posted(1000)})), QStringLiteral("Posted entry differs"));
-
-    QVariantMap shorter = posted();
-    shorter.insert(QStringLiteral("timeSpentSeconds"), 3540);
-    EXPECT_EQ(status(compare({shorter})), QStringLiteral("Posted entry differs"));
-    QVariantMap edited = posted();
-    edited.insert(QStringLiteral("comment"), document(QStringLiteral("edited in Jira")));
-    EXPECT_EQ(status(compare({edited})), QStringLiteral("Posted entry differs"));
+    EXPECT_EQ(compare({posted(900)}), expected("Already posted", false, 3600));
+    EXPECT_EQ(status({posted(-999)}), S("Already posted"));
+    EXPECT_EQ(status({posted(1000)}), S("Posted entry differs"));
+    EXPECT_EQ(status({with(posted(), {{"timeSpentSeconds", 3540}})}), S("Posted entry differs"));
+    const QVariantMap edited = with(posted(), {{"comment", document(S("edited in Jira"))}});
+    EXPECT_EQ(status({edited}), S("Posted entry differs"));
     // The last marked worklog decides.
-    EXPECT_EQ(status(compare({edited, posted()})), QStringLiteral("Already posted"));
-    EXPECT_EQ(status(compare({posted(), edited})), QStringLiteral("Posted entry differs"));
-}
-
-TEST_F(Compare, MatchesInstantsWhateverOffsetJiraWrites)
-{
-    // Jira writes the start in the offset of the user's profile, not the local one.
-    QVariantMap log = posted();
-    const QDateTime inKolkata = m_start.toOffsetFromUtc(19800);
-    log.insert(QStringLiteral("started"),
-        QString(inKolkata.toString(QStringLiteral("yyyy-MM-dd'T'HH:mm:ss.zzz")) + QStringLiteral("+0530")));
-    EXPECT_EQ(status(compare({log})), QStringLiteral("Already posted"));
+    EXPECT_EQ(status({edited, posted()}), S("Already posted"));
+    EXPECT_EQ(status({posted(), edited}), S("Posted entry differs"));
+    // Jira writes the start in the offset of the user's profile: instants are compared, not texts.
+    const QString inKolkata = m_start.toOffsetFromUtc(19800).toString(S("yyyy-MM-dd'T'HH:mm:ss.zzz")) + S("+0530");
+    EXPECT_EQ(status({with(posted(), {{"started", inKolkata}})}), S("Already posted"));
+    // A receipt does not hide what Jira shows.
+    EXPECT_EQ(status({posted()}, rec({{"state", S("posted")}})), S("Already posted"));
 }
 
 TEST_F(Compare, RecognisesTagsOfBothNames)
 {
-    for (const QString &tag : {JRMarkerTag(m_marker), JRLegacyMarkerTag(m_marker)}) {
-        QVariantMap log = JRPayloadWithTag(m_draft, tag);
-        log.insert(QStringLiteral("author"), QVariantMap {{QStringLiteral("accountId"), kMe}});
-        EXPECT_EQ(status(compare({log})), QStringLiteral("Already posted")) << tag.toStdString();
-    }
-    // Tagged before the issue's title was known: the comment still held the description.
-    QVariantMap titled = m_draft;
-    titled.insert(QStringLiteral("issue_title"), QStringLiteral("Title"));
-    QVariantMap log = JRPayloadWithTag(m_draft, JRMarkerTag(m_marker));
-    log.insert(QStringLiteral("author"), QVariantMap {{QStringLiteral("accountId"), kMe}});
-    EXPECT_EQ(status(JRCompare(titled, {log}, kMe, m_marker, {})), QStringLiteral("Already posted"));
-    // Another draft's tag is no hit here, and its time is not hand-made time either.
-    const QVariantMap foreign = worklog(kMe, JRISO(m_start), 600, QStringLiteral("x\n[Hourloom:other]"));
-    const QVariantMap result = compare({foreign});
-    EXPECT_EQ(status(result), QStringLiteral("Ready"));
-    EXPECT_EQ(result.value(QStringLiteral("existing")).toLongLong(), 600);
+    const auto tagged = [&](const QVariantMap &draft, const QString &tag) {
+        return with(JRPayloadWithTag(draft, tag), {{"author", rec({{"accountId", kMe}})}});
+    };
+    for (const QString &tag : {JRMarkerTag(m_marker), JRLegacyMarkerTag(m_marker)})
+        EXPECT_EQ(status({tagged(m_draft, tag)}), S("Already posted")) << tag.toStdString();
+    // Tagged before the issue's title was known, when the comment still held the description.
+    EXPECT_EQ(str(JRCompare(with(m_draft, {{"issue_title", S("Title")}}), {tagged(m_draft, JRMarkerTag(m_marker))}, kMe,
+                      m_marker, {}),
+                  "status"),
+        S("Already posted"));
+    // Another draft's tag is no hit here, and its time is not hand-made either.
+    EXPECT_EQ(compare({worklog(kMe, JRISO(m_start), 600, S("x\n[Hourloom:other]"))}), expected("Ready", true, 600));
 }
 
 TEST_F(Compare, CombinedWorklogNeedsTwoSessionsIncludingThisOne)
 {
-    const QString key = m_draft.value(QStringLiteral("source_key")).toString();
-    const QVariantMap alone
-        = withMarkerProperty(worklog(kMe, JRISO(m_start), 3600), QStringLiteral("m"), {{key, 3600}});
-    EXPECT_EQ(status(compare({alone})), QStringLiteral("Ready"));
-    const QVariantMap combined = withMarkerProperty(
-        worklog(kMe, JRISO(m_start), 3600), QStringLiteral("m"), {{key, 1800}, {QStringLiteral("other"), 1800}});
-    const QVariantMap result = compare({combined});
-    EXPECT_EQ(status(result), QStringLiteral("Posted in a combined worklog"));
-    EXPECT_FALSE(result.value(QStringLiteral("eligible")).toBool());
+    const QString key = str(m_draft, "source_key");
+    const QVariantMap log = worklog(kMe, JRISO(m_start), 3600);
+    EXPECT_EQ(status({withMarkerProperty(log, S("m"), QVariantMap {{key, 3600}})}), S("Ready"));
+    EXPECT_EQ(compare({withMarkerProperty(log, S("m"), QVariantMap {{key, 1800}, {S("other"), 1800}})}),
+        expected("Posted in a combined worklog", false, 3600));
 }
 
 TEST_F(Compare, ManualTimeOnTheDayAsksForReview)
 {
-    const QVariantList logs {worklog(kMe, JRISO(m_start.addSecs(3600)), 1800, QStringLiteral("a")),
-        worklog(kMe, JRISO(m_start.addSecs(7200)), 1800),
-        worklog(QStringLiteral("someone-else"), JRISO(m_start), 7200, QStringLiteral("theirs")),
-        worklog(kMe, JRISO(m_start.addDays(1)), 7200, QStringLiteral("tomorrow"))};
-    const QVariantMap result = compare(logs);
-    EXPECT_EQ(status(result), QStringLiteral("Existing time — review before including"));
-    EXPECT_TRUE(result.value(QStringLiteral("eligible")).toBool());
-    EXPECT_EQ(result.value(QStringLiteral("existing")).toLongLong(), 3600);
-
-    const QVariantMap ready = compare({logs[2]});
-    EXPECT_EQ(status(ready), QStringLiteral("Ready"));
-    EXPECT_TRUE(ready.value(QStringLiteral("eligible")).toBool());
-    EXPECT_EQ(ready.value(QStringLiteral("existing")).toLongLong(), 0);
+    const QVariantList logs {worklog(kMe, JRISO(m_start.addSecs(3600)), 1800, S("a")),
+        worklog(kMe, JRISO(m_start.addSecs(7200)), 1800), worklog(S("someone-else"), JRISO(m_start), 7200, S("theirs")),
+        worklog(kMe, JRISO(m_start.addDays(1)), 7200, S("tomorrow"))};
+    EXPECT_EQ(compare(logs), expected("Existing time — review before including", true, 3600));
+    EXPECT_EQ(compare({logs[2], logs[3]}), expected("Ready", true, 0));
+    EXPECT_EQ(compare({}, rec({{"state", S("posted")}})), expected("Previously posted — review changes", false, 0));
+    EXPECT_EQ(compare({logs[0]}, rec({{"state", S("pending")}})),
+        expected("Uncertain submission — review in Jira", false, 1800));
 }
 
 TEST_F(Compare, DayAccountingUsesTheLocalDayOfEachInstant)
@@ -129,120 +107,63 @@ TEST_F(Compare, DayAccountingUsesTheLocalDayOfEachInstant)
     testenv::ScopedTimeZone zone("Asia/Kolkata");
     m_start = QDateTime(QDate(2026, 3, 2), QTime(10, 0));
     SetUp();
-    // 20:00 UTC on the 2nd is 01:30 on the 3rd in Kolkata: another day.
-    const QVariantMap lateUtc = worklog(kMe, QStringLiteral("2026-03-02T20:00:00.000+0000"), 1800, QStringLiteral("x"));
-    EXPECT_EQ(compare({lateUtc}).value(QStringLiteral("existing")).toLongLong(), 0);
-    const QVariantMap earlyUtc
-        = worklog(kMe, QStringLiteral("2026-03-01T19:00:00.000+0000"), 1800, QStringLiteral("x"));
-    EXPECT_EQ(compare({earlyUtc}).value(QStringLiteral("existing")).toLongLong(), 1800);
-}
-
-TEST_F(Compare, ReceiptsBlockEligibility)
-{
-    const QVariantMap postedReceipt {{QStringLiteral("state"), QStringLiteral("posted")}};
-    QVariantMap result = compare({}, postedReceipt);
-    EXPECT_EQ(status(result), QStringLiteral("Previously posted — review changes"));
-    EXPECT_FALSE(result.value(QStringLiteral("eligible")).toBool());
-    EXPECT_EQ(result.value(QStringLiteral("existing")).toLongLong(), 0);
-
-    result = compare({worklog(kMe, JRISO(m_start), 600, QStringLiteral("manual"))},
-        {{QStringLiteral("state"), QStringLiteral("pending")}});
-    EXPECT_EQ(status(result), QStringLiteral("Uncertain submission — review in Jira"));
-    EXPECT_FALSE(result.value(QStringLiteral("eligible")).toBool());
-    EXPECT_EQ(result.value(QStringLiteral("existing")).toLongLong(), 600);
-
-    EXPECT_EQ(status(compare({posted()}, postedReceipt)), QStringLiteral("Already posted"));
+    // 20:00 UTC on the 2nd is 01:30 on the 3rd in Kolkata; 19:00 UTC on the 1st is 00:30 on the 2nd.
+    EXPECT_EQ(num(compare({worklog(kMe, S("2026-03-02T20:00:00.000+0000"), 1800, S("x"))}), "existing"), 0);
+    EXPECT_EQ(num(compare({worklog(kMe, S("2026-03-01T19:00:00.000+0000"), 1800, S("x"))}), "existing"), 1800);
 }
 
 TEST_F(Compare, ExcludedOrInvalidDraftsAreNotCompared)
 {
-    QVariantMap excluded = m_draft;
-    excluded.insert(QStringLiteral("jira_exclusion"), QVariantMap {{QStringLiteral("kind"), QStringLiteral("ignore")}});
-    QVariantMap result = JRCompare(excluded, {posted()}, kMe, m_marker, {});
-    EXPECT_EQ(result,
-        (QVariantMap {{QStringLiteral("status"), QStringLiteral("Ignored for Jira")},
-            {QStringLiteral("eligible"), false}, {QStringLiteral("existing"), qint64(0)}}));
-
-    QVariantMap empty = m_draft;
-    empty.insert(QStringLiteral("post_seconds"), 0);
-    EXPECT_EQ(status(JRCompare(empty, {posted()}, kMe, m_marker, {})),
-        QStringLiteral("Assign issue / at least 1m, at most 24h"));
+    EXPECT_EQ(
+        JRCompare(with(m_draft, {{"jira_exclusion", rec({{"kind", S("ignore")}})}}), {posted()}, kMe, m_marker, {}),
+        expected("Ignored for Jira", false, 0));
+    const QVariantMap empty = with(m_draft, {{"post_seconds", 0}});
+    EXPECT_EQ(
+        JRCompare(empty, {posted()}, kMe, m_marker, {}), expected("Assign issue / at least 1m, at most 24h", false, 0));
     JRSetIgnoreShortSessions(false);
-    EXPECT_EQ(status(JRCompare(empty, {posted()}, kMe, m_marker, {})),
-        QStringLiteral("Assign issue / rounds to 0m or over 24h"));
+    EXPECT_EQ(
+        str(JRCompare(empty, {posted()}, kMe, m_marker, {}), "status"), S("Assign issue / rounds to 0m or over 24h"));
 }
 
 TEST_F(Compare, FingerprintChangesOnlyWithWhatIsPosted)
 {
     const QString base = JRComparisonFingerprint(m_draft);
-    QVariantMap same = m_draft;
-    same.insert(QStringLiteral("status"), QStringLiteral("Ready"));
-    same.insert(QStringLiteral("include"), true);
-    same.insert(QStringLiteral("eligible"), true);
-    EXPECT_EQ(JRComparisonFingerprint(same), base);
-    const std::pair<const char *, QVariant> changes[] = {{"post_seconds", 1800}, {"issue", QStringLiteral("XYZ-1")},
-        {"comment", QStringLiteral("other")}, {"source_running", true}, {"started", JRISO(m_start.addSecs(1))},
-        {"jira_exclusion", QVariantMap {{QStringLiteral("kind"), QStringLiteral("manual")}}}};
-    for (const auto &[key, value] : changes) {
-        QVariantMap changed = m_draft;
-        changed.insert(QString::fromLatin1(key), value);
-        EXPECT_NE(JRComparisonFingerprint(changed), base) << key;
-    }
+    EXPECT_EQ(
+        JRComparisonFingerprint(with(m_draft, {{"status", S("Ready")}, {"include", true}, {"eligible", true}})), base);
+    for (const auto &change : std::initializer_list<std::pair<const char *, QVariant>> {{"post_seconds", 1800},
+             {"issue", S("XYZ-1")}, {"comment", S("other")}, {"source_running", true},
+             {"started", JRISO(m_start.addSecs(1))}, {"jira_exclusion", rec({{"kind", S("manual")}})}})
+        EXPECT_NE(JRComparisonFingerprint(with(m_draft, {change})), base) << change.first;
 }
 
-class ManualMatches : public Compare
+TEST_F(Compare, ManualMatchesRankHandMadeWorklogsOfTheDay)
 {
-};
-
-TEST_F(ManualMatches, RanksHandMadeWorklogsOfTheDay)
-{
-    const QString comment = m_draft.value(QStringLiteral("comment")).toString(); // "Work"
-    const QVariantList logs {
-        worklog(kMe, JRISO(m_start.addSecs(600)), 3600, QStringLiteral("Other"), QStringLiteral("1")),
-        worklog(kMe, JRISO(m_start.addSecs(300)), 3600, QStringLiteral("Other"), QStringLiteral("2")),
-        worklog(kMe, JRISO(m_start), 60, QStringLiteral("WORK"), QStringLiteral("3")),
-        worklog(kMe, JRISO(m_start), 3600, QStringLiteral("wOrK"), QStringLiteral("4")),
-        worklog(kMe, JRISO(m_start), 120, QStringLiteral("Work\n\n"), QStringLiteral("5")),
-        worklog(QStringLiteral("other"), JRISO(m_start), 3600, comment, QStringLiteral("6")),
-        withMarkerProperty(worklog(kMe, JRISO(m_start), 3600, comment, QStringLiteral("7")), QStringLiteral("m")),
-        worklog(kMe, JRISO(m_start), 3600, QStringLiteral("Work\n[Hourloom:abc]"), QStringLiteral("8")),
-        worklog(kMe, JRISO(m_start.addDays(1)), 3600, comment, QStringLiteral("9")),
-        worklog(kMe, JRISO(m_start), 3600, comment, QString()),
-    };
+    const QVariantList logs {worklog(kMe, JRISO(m_start.addSecs(600)), 3600, S("Other"), S("1")),
+        worklog(kMe, JRISO(m_start.addSecs(300)), 3600, S("Other"), S("2")),
+        worklog(kMe, JRISO(m_start), 60, S("WORK"), S("3")), worklog(kMe, JRISO(m_start), 3600, S("wOrK"), S("4")),
+        worklog(kMe, JRISO(m_start), 120, S("Work\n\n"), S("5")), worklog(kMe, JRISO(m_start), 60, S("  "), S("6")),
+        worklog(S("other"), JRISO(m_start), 3600, S("Work"), S("7")),
+        withMarkerProperty(worklog(kMe, JRISO(m_start), 3600, S("Work"), S("8")), S("m")),
+        worklog(kMe, JRISO(m_start), 3600, S("Work\n[Hourloom:abc]"), S("9")),
+        worklog(kMe, JRISO(m_start.addDays(1)), 3600, S("Work"), S("10")),
+        worklog(kMe, JRISO(m_start), 3600, S("Work"), QString())};
     const QVariantList matches = JRManualMatches(m_draft, logs, kMe);
-    QStringList ids;
-    for (const QVariant &match : matches)
-        ids << match.toMap().value(QStringLiteral("id")).toString();
-    EXPECT_EQ(ids,
-        (QStringList {
-            QStringLiteral("4"), QStringLiteral("2"), QStringLiteral("1"), QStringLiteral("3"), QStringLiteral("5")}));
-    const QVariantMap best = matches.value(0).toMap();
-    EXPECT_EQ(best.value(QStringLiteral("score")).toInt(), 3);
-    EXPECT_EQ(best.value(QStringLiteral("reason")), QStringLiteral("Same duration and comment"));
-    EXPECT_EQ(best.value(QStringLiteral("comment")), QStringLiteral("wOrK"));
-    EXPECT_EQ(best.value(QStringLiteral("seconds")).toLongLong(), 3600);
-    EXPECT_EQ(best.size(), 6);
-    EXPECT_EQ(matches.value(1).toMap().value(QStringLiteral("reason")), QStringLiteral("Same duration"));
-    EXPECT_EQ(matches.value(3).toMap().value(QStringLiteral("reason")), QStringLiteral("Same comment"));
-    EXPECT_EQ(matches.value(4).toMap().value(QStringLiteral("reason")),
-        QStringLiteral("Same issue and day — verify coverage"));
-
-    // The worklog already linked is not offered again.
-    QVariantMap linked = m_draft;
-    linked.insert(QStringLiteral("manual_worklog_id"), QStringLiteral("4"));
-    EXPECT_EQ(JRManualMatches(linked, logs, kMe).size(), 4);
-}
-
-TEST_F(ManualMatches, BlankCommentsNeverMatch)
-{
-    QVariantMap blank = m_draft;
-    blank.insert(QStringLiteral("comment"), QStringLiteral("  "));
-    const QVariantList matches = JRManualMatches(blank, {worklog(kMe, JRISO(m_start), 60, QStringLiteral("  "))}, kMe);
-    ASSERT_EQ(matches.size(), 1);
-    EXPECT_EQ(matches.first().toMap().value(QStringLiteral("score")).toInt(), 0);
-    QVariantMap undated = m_draft;
-    undated.insert(QStringLiteral("started"), QStringLiteral("soon"));
-    EXPECT_TRUE(JRManualMatches(undated, {worklog(kMe, JRISO(m_start), 60)}, kMe).isEmpty());
+    QStringList ids, reasons;
+    for (const QVariant &match : matches) {
+        ids << str(match.toMap(), "id");
+        reasons << str(match.toMap(), "reason");
+    }
+    EXPECT_EQ(ids, (QStringList {S("4"), S("2"), S("1"), S("3"), S("5"), S("6")}));
+    EXPECT_EQ(reasons.mid(0, 5),
+        (QStringList {S("Same duration and comment"), S("Same duration"), S("Same duration"), S("Same comment"),
+            S("Same issue and day — verify coverage")}));
+    EXPECT_EQ(at(matches, 0),
+        rec({{"id", S("4")}, {"started", JRISO(m_start)}, {"seconds", qint64(3600)}, {"comment", S("wOrK")},
+            {"score", 3}, {"reason", S("Same duration and comment")}}));
+    // The worklog already linked is not offered again; a blank draft comment matches no blank comment.
+    EXPECT_EQ(JRManualMatches(with(m_draft, {{"manual_worklog_id", S("4")}}), logs, kMe).size(), 5);
+    EXPECT_EQ(num(at(JRManualMatches(with(m_draft, {{"comment", S("  ")}}), {logs[5]}, kMe), 0), "score"), 0);
+    EXPECT_TRUE(JRManualMatches(with(m_draft, {{"started", S("soon")}}), logs, kMe).isEmpty());
 }
 
 } // namespace

@@ -9,274 +9,176 @@ using namespace wl;
 namespace
 {
 
-const QString kIssue = QStringLiteral("ABC-1");
-
-QVariantMap with(QVariantMap map, const QString &key, const QVariant &value)
+const QVariantMap kIgnored = rec({{"kind", S("ignore")}});
+QVariantMap manual(const QVariant &seconds = {})
 {
-    map.insert(key, value);
-    return map;
+    return rec({{"kind", S("manual")}, {"issue", S("ABC-1")}, {"worklog_id", S("10001")}, {"seconds", seconds}});
 }
-
-QVariantMap manualExclusion(const QVariant &seconds = QVariant())
-{
-    QVariantMap exclusion {{QStringLiteral("kind"), QStringLiteral("manual")}, {QStringLiteral("issue"), kIssue},
-        {QStringLiteral("worklog_id"), QStringLiteral("10001")}};
-    if (seconds.isValid())
-        exclusion.insert(QStringLiteral("seconds"), seconds);
-    return exclusion;
-}
-
-const QVariantMap kIgnored {{QStringLiteral("kind"), QStringLiteral("ignore")}};
 
 class Drafts : public EngineTest
 {
 protected:
     QDateTime m_day = local(2026, 3, 2, 12, 0);
     QDateTime at(int hour, int minute, int second = 0) const { return local(2026, 3, 2, hour, minute, second); }
-    QVariantMap only(const QVariantList &sessions) const
+    QVariantList build(const QVariantList &sessions) const { return JRBuildDrafts(sessions, m_day); }
+    QVariantMap only(const QVariantMap &session) const
     {
-        const QVariantList drafts = JRBuildDrafts(sessions, m_day);
+        const QVariantList drafts = build({session});
         EXPECT_EQ(drafts.size(), 1);
-        return first(drafts);
+        return wl::at(drafts, 0);
     }
 };
 
-TEST_F(Drafts, BuildsEveryKeyFromOneSession)
+TEST_F(Drafts, BuildsOneSortedDraftPerSessionOfTheLocalDay)
 {
     const QVariantMap s = session(at(9, 0), 3600000);
-    const QVariantMap d = only({s});
+    const QVariantList drafts = build({s, session(at(23, 59, 30), 600000, "ABC-1", "late", 2),
+        session(local(2026, 3, 3, 0, 0), 600000, "ABC-1", "next day", 3),
+        session(at(0, 0), 600000, "ABC-1", "early", 4)});
+    ASSERT_EQ(drafts.size(), 3);
+    EXPECT_EQ(str(wl::at(drafts, 0), "comment"), S("early"));
+    EXPECT_EQ(str(wl::at(drafts, 2), "comment"), S("late"));
+    const QVariantMap d = wl::at(drafts, 1);
     EXPECT_EQ(d.size(), 24);
-    EXPECT_EQ(d.value(QStringLiteral("source_key")), JRSourceKey(s));
-    EXPECT_EQ(d.value(QStringLiteral("marker_seed")).toString(), JRSourceKey(s) + QStringLiteral("|0|ABC-1"));
-    EXPECT_EQ(d.value(QStringLiteral("issue")), kIssue);
-    EXPECT_EQ(d.value(QStringLiteral("seconds")).toLongLong(), 3600);
-    EXPECT_EQ(d.value(QStringLiteral("source_milliseconds")).toLongLong(), 3600000);
-    EXPECT_EQ(d.value(QStringLiteral("post_seconds")).toLongLong(), 3600);
-    EXPECT_EQ(JRDate(d.value(QStringLiteral("started"))), at(9, 0));
-    EXPECT_EQ(d.value(QStringLiteral("comment")), QStringLiteral("Work"));
-    EXPECT_EQ(d.value(QStringLiteral("session")).toMap(), s);
-    EXPECT_EQ(d.value(QStringLiteral("status")), QStringLiteral("Not checked yet"));
+    EXPECT_EQ(str(d, "marker_seed"), JRSourceKey(s) + S("|0|ABC-1"));
+    EXPECT_EQ(num(d, "post_seconds"), 3600);
+    EXPECT_EQ(JRDate(get(d, "started")), at(9, 0));
+    EXPECT_EQ(str(d, "status"), S("Not checked yet"));
     EXPECT_TRUE(JRValid(d));
 }
 
-TEST_F(Drafts, KeepsOnlySessionsOfTheLocalDayInStartOrder)
+TEST_F(Drafts, RoundsToMinutesAndKeepsShortPiecesOnlyAsFragments)
 {
-    const QVariantList drafts
-        = JRBuildDrafts({session(at(23, 59, 30), 600000, kIssue, QStringLiteral("late"), 1),
-                            session(local(2026, 3, 3, 0, 0), 600000, kIssue, QStringLiteral("next"), 2),
-                            session(local(2026, 3, 1, 23, 59, 59), 600000, kIssue, QStringLiteral("prev"), 3),
-                            session(at(0, 0), 600000, kIssue, QStringLiteral("early"), 4)},
-            m_day);
-    ASSERT_EQ(drafts.size(), 2);
-    EXPECT_EQ(drafts[0].toMap().value(QStringLiteral("comment")), QStringLiteral("early"));
-    EXPECT_EQ(drafts[1].toMap().value(QStringLiteral("comment")), QStringLiteral("late"));
-}
-
-TEST_F(Drafts, RoundsToMinutesAndSkipsShortSessionsUnlessTheyAreFragments)
-{
-    EXPECT_EQ(only({session(at(9, 0), 89000)}).value(QStringLiteral("seconds")).toLongLong(), 60);
-    EXPECT_EQ(only({session(at(9, 0), 90000)}).value(QStringLiteral("seconds")).toLongLong(), 120);
-    EXPECT_TRUE(JRBuildDrafts({session(at(9, 0), 59999)}, m_day).isEmpty());
-
-    const QVariantList pair = JRBuildDrafts({session(at(9, 0), 59999, kIssue, QStringLiteral("a"), 1),
-                                                session(at(10, 0), 600000, kIssue, QStringLiteral("b"), 2)},
-        m_day);
+    EXPECT_EQ(num(only(session(at(9, 0), 89000)), "seconds"), 60);
+    EXPECT_EQ(num(only(session(at(9, 0), 90000)), "seconds"), 120);
+    EXPECT_TRUE(build({session(at(9, 0), 59999)}).isEmpty());
+    const QVariantList pair
+        = build({session(at(9, 0), 59999, "ABC-1", "a", 1), session(at(10, 0), 600000, "ABC-1", "b", 2)});
     ASSERT_EQ(pair.size(), 2);
-    const QVariantMap fragment = pair[0].toMap();
-    EXPECT_TRUE(fragment.value(QStringLiteral("fragment")).toBool());
-    EXPECT_EQ(fragment.value(QStringLiteral("seconds")).toLongLong(), 59);
-    EXPECT_TRUE(JRValid(fragment));
-    EXPECT_FALSE(pair[1].toMap().value(QStringLiteral("fragment")).toBool());
-
-    // With combining off and no daily rule there is no group, so no fragment.
+    EXPECT_EQ(get(wl::at(pair, 0), "fragment"), true);
+    EXPECT_EQ(num(wl::at(pair, 0), "seconds"), 59);
+    EXPECT_TRUE(JRValid(wl::at(pair, 0)));
+    // An ignored session cannot make another piece of its group a fragment.
+    const QVariantList ignored = build(
+        {with(session(at(10, 0), 600000, "ABC-1", "b", 2), {{"jira_exclusion", kIgnored}}), session(at(9, 0), 59999)});
+    ASSERT_EQ(ignored.size(), 1);
+    EXPECT_EQ(str(wl::at(ignored, 0), "status"), S("Ignored for Jira"));
     JRSetCombineDailyByIssue(false);
-    EXPECT_EQ(JRBuildDrafts({session(at(9, 0), 59999, kIssue, QStringLiteral("a"), 1),
-                                session(at(10, 0), 600000, kIssue, QStringLiteral("b"), 2)},
-                  m_day)
-                  .size(),
-        1);
-}
+    EXPECT_EQ(
+        build({session(at(9, 0), 59999, "ABC-1", "a", 1), session(at(10, 0), 600000, "ABC-1", "b", 2)}).size(), 1);
 
-TEST_F(Drafts, ShortSessionsGetDraftsWhenNotIgnored)
-{
     JRSetIgnoreShortSessions(false);
-    const QVariantList drafts
-        = JRBuildDrafts({session(at(9, 0), 0, kIssue, QStringLiteral("zero"), 1),
-                            session(at(9, 1), -5000, kIssue, QStringLiteral("open"), 2),
-                            session(at(9, 2), 20000, QStringLiteral("DEF-1"), QStringLiteral("s"), 3),
-                            session(at(9, 3), 30000, QStringLiteral("GHI-1"), QStringLiteral("t"), 4)},
-            m_day);
-    ASSERT_EQ(drafts.size(), 4);
-    EXPECT_EQ(drafts[0].toMap().value(QStringLiteral("seconds")).toLongLong(), 0);
-    EXPECT_EQ(drafts[1].toMap().value(QStringLiteral("source_milliseconds")).toLongLong(), 0);
-    EXPECT_FALSE(JRValid(drafts[2].toMap())); // 20 s rounds to 0m
-    EXPECT_EQ(drafts[3].toMap().value(QStringLiteral("seconds")).toLongLong(), 60);
-    EXPECT_TRUE(JRValid(drafts[3].toMap()));
+    const QVariantList shorts
+        = build({session(at(9, 0), -5000, "ABC-1", "open", 1), session(at(9, 2), 20000, "ABC-1", "s", 2)});
+    ASSERT_EQ(shorts.size(), 2);
+    EXPECT_EQ(num(wl::at(shorts, 0), "source_milliseconds"), 0);
+    EXPECT_FALSE(JRValid(wl::at(shorts, 1))); // 20 s rounds to 0m
 }
 
-TEST_F(Drafts, TimeAlreadyInJiraIsNotPostedAgain)
+TEST_F(Drafts, OnlyTimeNotYetInJiraRemains)
 {
-    const QVariantMap s = with(session(at(9, 0), 3600000), QStringLiteral("jira_logged_seconds"), 1800);
-    QVariantMap d = only({s});
-    EXPECT_EQ(d.value(QStringLiteral("logged_seconds")).toLongLong(), 1800);
-    EXPECT_EQ(d.value(QStringLiteral("remaining_seconds")).toLongLong(), 1800);
-    EXPECT_EQ(d.value(QStringLiteral("post_seconds")).toLongLong(), 1800);
-    EXPECT_EQ(d.value(QStringLiteral("marker_seed")).toString().section(u'|', 1, 1), QStringLiteral("1800"));
-    EXPECT_EQ(only({with(s, QStringLiteral("source_running"), true)}).value(QStringLiteral("status")),
-        QStringLiteral("Tracking / not finalized"));
+    const QVariantMap s = with(session(at(9, 0), 3600000), {{"jira_logged_seconds", 1800}});
+    QVariantMap d = only(s);
+    EXPECT_EQ(num(d, "logged_seconds"), 1800);
+    EXPECT_EQ(num(d, "post_seconds"), 1800);
+    EXPECT_EQ(str(d, "marker_seed").section(u'|', 1, 1), S("1800"));
+    EXPECT_EQ(str(only(with(s, {{"source_running", true}})), "status"), S("Tracking / not finalized"));
+    EXPECT_EQ(str(only(with(s, {{"jira_logged_seconds", 99999}})), "status"), S("Complete"));
+    // A damaged negative value never inflates what is posted.
+    EXPECT_EQ(num(only(with(s, {{"jira_logged_seconds", -600}})), "post_seconds"), 3600);
 
-    // More logged than tracked is capped; a damaged negative value does not inflate what is posted.
-    d = only({with(s, QStringLiteral("jira_logged_seconds"), 99999)});
-    EXPECT_EQ(d.value(QStringLiteral("logged_seconds")).toLongLong(), 3600);
-    EXPECT_EQ(d.value(QStringLiteral("status")), QStringLiteral("Complete"));
-    d = only({with(s, QStringLiteral("jira_logged_seconds"), -600)});
-    EXPECT_EQ(d.value(QStringLiteral("post_seconds")).toLongLong(), 3600);
+    d = only(with(s, {{"jira_logged_seconds", QVariant()}, {"jira_exclusion", manual()}}));
+    EXPECT_EQ(num(d, "remaining_seconds"), 0);
+    EXPECT_EQ(str(d, "status"), S("Complete"));
+    EXPECT_EQ(get(d, "jira_exclusion").toMap(), manual());
+    d = only(with(s, {{"jira_logged_seconds", QVariant()}, {"jira_exclusion", manual(600)}}));
+    EXPECT_EQ(num(d, "remaining_seconds"), 3000);
+    EXPECT_TRUE(get(d, "jira_exclusion").toMap().isEmpty());
+    EXPECT_EQ(str(d, "manual_worklog_id"), S("10001"));
+
+    d = only(with(s, {{"jira_exclusion", kIgnored}}));
+    EXPECT_EQ(num(d, "post_seconds"), 0);
+    EXPECT_EQ(str(d, "status"), S("Ignored for Jira"));
+    EXPECT_EQ(str(only(with(s, {{"jira_exclusion", kIgnored}, {"jira_receipt_state", S("pending")}})), "status"),
+        S("Submission uncertain"));
 }
 
-TEST_F(Drafts, ManualCoverSilencesOnlyWhatItCovers)
-{
-    const QVariantMap s = session(at(9, 0), 3600000);
-    QVariantMap d = only({with(s, QStringLiteral("jira_exclusion"), manualExclusion())});
-    EXPECT_EQ(d.value(QStringLiteral("remaining_seconds")).toLongLong(), 0);
-    EXPECT_EQ(d.value(QStringLiteral("status")), QStringLiteral("Complete"));
-    EXPECT_EQ(d.value(QStringLiteral("jira_exclusion")).toMap(), manualExclusion());
-
-    d = only({with(s, QStringLiteral("jira_exclusion"), manualExclusion(600))});
-    EXPECT_EQ(d.value(QStringLiteral("remaining_seconds")).toLongLong(), 3000);
-    EXPECT_TRUE(d.value(QStringLiteral("jira_exclusion")).toMap().isEmpty());
-    EXPECT_EQ(d.value(QStringLiteral("manual_worklog_id")), QStringLiteral("10001"));
-    EXPECT_EQ(d.value(QStringLiteral("status")), QStringLiteral("Not checked yet"));
-}
-
-TEST_F(Drafts, IgnoredSessionPostsNothingAndLeavesItsGroup)
-{
-    const QVariantList drafts = JRBuildDrafts(
-        {with(session(at(9, 0), 3600000, kIssue, QStringLiteral("a"), 1), QStringLiteral("jira_exclusion"), kIgnored),
-            session(at(10, 0), 30000, kIssue, QStringLiteral("b"), 2)},
-        m_day);
-    // The 30 s piece has no other postable session in its group, so it is dropped, not a fragment.
-    ASSERT_EQ(drafts.size(), 1);
-    const QVariantMap d = first(drafts);
-    EXPECT_EQ(d.value(QStringLiteral("remaining_seconds")).toLongLong(), 0);
-    EXPECT_EQ(d.value(QStringLiteral("status")), QStringLiteral("Ignored for Jira"));
-    EXPECT_EQ(d.value(QStringLiteral("jira_exclusion")).toMap(), kIgnored);
-}
-
-TEST_F(Drafts, UncertainReceiptWinsOverEveryOtherStatus)
-{
-    QVariantMap s = with(session(at(9, 0), 3600000), QStringLiteral("jira_exclusion"), kIgnored);
-    s.insert(QStringLiteral("jira_receipt_state"), QStringLiteral("pending"));
-    EXPECT_EQ(only({s}).value(QStringLiteral("status")), QStringLiteral("Submission uncertain"));
-}
-
-TEST_F(Drafts, CommentFollowsTheUserThenTheDescription)
+TEST_F(Drafts, CommentAndIssueFollowTheSession)
 {
     const QVariantMap s = session(at(9, 0), 3600000);
-    EXPECT_EQ(only({with(s, QStringLiteral("comment"), QStringLiteral(""))}).value(QStringLiteral("comment")),
-        QStringLiteral(""));
-    // Without an own comment, a known issue title replaces the description.
-    const QVariantMap titled = with(s, QStringLiteral("issue_title"), QStringLiteral("Login fails"));
-    EXPECT_EQ(only({titled}).value(QStringLiteral("comment")), QStringLiteral(""));
-    QVariantMap custom = with(titled, QStringLiteral("comment"), QStringLiteral("mine"));
-    custom.insert(QStringLiteral("comment_custom"), true);
-    EXPECT_EQ(only({custom}).value(QStringLiteral("comment")), QStringLiteral("mine"));
-    QVariantMap rule = with(titled, QStringLiteral("assignment"), QStringLiteral("Description rule"));
-    const QVariantMap d = only({rule});
-    EXPECT_EQ(d.value(QStringLiteral("activity")), QStringLiteral("Work"));
-    EXPECT_EQ(d.value(QStringLiteral("comment")), QStringLiteral("Work"));
-}
+    EXPECT_EQ(get(only(with(s, {{"comment", S("")}})), "comment"), S(""));
+    const QVariantMap titled = with(s, {{"issue_title", S("Login fails")}});
+    EXPECT_EQ(get(only(titled), "comment"), S(""));
+    EXPECT_EQ(get(only(with(titled, {{"comment", S("mine")}, {"comment_custom", true}})), "comment"), S("mine"));
+    EXPECT_EQ(get(only(with(titled, {{"assignment", S("Description rule")}})), "comment"), S("Work"));
 
-TEST_F(Drafts, UnassignedSessionGivesAnInvalidDraft)
-{
-    const QVariantMap d = only({session(at(9, 0), 3600000, QStringLiteral("Unassigned"))});
-    EXPECT_EQ(d.value(QStringLiteral("issue")), QStringLiteral(""));
-    EXPECT_FALSE(JRValid(d));
-    EXPECT_TRUE(JRCombineKey(d).isNull());
-}
+    const QVariantMap unassigned = only(session(at(9, 0), 3600000, "Unassigned"));
+    EXPECT_EQ(get(unassigned, "issue"), S(""));
+    EXPECT_FALSE(JRValid(unassigned));
+    EXPECT_TRUE(JRCombineKey(unassigned).isNull());
 
-TEST_F(Drafts, SourceKeyIdentifiesTheSessionNotItsContent)
-{
-    const QVariantMap s = session(at(9, 0), 3600000);
-    QVariantMap changed = with(s, QStringLiteral("end_ms"), s.value(QStringLiteral("end_ms")).toLongLong() + 5000);
-    changed.insert(QStringLiteral("issue"), QStringLiteral("XYZ-2"));
-    changed.insert(QStringLiteral("description"), QStringLiteral("else"));
-    EXPECT_EQ(JRSourceKey(changed), JRSourceKey(s));
-    EXPECT_EQ(JRSourceKey(s),
-        JRHash(QStringLiteral("user_activity|7|local:1|") + QString::number(at(9, 0).toMSecsSinceEpoch())));
-    // The server id wins once the session has one; the local id then no longer matters.
-    const QVariantMap synced = with(s, QStringLiteral("api_id"), 555);
-    EXPECT_EQ(JRSourceKey(synced),
-        JRHash(QStringLiteral("user_activity|7|api:555|") + QString::number(at(9, 0).toMSecsSinceEpoch())));
-    EXPECT_EQ(JRSourceKey(with(synced, QStringLiteral("local_id"), 99)), JRSourceKey(synced));
+    // The source key names the session, not its content; the server id wins once there is one.
+    const QString startMs = QString::number(at(9, 0).toMSecsSinceEpoch());
+    EXPECT_EQ(
+        JRSourceKey(with(s, {{"end_ms", 1}, {"issue", S("X-2")}})), JRHash(S("user_activity|7|local:1|") + startMs));
+    EXPECT_EQ(
+        JRSourceKey(with(s, {{"api_id", 555}, {"local_id", 9}})), JRHash(S("user_activity|7|api:555|") + startMs));
 }
 
 TEST_F(Drafts, CombineKeysFollowTheDailyPreferenceAndRules)
 {
-    const auto ruled = [&](int localId, const QString &description, bool daily) {
-        QVariantMap s = session(at(9 + localId, 0), 600000, kIssue, description, localId);
-        s.insert(QStringLiteral("assignment"), QStringLiteral("Description rule"));
-        s.insert(QStringLiteral("aggregate_description"), description.toLower());
-        s.insert(QStringLiteral("aggregate_daily"), daily);
-        return s;
+    const auto ruled = [&](int id, const char *description, bool daily) {
+        return with(session(at(9 + id, 0), 600000, "ABC-1", description, id),
+            {{"assignment", S("Description rule")}, {"aggregate_description", S(description).toLower()},
+                {"aggregate_daily", daily}});
     };
-    const QVariantList sessions {ruled(1, QStringLiteral("Review"), false), ruled(2, QStringLiteral("Review"), false),
-        ruled(3, QStringLiteral("Deploy"), true), session(at(13, 0), 600000, kIssue, QStringLiteral("x"), 4)};
-    QVariantList drafts = JRBuildDrafts(sessions, m_day);
-    ASSERT_EQ(drafts.size(), 4);
-    const QString dayStart = QString::number(local(2026, 3, 2, 0, 0).toSecsSinceEpoch());
-    EXPECT_EQ(JRCombineKey(drafts[0].toMap()), QStringLiteral("ABC-1|review|") + dayStart);
-    EXPECT_EQ(JRCombineKey(drafts[1].toMap()), JRCombineKey(drafts[0].toMap()));
-    EXPECT_EQ(JRCombineKey(drafts[2].toMap()), QStringLiteral("ABC-1|deploy|") + dayStart);
-    EXPECT_EQ(JRCombineKey(drafts[3].toMap()), QStringLiteral("ABC-1|") + dayStart);
-
+    const QVariantList sessions {ruled(1, "Review", false), ruled(2, "Review", false), ruled(3, "Deploy", true),
+        session(at(13, 0), 600000, "ABC-1", "x", 4)};
+    QVariantList drafts = build(sessions);
+    const QString day = QString::number(local(2026, 3, 2, 0, 0).toSecsSinceEpoch());
+    EXPECT_EQ(JRCombineKey(wl::at(drafts, 0)), S("ABC-1|review|") + day);
+    EXPECT_EQ(JRCombineKey(wl::at(drafts, 1)), JRCombineKey(wl::at(drafts, 0)));
+    EXPECT_EQ(JRCombineKey(wl::at(drafts, 3)), S("ABC-1|") + day);
     JRSetCombineDailyByIssue(false);
-    drafts = JRBuildDrafts(sessions, m_day);
-    EXPECT_TRUE(JRCombineKey(drafts[0].toMap()).isNull());
-    EXPECT_EQ(JRCombineKey(drafts[2].toMap()), QStringLiteral("ABC-1|deploy|") + dayStart);
-    EXPECT_TRUE(JRCombineKey(drafts[3].toMap()).isNull());
-
-    EXPECT_TRUE(JRCombineKey(with(drafts[2].toMap(), QStringLiteral("source_running"), true)).isNull());
-    EXPECT_TRUE(JRCombineKey(with(drafts[2].toMap(), QStringLiteral("jira_exclusion"), kIgnored)).isNull());
+    drafts = build(sessions);
+    EXPECT_TRUE(JRCombineKey(wl::at(drafts, 0)).isNull());
+    EXPECT_EQ(JRCombineKey(wl::at(drafts, 2)), S("ABC-1|deploy|") + day);
+    EXPECT_TRUE(JRCombineKey(wl::at(drafts, 3)).isNull());
+    EXPECT_TRUE(JRCombineKey(with(wl::at(drafts, 2), {{"source_running", true}})).isNull());
+    EXPECT_TRUE(JRCombineKey(with(wl::at(drafts, 2), {{"jira_exclusion", kIgnored}})).isNull());
 }
 
-TEST_F(Drafts, DaylightSavingNightsStayOnTheirDay)
+TEST_F(Drafts, ClockChangeNightsAndHalfHourZonesUseTheLocalDay)
 {
-    testenv::ScopedTimeZone zone("Europe/Berlin");
-    for (const QDate day : {QDate(2026, 3, 29), QDate(2026, 10, 25)}) {
-        const QDateTime dayNoon(day, QTime(12, 0));
-        const QVariantList drafts = JRBuildDrafts(
-            {session(QDateTime(day, QTime(0, 30)), 3 * 3600000, kIssue, QStringLiteral("a"), 1),
-                session(QDateTime(day, QTime(23, 30)), 1800000, kIssue, QStringLiteral("b"), 2),
-                session(QDateTime(day.addDays(-1), QTime(23, 59)), 600000, kIssue, QStringLiteral("c"), 3)},
-            dayNoon);
-        ASSERT_EQ(drafts.size(), 2) << day.toString(Qt::ISODate).toStdString();
-        const QString offset = day.month() == 3 ? QStringLiteral("+0100") : QStringLiteral("+0200");
-        EXPECT_EQ(drafts[0].toMap().value(QStringLiteral("started")).toString(),
-            day.toString(Qt::ISODate) + QStringLiteral("T00:30:00.000") + offset);
-        // Both share the combine key of that day, whatever offset each started in.
-        EXPECT_EQ(JRCombineKey(drafts[0].toMap()), JRCombineKey(drafts[1].toMap()));
-        EXPECT_EQ(JRCombineKey(drafts[0].toMap()).section(u'|', -1).toLongLong(),
-            QDateTime(day, QTime(0, 0)).toSecsSinceEpoch());
+    {
+        testenv::ScopedTimeZone zone("Europe/Berlin");
+        for (const QDate day : {QDate(2026, 3, 29), QDate(2026, 10, 25)}) {
+            const QVariantList drafts
+                = JRBuildDrafts({session(QDateTime(day, QTime(0, 30)), 3 * 3600000, "ABC-1", "a", 1),
+                                    session(QDateTime(day, QTime(23, 30)), 1800000, "ABC-1", "b", 2),
+                                    session(QDateTime(day.addDays(-1), QTime(23, 59)), 600000, "ABC-1", "c", 3)},
+                    QDateTime(day, QTime(12, 0)));
+            ASSERT_EQ(drafts.size(), 2);
+            EXPECT_EQ(str(wl::at(drafts, 0), "started"),
+                day.toString(Qt::ISODate) + (day.month() == 3 ? S("T00:30:00.000+0100") : S("T00:30:00.000+0200")));
+            EXPECT_EQ(JRCombineKey(wl::at(drafts, 0)), JRCombineKey(wl::at(drafts, 1)));
+            EXPECT_EQ(JRCombineKey(wl::at(drafts, 0)).section(u'|', -1).toLongLong(),
+                QDateTime(day, QTime(0, 0)).toSecsSinceEpoch());
+        }
     }
-}
-
-TEST_F(Drafts, HalfHourZoneDecidesTheDayLocally)
-{
     testenv::ScopedTimeZone zone("Asia/Kolkata");
     // 00:10 in Kolkata is still the previous day in UTC.
-    const QDateTime start = QDateTime(QDate(2026, 3, 1), QTime(18, 40), Qt::UTC);
-    const QVariantList drafts = JRBuildDrafts({session(start, 600000)}, QDateTime(QDate(2026, 3, 2), QTime(12, 0)));
-    ASSERT_EQ(drafts.size(), 1);
-    EXPECT_EQ(first(drafts).value(QStringLiteral("started")), QStringLiteral("2026-03-02T00:10:00.000+0530"));
-    EXPECT_TRUE(JRBuildDrafts({session(start, 600000)}, QDateTime(QDate(2026, 3, 1), QTime(12, 0))).isEmpty());
+    const QVariantMap s = session(QDateTime(QDate(2026, 3, 1), QTime(18, 40), Qt::UTC), 600000);
+    EXPECT_EQ(str(wl::at(JRBuildDrafts({s}, QDateTime(QDate(2026, 3, 2), QTime(12, 0))), 0), "started"),
+        S("2026-03-02T00:10:00.000+0530"));
+    EXPECT_TRUE(JRBuildDrafts({s}, QDateTime(QDate(2026, 3, 1), QTime(12, 0))).isEmpty());
 }
 
 TEST(ExclusionStatus, NamesTheManualWorklog)
 {
-    EXPECT_EQ(JRExclusionStatus({}), QStringLiteral(""));
-    EXPECT_EQ(JRExclusionStatus(manualExclusion()), QStringLiteral("Manually logged · ABC-1 / worklog 10001"));
-    EXPECT_EQ(JRExclusionStatus(kIgnored), QStringLiteral("Ignored for Jira"));
-    EXPECT_EQ(JRExclusionStatus({{QStringLiteral("kind"), QStringLiteral("odd")}}), QStringLiteral("Ignored for Jira"));
+    EXPECT_EQ(JRExclusionStatus({}), S(""));
+    EXPECT_EQ(JRExclusionStatus(manual()), S("Manually logged · ABC-1 / worklog 10001"));
+    EXPECT_EQ(JRExclusionStatus(rec({{"kind", S("odd")}})), S("Ignored for Jira"));
 }
 
 struct ValidCase {
@@ -289,16 +191,14 @@ void PrintTo(const ValidCase &c, std::ostream *os)
 {
     *os << c.name;
 }
-
 class Validity : public EngineTest, public ::testing::WithParamInterface<ValidCase>
 {
 };
-
 TEST_P(Validity, NeedsKeySecondsWithinADayAndADate)
 {
     JRSetIgnoreShortSessions(GetParam().ignoreShort);
-    QVariantMap draft {{QStringLiteral("issue"), kIssue}, {QStringLiteral("post_seconds"), 600},
-        {QStringLiteral("seconds"), 600}, {QStringLiteral("started"), QStringLiteral("2026-03-02T09:00:00.000+0100")}};
+    QVariantMap draft = rec({{"issue", S("ABC-1")}, {"post_seconds", 600}, {"seconds", 600},
+        {"started", S("2026-03-02T09:00:00.000+0100")}});
     for (auto it = GetParam().changes.constBegin(); it != GetParam().changes.constEnd(); ++it) {
         if (it.value().isValid())
             draft.insert(it.key(), it.value());
@@ -307,23 +207,21 @@ TEST_P(Validity, NeedsKeySecondsWithinADayAndADate)
     }
     EXPECT_EQ(JRValid(draft), GetParam().valid);
 }
-
-const QString kPost = QStringLiteral("post_seconds");
 INSTANTIATE_TEST_SUITE_P(Table, Validity,
-    ::testing::Values(ValidCase {"plain", {}, true, true}, ValidCase {"full day", {{kPost, 86400}}, true, true},
-        ValidCase {"over a day", {{kPost, 86401}}, true, false}, ValidCase {"negative", {{kPost, -60}}, true, false},
-        ValidCase {"fraction", {{kPost, 600.5}}, true, false},
-        ValidCase {"digit text", {{kPost, QStringLiteral("600")}}, true, true},
-        ValidCase {"signed text", {{kPost, QStringLiteral("+600")}}, true, false},
-        ValidCase {"huge digits", {{kPost, QStringLiteral("99999999999999999999999")}}, true, false},
-        ValidCase {"seconds when no post", {{kPost, QVariant()}, {QStringLiteral("seconds"), 120}}, true, true},
-        ValidCase {"under a minute", {{kPost, 59}}, true, false},
-        ValidCase {"under a minute allowed", {{kPost, 59}}, false, true},
-        ValidCase {"zero", {{kPost, 0}}, false, false},
-        ValidCase {"fragment", {{kPost, 1}, {QStringLiteral("fragment"), true}}, true, true},
-        ValidCase {"lower-case key", {{QStringLiteral("issue"), QStringLiteral("abc-1")}}, true, false},
-        ValidCase {"key with line end", {{QStringLiteral("issue"), QStringLiteral("ABC-1\n")}}, true, false},
-        ValidCase {"no issue", {{QStringLiteral("issue"), QVariant()}}, true, false},
-        ValidCase {"bad date", {{QStringLiteral("started"), QStringLiteral("2026-03-02")}}, true, false}));
+    ::testing::Values(ValidCase {"full day", rec({{"post_seconds", 86400}}), true, true},
+        ValidCase {"over a day", rec({{"post_seconds", 86401}}), true, false},
+        ValidCase {"negative", rec({{"post_seconds", -60}}), true, false},
+        ValidCase {"fraction", rec({{"post_seconds", 600.5}}), true, false},
+        ValidCase {"digit text", rec({{"post_seconds", S("600")}}), true, true},
+        ValidCase {"signed text", rec({{"post_seconds", S("+600")}}), true, false},
+        ValidCase {"huge", rec({{"post_seconds", S("99999999999999999999999")}}), true, false},
+        ValidCase {"seconds when no post", {{S("post_seconds"), QVariant()}, {S("seconds"), 120}}, true, true},
+        ValidCase {"under a minute", rec({{"post_seconds", 59}}), true, false},
+        ValidCase {"under a minute allowed", rec({{"post_seconds", 59}}), false, true},
+        ValidCase {"zero allowed", rec({{"post_seconds", 0}}), false, false},
+        ValidCase {"fragment", rec({{"post_seconds", 1}, {"fragment", true}}), true, true},
+        ValidCase {"lower-case key", rec({{"issue", S("abc-1")}}), true, false},
+        ValidCase {"key with line end", rec({{"issue", S("ABC-1\n")}}), true, false},
+        ValidCase {"bad date", rec({{"started", S("2026-03-02")}}), true, false}));
 
 } // namespace
