@@ -81,6 +81,20 @@ NamedFailure failure(const char *name, const char *reason)
     return NamedFailure(QString::fromLatin1(name), QString::fromUtf8(reason));
 }
 
+// The user's own worklogs of an issue. Comparison and manual matching ignore every other author entirely, so
+// filtering once per fetched issue spares each draft a walk over a busy issue's colleagues' worklogs.
+QVariantList ownWorklogs(const QVariantList &worklogs, const QString &account)
+{
+    QVariantList own;
+    for (const QVariant &worklog : worklogs) {
+        const QVariant author
+            = worklog.toMap().value(QStringLiteral("author")).toMap().value(QStringLiteral("accountId"));
+        if (isText(author) && author.toString() == account)
+            own.append(worklog);
+    }
+    return own;
+}
+
 // Worklogs posted in this run count towards the Jira time of their issue and day: "%@|%.0f".
 QString dayKey(const QVariantMap &row)
 {
@@ -220,7 +234,7 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
                     pageEvent.insert(QStringLiteral("pages"), pages);
                     notify(progress, pageEvent);
                 };
-                fetched.insert(issue, m_client.worklogs(issue, cloud, from, to, pageProgress));
+                fetched.insert(issue, ownWorklogs(m_client.worklogs(issue, cloud, from, to, pageProgress), account));
                 ++completed;
                 notify(progress, event("complete"));
             }

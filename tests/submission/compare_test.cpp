@@ -63,6 +63,9 @@ TEST_F(Compare, FetchesEachIssueOnceAndReportsProgressPerIssue)
     for (int i = 0; i < 3; ++i)
         m_server.addWorklog(
             {QStringLiteral("ABC-1"), kAccount, at(2, 8, i * 10), 300, document(QStringLiteral("old")), {}, {}, {}});
+    // A colleague's time on the same issue and day is neither the user's time nor a candidate match.
+    m_server.addWorklog(
+        {QStringLiteral("ABC-1"), kOtherAccount, at(2, 10), 3600, document(QStringLiteral("a")), {}, {}, {}});
     const QVariantList drafts = draftsOf({session(QStringLiteral("ABC-1"), at(2, 9), 3600, QStringLiteral("a"), 1),
                                              session(QStringLiteral("ABC-1"), at(2, 11), 1800, QStringLiteral("b"), 2),
                                              session(QStringLiteral("ABC-2"), at(2, 13), 900, QStringLiteral("c"), 3)},
