@@ -11,7 +11,7 @@ namespace
 
 const QStringList kIssues {
     QStringLiteral("ABC-1"), QStringLiteral("ABC-2"), QStringLiteral("ABC-3"), QStringLiteral("OPS-7")};
-constexpr int kRounds = 150;
+constexpr int kRounds = 120;
 constexpr int kFirstDay = 2;
 constexpr int kDays = 12;
 
