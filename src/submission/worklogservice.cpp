@@ -114,6 +114,7 @@ WorklogService::WorklogService(JiraClient &client, const QString &directory)
 
 QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QString &cloud, const Progress &progress)
 {
+    Q_ASSERT(m_client.queue().isCurrent());
     QVariantList result;
     qint64 completed = 0;
     qint64 total = 0;
@@ -272,6 +273,7 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
 QVariantList WorklogService::postDrafts(const QVariantList &drafts, const QString &cloud, const QString &account,
     qint64 generation, const Progress &progress)
 {
+    Q_ASSERT(m_client.queue().isCurrent());
     qint64 completed = 0;
     QString issue;
     QStringList sourceKeys;

@@ -26,21 +26,6 @@ QVariantMap draftWithKey(const QVariantMap &comparison, const QString &sourceKey
     return {};
 }
 
-// The last diagnostic record of `name`.
-QVariantMap lastEvent(const QString &name)
-{
-    QFile file(DiagnosticLog::shared().path(0));
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    QVariantMap found;
-    for (const QByteArray &line : file.readAll().split('\n')) {
-        const QVariantMap record = QJsonDocument::fromJson(line).object().toVariantMap();
-        if (record.value(QStringLiteral("event")).toString() == name)
-            found = record;
-    }
-    return found;
-}
-
 QJsonObject document(const QString &text)
 {
     return QJsonObject {{QStringLiteral("version"), 1}, {QStringLiteral("type"), QStringLiteral("doc")},
@@ -103,7 +88,7 @@ TEST_F(Compare, FetchesEachIssueOnceAndReportsProgressPerIssue)
     const QVariantMap third = draftWithKey(result, drafts.at(2).toMap().value(QStringLiteral("source_key")).toString());
     EXPECT_EQ(third.value(QStringLiteral("status")).toString(), QStringLiteral("Ready"));
 
-    const QVariantMap recorded = lastEvent(QStringLiteral("jira_compare_completed"));
+    const QVariantMap recorded = lastDiagnostic(QStringLiteral("jira_compare_completed"));
     EXPECT_EQ(recorded.value(QStringLiteral("count")).toInt(), 3);
     EXPECT_EQ(recorded.value(QStringLiteral("failed")).toInt(), 0);
 }
@@ -121,7 +106,7 @@ TEST_F(Compare, IdentityFailureEndsTheStepBeforeAnyFetch)
     EXPECT_EQ(events.first().toMap().value(QStringLiteral("error")).toString(),
         QStringLiteral("Jira returned HTTP 401. Reconnect Jira."));
     EXPECT_EQ(requestCount(QStringLiteral("GET"), QStringLiteral("/worklog$")), 0);
-    const QVariantMap recorded = lastEvent(QStringLiteral("jira_compare_completed"));
+    const QVariantMap recorded = lastDiagnostic(QStringLiteral("jira_compare_completed"));
     EXPECT_EQ(recorded.value(QStringLiteral("failed")).toInt(), 1);
     EXPECT_EQ(recorded.value(QStringLiteral("count")).toInt(), 0);
 }
@@ -140,7 +125,7 @@ TEST_F(Compare, FailureOnALaterIssueDropsEveryResult)
     EXPECT_EQ(failed.value(QStringLiteral("state")).toString(), QStringLiteral("failed"));
     EXPECT_EQ(failed.value(QStringLiteral("issue")).toString(), QStringLiteral("ABC-2"));
     EXPECT_EQ(failed.value(QStringLiteral("completed")).toLongLong(), 1);
-    EXPECT_EQ(lastEvent(QStringLiteral("jira_compare_completed")).value(QStringLiteral("count")).toInt(), 1)
+    EXPECT_EQ(lastDiagnostic(QStringLiteral("jira_compare_completed")).value(QStringLiteral("count")).toInt(), 1)
         << "only the drafts finished before the failure are counted";
 }
 

@@ -119,6 +119,11 @@ TEST_F(Post, PostsEachWorklogWithReceiptsAndExactlyOneReadAndOneWritePerWorklog)
     EXPECT_EQ(QJsonDocument::fromJson(posts.first().body).object().toVariantMap(),
         receipt.value(QStringLiteral("payload")).toMap());
     EXPECT_EQ(expectJiraConsistentWithLedger({QStringLiteral("ABC-1"), QStringLiteral("ABC-2")}), 3);
+    EXPECT_EQ(lastDiagnostic(QStringLiteral("jira_post_completed")),
+        (QVariantMap {{QStringLiteral("event"), QStringLiteral("jira_post_completed")}, {QStringLiteral("count"), 3},
+            {QStringLiteral("failed"), 0},
+            {QStringLiteral("time"),
+                lastDiagnostic(QStringLiteral("jira_post_completed")).value(QStringLiteral("time"))}}));
 
     // Checking again recognises every worklog by its marker.
     const QVariantMap again = compare(m_drafts);
@@ -136,6 +141,7 @@ TEST_F(Post, AnswerLostAfterCreationLeavesPendingAndTheWorklogIsRecognised)
     const PostOutcome outcome = post(rows.mid(0, 1));
     EXPECT_EQ(outcome.failure, kDropped);
     EXPECT_EQ(states(outcome.events), (QStringList {QStringLiteral("submitting"), QStringLiteral("failed")}));
+    EXPECT_EQ(lastDiagnostic(QStringLiteral("jira_post_completed")).value(QStringLiteral("failed")).toInt(), 1);
     EXPECT_EQ(receiptState(ledger(), markerOf(rows, 0)), QStringLiteral("pending"));
     EXPECT_EQ(m_server.worklogCount(QStringLiteral("ABC-1")), 1) << "Jira created it; the program never heard";
 

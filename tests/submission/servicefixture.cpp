@@ -1,10 +1,12 @@
 #include "servicefixture.h"
 
+#include "diagnostics/diagnosticlog.h"
 #include "fsguards.h"
 #include "platform/failure.h"
 #include "support/testenv.h"
 #include "worklogs/engine.h"
 
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -15,6 +17,20 @@ QVariantMap credentialRecord(const QString &token, const QString &broker)
     return {{QStringLiteral("access_token"), token}, {QStringLiteral("refresh_token"), QStringLiteral("unused")},
         {QStringLiteral("expires_in"), 3600}, {QStringLiteral("broker"), broker},
         {QStringLiteral("expires_at"), double(QDateTime::currentSecsSinceEpoch() + 3600)}};
+}
+
+QVariantMap lastDiagnostic(const QString &name)
+{
+    QFile file(DiagnosticLog::shared().path(0));
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    QVariantMap found;
+    for (const QByteArray &line : file.readAll().split('\n')) {
+        const QVariantMap record = QJsonDocument::fromJson(line).object().toVariantMap();
+        if (record.value(QStringLiteral("event")).toString() == name)
+            found = record;
+    }
+    return found;
 }
 
 void ServiceFixture::SetUp()

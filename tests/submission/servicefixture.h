@@ -62,5 +62,8 @@ protected:
     std::unique_ptr<WorklogService> m_service;
 };
 
+// The last record of the diagnostic event `name` in the current diagnostic log.
+QVariantMap lastDiagnostic(const QString &name);
+
 // The credential record that makes a fresh client use `token` without the secret store.
 QVariantMap credentialRecord(const QString &token, const QString &broker);
