@@ -4,6 +4,7 @@
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QJsonParseError>
@@ -224,11 +225,11 @@ void DiagnosticLog::recordLocked(const QString &name, const QVariantMap &values)
         ::rename(current.constData(), older.constData());
     }
 
-    int fd = ::open(current.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    int fd = ::open(current.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd >= 0)
         ::fchmod(fd, 0600); // the umask may have taken bits we want; it never adds any
     else if (errno == EEXIST)
-        fd = ::open(current.constData(), O_WRONLY | O_CLOEXEC);
+        fd = ::open(current.constData(), O_WRONLY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0)
         return;
     if (::lseek(fd, 0, SEEK_END) >= 0 && writeAll(fd, json.constData(), size_t(json.size())))
@@ -255,9 +256,14 @@ QString DiagnosticLog::report()
     for (int index = kFileCount - 1; index >= 0; --index) {
         QFile file(path(index));
         // A file this large was not written by this log; it is skipped whole rather than read.
-        if (!file.exists() || file.size() > kRotateBytes || !file.open(QIODevice::ReadOnly))
+        // Only regular files: a device or a pipe in its place would never end or would block the report.
+        if (!QFileInfo(file).isFile() || file.size() > kRotateBytes || !file.open(QIODevice::ReadOnly))
             continue;
-        const QList<QByteArray> lines = file.readAll().split('\n');
+        // The file may have grown since its size was taken; the guard holds for what is actually read.
+        const QByteArray contents = file.read(kRotateBytes + 1);
+        if (contents.size() > kRotateBytes)
+            continue;
+        const QList<QByteArray> lines = contents.split('\n');
         for (const QByteArray &line : lines) {
             if (line.trimmed().isEmpty())
                 continue;

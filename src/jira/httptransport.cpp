@@ -93,6 +93,17 @@ QByteArray serialisedBody(const QVariant &body)
     return {};
 }
 
+// A redirect is never followed, whatever it points at: the 3xx itself is the answer the caller judges, so a
+// bearer token can never travel to another address.
+struct NoRedirect {
+    static void apply(CURL *handle)
+    {
+        curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 0L);
+        curl_easy_setopt(handle, CURLOPT_MAXREDIRS, 0L);
+        curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, "https");
+    }
+};
+
 struct EasyDeleter {
     void operator()(CURL *handle) const { curl_easy_cleanup(handle); }
 };
@@ -184,9 +195,7 @@ QVariant HTTPTransport::request(
     const QByteArray encodedURL = parsed.toEncoded(QUrl::FullyEncoded);
     curl_easy_setopt(handle, CURLOPT_URL, encodedURL.constData());
     curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "https");
-    curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, "https");
-    // A redirect is never followed: the 3xx itself is the answer the caller judges.
-    curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 0L);
+    NoRedirect::apply(handle);
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 2L);

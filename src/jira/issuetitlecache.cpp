@@ -104,10 +104,11 @@ QString IssueTitleCache::title(const QString &issue, const QString &cloud, bool 
     const QDateTime now = m_clock();
 
     const QDateTime lastAttempt = m_attempts.value(key);
-    const bool shouldFetch = m_inFlight.size() < kMaxInFlight && !m_inFlight.contains(key) && m_client.connected()
+    // `connected` asks the secret store, so it is checked last, only when everything else allows a fetch.
+    const bool shouldFetch = m_inFlight.size() < kMaxInFlight && !m_inFlight.contains(key)
         && !(lastAttempt.isValid() && lastAttempt.secsTo(now) < kRetrySeconds)
         && !(m_backOffUntil.isValid() && m_backOffUntil > now)
-        && (refresh || !date.isValid() || date.secsTo(now) >= kFreshSeconds);
+        && (refresh || !date.isValid() || date.secsTo(now) >= kFreshSeconds) && m_client.connected();
     if (!shouldFetch)
         return title;
 

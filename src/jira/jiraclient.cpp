@@ -45,6 +45,11 @@ QString statusHint(qint64 status)
 
 JiraClient::JiraClient() = default;
 
+JiraClient::JiraClient(const QString &credentialService)
+    : m_session(credentialService)
+{
+}
+
 void JiraClient::connect(const QString &origin, OAuthSession::Completion completion)
 {
     m_session.connect(origin, std::move(completion));

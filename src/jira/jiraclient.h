@@ -20,6 +20,8 @@ public:
     using Progress = std::function<void(qint64 page, qint64 pages)>;
 
     JiraClient();
+    // Keeps the credentials under another secret-store service (tests that run side by side).
+    explicit JiraClient(const QString &credentialService);
 
     OAuthSession &session() { return m_session; }
 

@@ -93,8 +93,13 @@ std::function<void(const QUrl &)> &OAuthSession::browserOpener()
 }
 
 OAuthSession::OAuthSession()
+    : OAuthSession(HLApplicationIdentifier() + QStringLiteral(".jira.oauth"))
+{
+}
+
+OAuthSession::OAuthSession(const QString &credentialService)
     : m_mainContext(std::make_unique<QObject>())
-    , m_keychain(HLApplicationIdentifier() + QStringLiteral(".jira.oauth"), QStringLiteral("oauth"))
+    , m_keychain(credentialService, QStringLiteral("oauth"))
     , m_queue(std::make_unique<SerialQueue>(HLApplicationIdentifier() + QStringLiteral(".jira")))
 {
 }

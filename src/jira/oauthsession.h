@@ -27,6 +27,8 @@ public:
     using Completion = std::function<void(const PlatformError &error)>; // no error (isError() false) = success
 
     OAuthSession();
+    // Keeps the credentials under another secret-store service (tests that run side by side).
+    explicit OAuthSession(const QString &credentialService);
     ~OAuthSession();
     OAuthSession(const OAuthSession &) = delete;
     OAuthSession &operator=(const OAuthSession &) = delete;

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <limits>
 #include <thread>
@@ -228,6 +229,9 @@ TEST_F(DiagnosticLogTest, ReportSkipsAFileOverTheSizeLimit)
     ASSERT_EQ(atLimit.size(), kThreshold);
     writeFile(log.path(0), atLimit);
 
+    // Something that is not a regular file in place of file 2 is skipped too, not read without end.
+    ASSERT_EQ(::symlink("/dev/zero", QFile::encodeName(log.path(2)).constData()), 0);
+
     const QString body = log.report().section(QStringLiteral("\n\n"), 2);
     // Only file 0 (exactly at the limit) is read.
     EXPECT_EQ(body.count(QStringLiteral("app_started")), atLimit.count("app_started"));
@@ -296,4 +300,14 @@ TEST_F(DiagnosticLogTest, RecordsFromManyThreadsNeverInterleave)
         seen.insert(document.object().value(QStringLiteral("duration_ms")).toInt());
     }
     EXPECT_EQ(seen.size(), kThreads * kEach);
+}
+
+TEST_F(DiagnosticLogTest, NeverWritesThroughALinkInPlaceOfTheCurrentFile)
+{
+    DiagnosticLog log(m_dir);
+    const QString elsewhere = m_dir + QStringLiteral("/elsewhere.txt");
+    writeFile(elsewhere, "keep\n");
+    ASSERT_EQ(::symlink(QFile::encodeName(elsewhere).constData(), QFile::encodeName(log.path(0)).constData()), 0);
+    log.record(QStringLiteral("app_started"));
+    EXPECT_EQ(readFile(elsewhere), QByteArray("keep\n"));
 }

@@ -131,6 +131,11 @@ Fault faultFromJson(const QJsonObject &object, QString *error)
         fault = Fault::redirect(method, path, object.value(QStringLiteral("location")).toString(), times);
     } else if (kind == QLatin1String("drop")) {
         fault = Fault::drop(method, path, times);
+    } else if (kind == QLatin1String("trickle")) {
+        fault = Fault::trickle(method, path, object.value(QStringLiteral("delayMs")).toInt(1000), times);
+    } else if (kind == QLatin1String("createThenReply")) {
+        fault = Fault::createThenReply(object.value(QStringLiteral("status")).toInt(201),
+            object.value(QStringLiteral("body")).toString().toUtf8(), times);
     } else if (kind == QLatin1String("createThenDrop")) {
         fault = Fault::createThenDrop(times);
     } else if (error) {

@@ -76,6 +76,8 @@ struct Fault {
         Redirect, // 302 with Location: `location`
         Drop, // close the connection without answering, without handling the request
         CreateThenDrop, // handle the request (a POST worklog is stored), then close without answering
+        CreateThenReply, // handle the request (a POST worklog is stored), then answer as for Status instead
+        Trickle, // answer 200 at once, then one byte of body every `delayMs` and never finish
     };
 
     QString method; // "GET", "POST", ...; empty: any
@@ -102,7 +104,12 @@ struct Fault {
     static Fault slow(const QString &method, const QString &pathPattern, int delayMs, int times = 1);
     static Fault redirect(const QString &method, const QString &pathPattern, const QString &location, int times = 1);
     static Fault drop(const QString &method, const QString &pathPattern, int times = 1);
+    // Never idle for `intervalMs`, never complete: only a limit on the whole transfer ends it.
+    static Fault trickle(const QString &method, const QString &pathPattern, int intervalMs, int times = 1);
     static Fault createThenDrop(int times = 1); // POST .../issue/{key}/worklog
+    // POST .../issue/{key}/worklog stores the worklog but answers `status` with `body` (a 201 without an id, a
+    // 500 or a 504 after the fact): the client cannot tell whether it exists.
+    static Fault createThenReply(int status, const QByteArray &body, int times = 1);
 };
 
 class Server
@@ -119,7 +126,8 @@ public:
     Server &operator=(const Server &) = delete;
 
     // Binds 127.0.0.1 on `port` (0: a free port chosen by the system) and serves on background threads. Makes
-    // the certificate on the first start. Returns false (with `errorString`) when it cannot.
+    // the certificate on the first start. Returns false (with `errorString`) when it cannot. Sets SIGPIPE to be
+    // ignored in the process: writing to a connection a fault dropped must not end a test.
     bool start(quint16 port = 0);
     // Stops serving; waits for requests in progress, cutting short the waits of slow-answer faults.
     void stop();
@@ -139,6 +147,9 @@ public:
     void addSite(const Site &site);
     void addIssue(const Issue &issue); // replaces an issue with the same key
     QString addWorklog(const Worklog &worklog); // returns the id
+    // The issue now answers under `newKey`; the old key still finds it and answers with the new one, as a moved
+    // Jira issue does. Its worklogs move with it.
+    bool moveIssue(const QString &oldKey, const QString &newKey);
     // One user (in `timeZone` when given), one site and a few issues: the demo and the executable's --seed-demo.
     void seedDemo(const QString &timeZone = {});
     // Every worklog of an issue as the gateway would answer it to `viewerAccountId` (empty: the author's own

@@ -1,0 +1,9 @@
+#include "platform/sandbox.h"
+
+#include <QFileInfo>
+#include <QString>
+
+bool HLRunningInAppSandbox()
+{
+    return QFileInfo::exists(QStringLiteral("/.flatpak-info"));
+}

@@ -1,0 +1,23 @@
+#pragma once
+
+#include "source/trackerdb.h"
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tracker
+{
+
+// Upserts every activity into the `activities` table of the history database at `path`, creating the file
+// and table when missing. All or nothing: on failure nothing of this call is stored.
+void saveActivities(const std::string &path, const std::vector<Activity> &activities);
+
+// The (at most) 1000 stored activities with the latest start, newest first.
+std::vector<Activity> history(const std::string &path);
+
+// (project, start_ms, end_ms) of every stored activity that starts or ends at or after `since`.
+std::vector<std::array<int64_t, 3>> summaryHistory(const std::string &path, int64_t since);
+
+} // namespace tracker

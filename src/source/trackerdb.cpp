@@ -1,0 +1,141 @@
+#include "source/trackerdb.h"
+
+#include <sqlite3.h>
+
+#include <stdexcept>
+#include <string_view>
+
+namespace tracker
+{
+
+namespace
+{
+
+constexpr int kBusyTimeoutMs = 300;
+constexpr std::string_view kActivitySuffix = "_activity";
+
+} // namespace
+
+DB::DB(const std::string &path, int flags)
+{
+    sqlite3 *db = nullptr;
+    if (sqlite3_open_v2(path.c_str(), &db, flags, nullptr) != SQLITE_OK) {
+        // Take the message before closing: it lives in the half-open handle.
+        std::string message = db ? sqlite3_errmsg(db) : "Cannot open database";
+        sqlite3_close(db);
+        throw std::runtime_error(message);
+    }
+    m_db = db;
+    sqlite3_busy_timeout(m_db, kBusyTimeoutMs);
+}
+
+DB::~DB()
+{
+    // Closing also ends a transaction that was never committed (a rollback).
+    sqlite3_close_v2(m_db);
+}
+
+void DB::exec(const std::string &sql)
+{
+    char *error = nullptr;
+    if (sqlite3_exec(m_db, sql.c_str(), nullptr, nullptr, &error) != SQLITE_OK) {
+        std::string message = error ? error : "SQL error";
+        sqlite3_free(error);
+        throw std::runtime_error(message);
+    }
+}
+
+void DB::fail() const
+{
+    throw std::runtime_error(sqlite3_errmsg(m_db));
+}
+
+Statement::Statement(DB &db, const std::string &sql)
+    : m_db(db)
+{
+    if (sqlite3_prepare_v2(db.handle(), sql.c_str(), static_cast<int>(sql.size()) + 1, &m_statement, nullptr)
+        != SQLITE_OK)
+        db.fail();
+}
+
+Statement::~Statement()
+{
+    sqlite3_finalize(m_statement);
+}
+
+bool Statement::step()
+{
+    switch (sqlite3_step(m_statement)) {
+    case SQLITE_ROW:
+        return true;
+    case SQLITE_DONE:
+        return false;
+    default:
+        m_db.fail();
+    }
+}
+
+std::string column(Statement &statement, int index)
+{
+    const auto *text = reinterpret_cast<const char *>(sqlite3_column_text(statement.handle(), index));
+    if (!text)
+        return {};
+    return std::string(text, static_cast<size_t>(sqlite3_column_bytes(statement.handle(), index)));
+}
+
+std::string quote(const std::string &name)
+{
+    std::string quoted;
+    quoted.reserve(name.size() + 2);
+    quoted += '"';
+    for (char c : name) {
+        if (c == '"')
+            quoted += '"';
+        quoted += c;
+    }
+    quoted += '"';
+    return quoted;
+}
+
+std::vector<Activity> readActivities(const std::string &path)
+{
+    DB db(path, SQLITE_OPEN_READONLY);
+    // One snapshot for every table while the tracker keeps writing. Never committed: closing the connection
+    // ends it, and a read-only connection has nothing to commit anyway.
+    db.exec("BEGIN");
+
+    std::vector<std::string> tables;
+    {
+        Statement list(db, "SELECT name FROM sqlite_master WHERE type='table' AND name LIKE '%_activity'");
+        while (list.step()) {
+            std::string name = column(list, 0);
+            // LIKE is case-insensitive and treats "_" as a wildcard; only the exact suffix names an account.
+            if (name.size() >= kActivitySuffix.size()
+                && std::string_view(name).substr(name.size() - kActivitySuffix.size()) == kActivitySuffix)
+                tables.push_back(std::move(name));
+        }
+    }
+
+    std::vector<Activity> activities;
+    for (const std::string &table : tables) {
+        Statement rows(db,
+            "SELECT id,apiId,projectId,startTime,endTime,description,seconds,active,lastChanged FROM " + quote(table));
+        sqlite3_stmt *s = rows.handle();
+        while (rows.step()) {
+            Activity &a = activities.emplace_back();
+            a.source = table;
+            a.id = sqlite3_column_int64(s, 0);
+            a.api_id = sqlite3_column_int64(s, 1);
+            a.project = sqlite3_column_int64(s, 2);
+            a.start_ms = sqlite3_column_int64(s, 3);
+            a.end_ms = sqlite3_column_int64(s, 4);
+            a.description = column(rows, 5);
+            a.seconds = sqlite3_column_int64(s, 6);
+            a.active = sqlite3_column_int(s, 7);
+            a.changed_ms = sqlite3_column_int64(s, 8);
+        }
+    }
+    return activities;
+}
+
+} // namespace tracker

@@ -1,0 +1,665 @@
+// The stand-in is what the client's tests trust to behave like Jira, the sign-in service and the rate service,
+// so it is tested here over real TLS with libcurl, the same HTTP stack the program uses.
+
+#include "standin/schemacheck.h"
+#include "standin/server.h"
+
+#include <QCryptographicHash>
+#include <QElapsedTimer>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QRegularExpression>
+#include <QTimeZone>
+#include <QUrl>
+#include <QUrlQuery>
+
+#include <curl/curl.h>
+#include <gtest/gtest.h>
+
+#include <thread>
+
+namespace
+{
+
+const QString kCloud = QStringLiteral("11111111-2222-3333-4444-555555555555");
+const QString kAccount = QStringLiteral("5b10aa0000000000000000aa");
+const QStringList kAllScopes = {QStringLiteral("read:jira-work"), QStringLiteral("write:jira-work"),
+    QStringLiteral("read:jira-user"), QStringLiteral("offline_access")};
+
+struct Reply {
+    CURLcode code = CURLE_OK;
+    long status = 0;
+    QByteArray body;
+    QList<QPair<QByteArray, QByteArray>> headers;
+
+    QJsonObject object() const { return QJsonDocument::fromJson(body).object(); }
+    QJsonArray array() const { return QJsonDocument::fromJson(body).array(); }
+    QByteArray header(const QByteArray &name) const
+    {
+        for (const auto &[key, value] : headers) {
+            if (key.compare(name, Qt::CaseInsensitive) == 0)
+                return value;
+        }
+        return {};
+    }
+};
+
+size_t collectBody(char *data, size_t size, size_t count, void *target)
+{
+    static_cast<QByteArray *>(target)->append(data, qsizetype(size * count));
+    return size * count;
+}
+
+size_t collectHeader(char *data, size_t size, size_t count, void *target)
+{
+    const QByteArray line = QByteArray(data, qsizetype(size * count)).trimmed();
+    const qsizetype colon = line.indexOf(':');
+    if (colon > 0)
+        static_cast<Reply *>(target)->headers.append({line.left(colon).trimmed(), line.mid(colon + 1).trimmed()});
+    return size * count;
+}
+
+struct Call {
+    QString method = QStringLiteral("GET");
+    QString token;
+    QByteArray body;
+    QString caFile;
+    long timeoutMs = 10000;
+};
+
+Reply fetch(const QString &url, const Call &call)
+{
+    Reply reply;
+    CURL *curl = curl_easy_init();
+    const QByteArray urlBytes = url.toUtf8();
+    const QByteArray method = call.method.toUtf8();
+    const QByteArray ca = call.caFile.toUtf8();
+    curl_easy_setopt(curl, CURLOPT_URL, urlBytes.constData());
+    curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, method.constData());
+    if (!ca.isEmpty())
+        curl_easy_setopt(curl, CURLOPT_CAINFO, ca.constData());
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, call.timeoutMs);
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collectBody);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &reply.body);
+    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, collectHeader);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &reply);
+    curl_slist *headers = curl_slist_append(nullptr, "Accept: application/json");
+    const QByteArray authorization = "Authorization: Bearer " + call.token.toUtf8();
+    if (!call.token.isEmpty())
+        headers = curl_slist_append(headers, authorization.constData());
+    if (!call.body.isNull()) {
+        headers = curl_slist_append(headers, "Content-Type: application/json");
+        curl_easy_setopt(curl, CURLOPT_POSTFIELDS, call.body.constData());
+        curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, long(call.body.size()));
+    }
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+    reply.code = curl_easy_perform(curl);
+    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &reply.status);
+    curl_slist_free_all(headers);
+    curl_easy_cleanup(curl);
+    return reply;
+}
+
+QByteArray json(const QJsonObject &object)
+{
+    return QJsonDocument(object).toJson(QJsonDocument::Compact);
+}
+
+QString base64Url(const QByteArray &data)
+{
+    return QString::fromLatin1(data.toBase64(QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals));
+}
+
+class StandinTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        m_server.addUser({kAccount, QStringLiteral("Ada Example"), QStringLiteral("Asia/Kolkata"), {}, {}});
+        m_server.addSite({kCloud, QStringLiteral("example"), QStringLiteral("https://example.atlassian.net"), {}});
+        m_server.addIssue({QStringLiteral("ED-1"), QStringLiteral("10042"), QStringLiteral("Review"), {}, {}});
+        ASSERT_TRUE(m_server.start()) << qPrintable(m_server.errorString());
+        m_token = m_server.issueAccessToken(kAccount, kAllScopes);
+    }
+
+    QString api(const QString &path) const
+    {
+        return m_server.origin() + QStringLiteral("/ex/jira/") + kCloud + QStringLiteral("/rest/api/3") + path;
+    }
+
+    Reply get(const QString &url, const QString &token = {}) const
+    {
+        return fetch(url, {QStringLiteral("GET"), token, {}, m_server.caFile()});
+    }
+
+    Reply post(const QString &url, const QByteArray &body, const QString &token = {}) const
+    {
+        return fetch(url, {QStringLiteral("POST"), token, body, m_server.caFile()});
+    }
+
+    Reply postWorklog(const QJsonObject &body, const QString &query = QStringLiteral("?notifyUsers=false"))
+    {
+        return post(api(QStringLiteral("/issue/ED-1/worklog")) + query, json(body), m_token);
+    }
+
+    QDateTime at(const char *iso) const { return QDateTime::fromString(QString::fromLatin1(iso), Qt::ISODateWithMs); }
+
+    standin::Server m_server;
+    QString m_token;
+};
+
+TEST_F(StandinTest, VerifyingClientAcceptsCertificateOnlyWithItsAuthority)
+{
+    EXPECT_EQ(get(m_server.origin() + QStringLiteral("/v2/rate/EUR/USD")).status, 200);
+    const QString byName = QStringLiteral("https://localhost:%1/v2/rate/EUR/USD").arg(m_server.port());
+    EXPECT_EQ(get(byName).status, 200);
+    const Reply untrusted
+        = fetch(m_server.origin() + QStringLiteral("/v2/rate/EUR/USD"), {QStringLiteral("GET"), {}, {}, {}});
+    EXPECT_EQ(untrusted.code, CURLE_PEER_FAILED_VERIFICATION);
+}
+
+TEST_F(StandinTest, PagesWorklogsInCreatedOrderWithTotalsOverAllPages)
+{
+    m_server.setPageSize(100);
+    const QDateTime created = at("2026-03-02T08:00:00.000Z");
+    for (int i = 0; i < 250; ++i) {
+        standin::Worklog worklog;
+        worklog.issueKey = QStringLiteral("ED-1");
+        worklog.authorAccountId = kAccount;
+        // Started runs backwards so that an order by started would show.
+        worklog.started = created.addSecs(-60 * i);
+        worklog.seconds = 60;
+        worklog.created = created.addSecs(i);
+        m_server.addWorklog(worklog);
+    }
+    QStringList ids;
+    for (int startAt : {0, 100, 200}) {
+        const Reply page
+            = get(api(QStringLiteral("/issue/ED-1/worklog?startAt=%1&maxResults=1000").arg(startAt)), m_token);
+        ASSERT_EQ(page.status, 200) << page.body.constData();
+        const QJsonObject answer = page.object();
+        EXPECT_EQ(answer[QStringLiteral("startAt")].toInt(), startAt);
+        EXPECT_EQ(answer[QStringLiteral("maxResults")].toInt(), 100);
+        EXPECT_EQ(answer[QStringLiteral("total")].toInt(), 250);
+        for (const QJsonValue &worklog : answer[QStringLiteral("worklogs")].toArray())
+            ids.append(worklog[QStringLiteral("id")].toString());
+    }
+    ASSERT_EQ(ids.size(), 250);
+    ids.removeDuplicates();
+    EXPECT_EQ(ids.size(), 250);
+    const QJsonArray all = m_server.worklogs(QStringLiteral("ED-1"));
+    EXPECT_EQ(all.first()[QStringLiteral("created")].toString(), QStringLiteral("2026-03-02T13:30:00.000+0530"));
+    EXPECT_EQ(all.last()[QStringLiteral("created")].toString(), QStringLiteral("2026-03-02T13:34:09.000+0530"));
+
+    const Reply beyond = get(api(QStringLiteral("/issue/ED-1/worklog?startAt=300")), m_token);
+    EXPECT_EQ(beyond.object()[QStringLiteral("total")].toInt(), 250);
+    EXPECT_TRUE(beyond.object()[QStringLiteral("worklogs")].toArray().isEmpty());
+}
+
+TEST_F(StandinTest, AnswersNotFoundForNonNumericPagingAndUnknownIssues)
+{
+    for (const QString &path : {QStringLiteral("/issue/ED-1/worklog?startAt=x"),
+             QStringLiteral("/issue/ED-1/worklog?maxResults=1e3"), QStringLiteral("/issue/ED-1/worklog?startAt="),
+             QStringLiteral("/issue/ED-9/worklog"), QStringLiteral("/issue/ED-9")}) {
+        const Reply reply = get(api(path), m_token);
+        EXPECT_EQ(reply.status, 404) << qPrintable(path);
+        EXPECT_EQ(reply.object()[QStringLiteral("errorMessages")].toArray().first().toString(),
+            QStringLiteral("Issue does not exist or you do not have permission to see it."));
+    }
+}
+
+TEST_F(StandinTest, FiltersByStartedInMillisecondsAfterInclusiveBeforeExclusive)
+{
+    const qint64 base = at("2026-03-02T09:00:00.000Z").toMSecsSinceEpoch();
+    for (int i = 0; i < 5; ++i) {
+        m_server.addWorklog({QStringLiteral("ED-1"), kAccount,
+            QDateTime::fromMSecsSinceEpoch(base + i * 1000, QTimeZone::utc()), 60, {}, {}, {}, {}});
+    }
+    const Reply reply = get(
+        api(QStringLiteral("/issue/ED-1/worklog?startedAfter=%1&startedBefore=%2").arg(base + 1000).arg(base + 3000)),
+        m_token);
+    const QJsonObject answer = reply.object();
+    EXPECT_EQ(answer[QStringLiteral("total")].toInt(), 2);
+    const QJsonArray worklogs = answer[QStringLiteral("worklogs")].toArray();
+    ASSERT_EQ(worklogs.size(), 2);
+    EXPECT_EQ(worklogs[0][QStringLiteral("started")].toString(), QStringLiteral("2026-03-02T14:30:01.000+0530"));
+    EXPECT_EQ(worklogs[1][QStringLiteral("started")].toString(), QStringLiteral("2026-03-02T14:30:02.000+0530"));
+}
+
+TEST_F(StandinTest, CreatesWorklogsInTheUsersZoneAndKeepsProperties)
+{
+    const QJsonArray properties {QJsonObject {{QStringLiteral("key"), QStringLiteral("hourloom")},
+        {QStringLiteral("value"), QJsonObject {{QStringLiteral("marker"), QStringLiteral("abc")}}}}};
+    const Reply created = postWorklog({{QStringLiteral("started"), QStringLiteral("2026-03-29T01:30:00.000+0100")},
+        {QStringLiteral("timeSpentSeconds"), 12000}, {QStringLiteral("properties"), properties}});
+    ASSERT_EQ(created.status, 201) << created.body.constData();
+    const QJsonObject worklog = created.object();
+    EXPECT_TRUE(worklog[QStringLiteral("id")].isString());
+    EXPECT_EQ(worklog[QStringLiteral("issueId")].toString(), QStringLiteral("10042"));
+    EXPECT_EQ(worklog[QStringLiteral("started")].toString(), QStringLiteral("2026-03-29T06:00:00.000+0530"));
+    EXPECT_EQ(worklog[QStringLiteral("timeSpent")].toString(), QStringLiteral("3h 20m"));
+    static const QRegularExpression jiraDate(
+        QStringLiteral("^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}[+-]\\d{4}$"));
+    EXPECT_TRUE(jiraDate.match(worklog[QStringLiteral("created")].toString()).hasMatch());
+    EXPECT_TRUE(
+        worklog[QStringLiteral("self")].toString().startsWith(QStringLiteral("https://example.atlassian.net/")));
+
+    const QJsonObject plain = get(api(QStringLiteral("/issue/ED-1/worklog")), m_token).object();
+    EXPECT_FALSE(plain[QStringLiteral("worklogs")][0].toObject().contains(QStringLiteral("properties")));
+    const QJsonObject expanded = get(api(QStringLiteral("/issue/ED-1/worklog?expand=properties")), m_token).object();
+    EXPECT_EQ(expanded[QStringLiteral("worklogs")][0][QStringLiteral("properties")].toArray(), properties);
+
+    // The same instant reads differently once the profile zone changes.
+    m_server.addUser({kAccount, QStringLiteral("Ada Example"), QStringLiteral("Europe/Berlin"), {}, {}});
+    const QJsonObject moved = get(api(QStringLiteral("/issue/ED-1/worklog")), m_token).object();
+    EXPECT_EQ(moved[QStringLiteral("worklogs")][0][QStringLiteral("started")].toString(),
+        QStringLiteral("2026-03-29T01:30:00.000+0100"));
+}
+
+struct RejectedWorklog {
+    const char *name;
+    const char *body;
+    const char *answer;
+};
+
+class RejectedWorklogTest : public StandinTest, public ::testing::WithParamInterface<RejectedWorklog>
+{
+};
+
+const char kBadStarted[]
+    = R"({"errorMessages":[],"errors":{"started":"Invalid date format. Please enter the date in the format \"yyyy-MM-dd'T'HH:mm:ss.SSSZ\"."}})";
+const char kNoTime[]
+    = R"({"errorMessages":["Worklog must not be null."],"errors":{"timeLogged":"You must indicate the time spent working."}})";
+
+TEST_P(RejectedWorklogTest, AnswersJirasValidationBody)
+{
+    const Reply reply = post(api(QStringLiteral("/issue/ED-1/worklog")), GetParam().body, m_token);
+    EXPECT_EQ(reply.status, 400);
+    EXPECT_EQ(QJsonDocument::fromJson(reply.body), QJsonDocument::fromJson(GetParam().answer))
+        << reply.body.constData();
+    EXPECT_EQ(m_server.worklogCount(QStringLiteral("ED-1")), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Bodies, RejectedWorklogTest,
+    ::testing::Values(
+        RejectedWorklog {"UtcZ", R"({"started":"2026-03-02T09:00:00.000Z","timeSpentSeconds":600})", kBadStarted},
+        RejectedWorklog {
+            "ColonOffset", R"({"started":"2026-03-02T09:00:00.000+01:00","timeSpentSeconds":600})", kBadStarted},
+        RejectedWorklog {
+            "Nanoseconds", R"({"started":"2026-03-02T09:00:00.000000000+0100","timeSpentSeconds":600})", kBadStarted},
+        RejectedWorklog {
+            "NoMilliseconds", R"({"started":"2026-03-02T09:00:00+0100","timeSpentSeconds":600})", kBadStarted},
+        RejectedWorklog {
+            "ImpossibleDay", R"({"started":"2026-02-30T09:00:00.000+0100","timeSpentSeconds":600})", kBadStarted},
+        RejectedWorklog {"MissingStarted", R"({"timeSpentSeconds":600})", kBadStarted},
+        RejectedWorklog {
+            "FiftyNineSeconds", R"({"started":"2026-03-02T09:00:00.000+0100","timeSpentSeconds":59})", kNoTime},
+        RejectedWorklog {"ZeroSeconds", R"({"started":"2026-03-02T09:00:00.000+0100","timeSpentSeconds":0})", kNoTime},
+        RejectedWorklog {"NoTime", R"({"started":"2026-03-02T09:00:00.000+0100"})", kNoTime}),
+    [](const ::testing::TestParamInfo<RejectedWorklog> &rejected) { return std::string(rejected.param.name); });
+
+TEST_F(StandinTest, AcceptsTimeSpentTextAndTheSixtySecondMinimum)
+{
+    EXPECT_EQ(postWorklog({{QStringLiteral("started"), QStringLiteral("2026-03-02T09:00:00.000-0330")},
+                              {QStringLiteral("timeSpentSeconds"), 60}})
+                  .status,
+        201);
+    const Reply text = postWorklog({{QStringLiteral("started"), QStringLiteral("2026-03-02T09:00:00.000+0000")},
+        {QStringLiteral("timeSpent"), QStringLiteral("1d 2h")}});
+    EXPECT_EQ(text.object()[QStringLiteral("timeSpentSeconds")].toInt(), 10 * 3600);
+    const Reply badMode = postWorklog({{QStringLiteral("started"), QStringLiteral("2026-03-02T09:00:00.000+0000")},
+                                          {QStringLiteral("timeSpentSeconds"), 600}},
+        QStringLiteral("?adjustEstimate=sometimes"));
+    EXPECT_EQ(badMode.status, 400);
+    EXPECT_EQ(post(api(QStringLiteral("/issue/NOPE-1/worklog")), R"({"started":"x"})", m_token).status, 404);
+
+    // The per-issue cap answers 413 and stores nothing.
+    m_server.setWorklogLimit(2);
+    const Reply full = postWorklog({{QStringLiteral("started"), QStringLiteral("2026-03-02T09:00:00.000+0000")},
+        {QStringLiteral("timeSpentSeconds"), 600}});
+    EXPECT_EQ(full.status, 413);
+    EXPECT_EQ(m_server.worklogCount(QStringLiteral("ED-1")), 2);
+}
+
+TEST_F(StandinTest, MovedIssueAnswersUnderItsCurrentKey)
+{
+    m_server.addWorklog({QStringLiteral("ED-1"), kAccount, at("2026-03-02T09:00:00.000Z"), 600, {}, {}, {}, {}});
+    ASSERT_TRUE(m_server.moveIssue(QStringLiteral("ED-1"), QStringLiteral("NEW-5")));
+    const QJsonObject issue = get(api(QStringLiteral("/issue/ed-1?fields=summary")), m_token).object();
+    EXPECT_EQ(issue[QStringLiteral("key")].toString(), QStringLiteral("NEW-5"));
+    EXPECT_EQ(issue[QStringLiteral("fields")][QStringLiteral("summary")].toString(), QStringLiteral("Review"));
+    EXPECT_FALSE(issue[QStringLiteral("fields")].toObject().contains(QStringLiteral("timetracking")));
+    EXPECT_EQ(get(api(QStringLiteral("/issue/ED-1/worklog")), m_token).object()[QStringLiteral("total")].toInt(), 1);
+    EXPECT_EQ(m_server.worklogCount(QStringLiteral("NEW-5")), 1);
+}
+
+TEST_F(StandinTest, RefusesMissingExpiredForeignAndUnderScopedTokens)
+{
+    const QString worklogs = api(QStringLiteral("/issue/ED-1/worklog"));
+    EXPECT_EQ(get(worklogs).status, 401);
+    EXPECT_EQ(get(worklogs, QStringLiteral("standin-at-made-up")).status, 401);
+    EXPECT_EQ(get(worklogs, m_server.issueAccessToken(kAccount, kAllScopes, 0)).status, 401);
+    EXPECT_EQ(
+        get(worklogs, m_server.issueAccessToken(kAccount, kAllScopes, 3600, {QStringLiteral("other-site")})).status,
+        401);
+
+    const QString readOnly = m_server.issueAccessToken(kAccount, {QStringLiteral("read:jira-work")});
+    EXPECT_EQ(get(worklogs, readOnly).status, 200);
+    const Reply write
+        = post(worklogs, R"({"started":"2026-03-02T09:00:00.000+0100","timeSpentSeconds":600})", readOnly);
+    EXPECT_EQ(write.status, 401);
+    EXPECT_EQ(write.body, QByteArray(R"({"code":401,"message":"Unauthorized; scope does not match"})"));
+    EXPECT_EQ(get(api(QStringLiteral("/myself")), readOnly).status, 401);
+    EXPECT_EQ(m_server.worklogCount(QStringLiteral("ED-1")), 0);
+
+    const Reply resources = get(m_server.origin() + QStringLiteral("/oauth/token/accessible-resources"), readOnly);
+    ASSERT_EQ(resources.status, 200);
+    EXPECT_EQ(resources.array().first()[QStringLiteral("id")].toString(), kCloud);
+}
+
+class SignInTest : public StandinTest
+{
+protected:
+    // Starts a sign-in; returns the state and fills the verifier.
+    QJsonObject start(QString *verifier)
+    {
+        *verifier = base64Url(QByteArray(32, 'v'));
+        const QString challenge = base64Url(QCryptographicHash::hash(verifier->toUtf8(), QCryptographicHash::Sha256));
+        return post(
+            m_server.origin() + QStringLiteral("/oauth/start"), json({{QStringLiteral("challenge"), challenge}}))
+            .object();
+    }
+
+    Reply poll(const QString &state, const QString &verifier)
+    {
+        return post(m_server.origin() + QStringLiteral("/oauth/poll"),
+            json({{QStringLiteral("state"), state}, {QStringLiteral("verifier"), verifier}}));
+    }
+
+    Reply refresh(const QString &token)
+    {
+        return post(
+            m_server.origin() + QStringLiteral("/oauth/refresh"), json({{QStringLiteral("refresh_token"), token}}));
+    }
+
+    QJsonObject signIn()
+    {
+        QString verifier;
+        const QJsonObject started = start(&verifier);
+        EXPECT_EQ(get(started[QStringLiteral("authorization_url")].toString()).status, 200);
+        return poll(started[QStringLiteral("state")].toString(), verifier).object();
+    }
+};
+
+TEST_F(SignInTest, ApprovesWhenTheAuthorizationPageIsFetched)
+{
+    m_server.setTokenLifetime(120);
+    QString verifier;
+    const QJsonObject started = start(&verifier);
+    const QString state = started[QStringLiteral("state")].toString();
+    const QUrl url(started[QStringLiteral("authorization_url")].toString());
+    EXPECT_EQ(url.scheme(), QStringLiteral("https"));
+    EXPECT_EQ(url.host(), QStringLiteral("127.0.0.1"));
+    EXPECT_EQ(url.path(), QStringLiteral("/authorize"));
+    EXPECT_EQ(QUrlQuery(url).queryItemValue(QStringLiteral("state")), state);
+
+    EXPECT_EQ(poll(state, verifier).status, 202);
+    EXPECT_EQ(poll(state, base64Url(QByteArray(32, 'w'))).status, 400);
+    ASSERT_EQ(get(url.toString(QUrl::FullyEncoded)).status, 200);
+    const Reply done = poll(state, verifier);
+    ASSERT_EQ(done.status, 200);
+    const QJsonObject tokens = done.object();
+    EXPECT_EQ(tokens[QStringLiteral("token_type")].toString(), QStringLiteral("Bearer"));
+    EXPECT_EQ(tokens[QStringLiteral("expires_in")].toInt(), 120);
+    EXPECT_TRUE(tokens[QStringLiteral("refresh_token")].isString());
+    EXPECT_EQ(get(api(QStringLiteral("/myself")), tokens[QStringLiteral("access_token")].toString())
+                  .object()[QStringLiteral("accountId")],
+        kAccount);
+    // A finished sign-in cannot hand out a second set of tokens.
+    EXPECT_EQ(poll(state, verifier).status, 400);
+
+    m_server.setAuthHost(QStringLiteral("auth.example.test"));
+    EXPECT_EQ(QUrl(start(&verifier)[QStringLiteral("authorization_url")].toString()).host(),
+        QStringLiteral("auth.example.test"));
+}
+
+TEST_F(SignInTest, RotatesRefreshTokensAndRevokesTheFamilyOnReuse)
+{
+    const QJsonObject first = signIn();
+    const QString original = first[QStringLiteral("refresh_token")].toString();
+    const Reply rotated = refresh(original);
+    ASSERT_EQ(rotated.status, 200);
+    const QString next = rotated.object()[QStringLiteral("refresh_token")].toString();
+    const QString access = rotated.object()[QStringLiteral("access_token")].toString();
+    EXPECT_NE(next, original);
+    EXPECT_EQ(get(api(QStringLiteral("/myself")), access).status, 200);
+
+    const Reply reused = refresh(original);
+    EXPECT_EQ(reused.status, 403);
+    EXPECT_EQ(reused.body,
+        QByteArray(R"({"error":"invalid_grant","error_description":"Unknown or invalid refresh token."})"));
+    // The leak takes the whole family with it: the newest refresh token and its access token too.
+    EXPECT_EQ(refresh(next).status, 403);
+    EXPECT_EQ(get(api(QStringLiteral("/myself")), access).status, 401);
+    EXPECT_EQ(refresh(QString()).status, 403);
+
+    // Within the leeway a rotated token still works.
+    m_server.setRefreshReuseLeeway(600);
+    const QString again = signIn()[QStringLiteral("refresh_token")].toString();
+    ASSERT_EQ(refresh(again).status, 200);
+    EXPECT_EQ(refresh(again).status, 200);
+}
+
+TEST_F(StandinTest, AppliesStatusFaultsForTheirCountOnly)
+{
+    const QString myself = api(QStringLiteral("/myself"));
+    m_server.addFault(standin::Fault::tooManyRequests(QStringLiteral("GET"), QStringLiteral("/myself$"), 7, 2));
+    m_server.addFault(standin::Fault::tooManyRequestsHtml(QStringLiteral("GET"), QStringLiteral("/myself$")));
+    for (int i = 0; i < 2; ++i) {
+        const Reply limited = get(myself, m_token);
+        EXPECT_EQ(limited.status, 429);
+        EXPECT_EQ(limited.header("Retry-After"), QByteArray("7"));
+        EXPECT_FALSE(limited.header("X-RateLimit-Reset").isEmpty());
+    }
+    const Reply html = get(myself, m_token);
+    EXPECT_EQ(html.status, 429);
+    EXPECT_TRUE(html.body.startsWith("<!DOCTYPE html>"));
+    EXPECT_EQ(get(myself, m_token).status, 200);
+
+    m_server.addFault(standin::Fault::invalidGrant());
+    EXPECT_EQ(fetch(m_server.origin() + QStringLiteral("/oauth/refresh"),
+                  {QStringLiteral("POST"), {}, R"({"refresh_token":"x"})", m_server.caFile()})
+                  .object()[QStringLiteral("error")],
+        QStringLiteral("invalid_grant"));
+    m_server.addFault(standin::Fault::serviceUnavailable({}, {}, -1));
+    EXPECT_EQ(get(myself, m_token).status, 503);
+    EXPECT_EQ(get(myself, m_token).status, 503);
+    m_server.clearFaults();
+    EXPECT_EQ(get(myself, m_token).status, 200);
+}
+
+TEST_F(StandinTest, RedirectPointsAtARecorderThatAFollowerWouldReach)
+{
+    standin::Server recorder(standin::Server::Mode::Recorder);
+    ASSERT_TRUE(recorder.start());
+    m_server.addFault(standin::Fault::redirect(
+        QStringLiteral("GET"), QStringLiteral("/myself$"), recorder.origin() + QStringLiteral("/stolen")));
+    const Reply redirected = get(api(QStringLiteral("/myself")), m_token);
+    EXPECT_EQ(redirected.status, 302);
+    EXPECT_EQ(redirected.header("Location"), (recorder.origin() + QStringLiteral("/stolen")).toUtf8());
+    EXPECT_EQ(recorder.hitCount(), 0);
+
+    // The recorder does count what reaches it, so a zero above means something.
+    fetch(recorder.origin() + QStringLiteral("/stolen"), {QStringLiteral("GET"), m_token, {}, recorder.caFile()});
+    ASSERT_EQ(recorder.hitCount(), 1);
+    EXPECT_EQ(recorder.requests().first().header(QStringLiteral("Authorization")), QStringLiteral("Bearer ") + m_token);
+}
+
+TEST_F(StandinTest, CreateThenDropStoresTheWorklogButNeverAnswers)
+{
+    m_server.addFault(standin::Fault::createThenDrop());
+    const Reply dropped = postWorklog({{QStringLiteral("started"), QStringLiteral("2026-03-02T09:00:00.000+0100")},
+        {QStringLiteral("timeSpentSeconds"), 600}});
+    EXPECT_NE(dropped.code, CURLE_OK);
+    EXPECT_EQ(dropped.status, 0);
+    EXPECT_TRUE(dropped.body.isEmpty());
+    ASSERT_EQ(m_server.worklogCount(QStringLiteral("ED-1")), 1);
+    EXPECT_EQ(m_server.worklogs(QStringLiteral("ED-1")).first()[QStringLiteral("timeSpentSeconds")].toInt(), 600);
+
+    m_server.addFault(standin::Fault::createThenReply(201, "{}"));
+    const Reply idless = postWorklog({{QStringLiteral("started"), QStringLiteral("2026-03-02T09:30:00.000+0100")},
+        {QStringLiteral("timeSpentSeconds"), 600}});
+    EXPECT_EQ(idless.status, 201);
+    EXPECT_EQ(idless.body, QByteArray("{}"));
+    EXPECT_EQ(m_server.worklogCount(QStringLiteral("ED-1")), 2);
+
+    m_server.addFault(standin::Fault::drop(QStringLiteral("POST"), QStringLiteral("/worklog$")));
+    EXPECT_NE(postWorklog({{QStringLiteral("started"), QStringLiteral("2026-03-02T10:00:00.000+0100")},
+                              {QStringLiteral("timeSpentSeconds"), 600}})
+                  .code,
+        CURLE_OK);
+    EXPECT_EQ(m_server.worklogCount(QStringLiteral("ED-1")), 2);
+}
+
+TEST_F(StandinTest, SlowAnswerBlocksNeitherOtherRequestsNorStop)
+{
+    m_server.addFault(standin::Fault::slow(QStringLiteral("GET"), QStringLiteral("/myself$"), 60000));
+    Reply slow;
+    std::thread waiting([&] {
+        slow = fetch(api(QStringLiteral("/myself")), {QStringLiteral("GET"), m_token, {}, m_server.caFile(), 30000});
+    });
+    ASSERT_TRUE([&] {
+        for (int i = 0; i < 200 && m_server.requests(QStringLiteral("GET"), QStringLiteral("/myself$")).isEmpty(); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        return !m_server.requests(QStringLiteral("GET"), QStringLiteral("/myself$")).isEmpty();
+    }());
+    EXPECT_EQ(get(api(QStringLiteral("/issue/ED-1")), m_token).status, 200);
+
+    QElapsedTimer timer;
+    timer.start();
+    m_server.stop();
+    waiting.join();
+    EXPECT_LT(timer.elapsed(), 10000);
+    EXPECT_EQ(slow.status, 0);
+}
+
+TEST_F(StandinTest, TrickleKeepsTheTransferAliveUntilTheWholeTimeLimit)
+{
+    m_server.addFault(standin::Fault::trickle(QStringLiteral("GET"), QStringLiteral("/myself$"), 100));
+    QElapsedTimer timer;
+    timer.start();
+    // An idle limit shorter than the whole time limit: the trickle never trips it.
+    CURL *curl = curl_easy_init();
+    const QByteArray url = api(QStringLiteral("/myself")).toUtf8();
+    const QByteArray ca = m_server.caFile().toUtf8();
+    QByteArray body;
+    curl_easy_setopt(curl, CURLOPT_URL, url.constData());
+    curl_easy_setopt(curl, CURLOPT_CAINFO, ca.constData());
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, 1L);
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, 1500L);
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collectBody);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &body);
+    const CURLcode code = curl_easy_perform(curl);
+    curl_easy_cleanup(curl);
+    EXPECT_EQ(code, CURLE_OPERATION_TIMEDOUT);
+    EXPECT_GE(timer.elapsed(), 1400);
+    EXPECT_GE(body.size(), 5);
+    EXPECT_EQ(body.trimmed(), QByteArray());
+}
+
+TEST_F(StandinTest, RecordsWhatItReceived)
+{
+    m_server.clearRequests();
+    postWorklog({{QStringLiteral("started"), QStringLiteral("2026-03-02T09:00:00.000+0100")},
+                    {QStringLiteral("timeSpentSeconds"), 600}},
+        QStringLiteral("?adjustEstimate=leave&notifyUsers=false"));
+    const QList<standin::ReceivedRequest> received = m_server.requests();
+    ASSERT_EQ(received.size(), 1);
+    const standin::ReceivedRequest &request = received.first();
+    EXPECT_EQ(request.method, QStringLiteral("POST"));
+    EXPECT_EQ(request.path, QStringLiteral("/ex/jira/") + kCloud + QStringLiteral("/rest/api/3/issue/ED-1/worklog"));
+    EXPECT_EQ(request.queryItem(QStringLiteral("notifyUsers")), QStringLiteral("false"));
+    EXPECT_EQ(request.queryItem(QStringLiteral("adjustEstimate")), QStringLiteral("leave"));
+    EXPECT_TRUE(request.queryItem(QStringLiteral("expand")).isNull());
+    EXPECT_EQ(request.header(QStringLiteral("Authorization")), QStringLiteral("Bearer ") + m_token);
+    EXPECT_EQ(request.header(QStringLiteral("content-type")), QStringLiteral("application/json"));
+    EXPECT_EQ(QJsonDocument::fromJson(request.body).object()[QStringLiteral("timeSpentSeconds")].toInt(), 600);
+}
+
+TEST_F(StandinTest, RateServiceKnowsCurrenciesCaseInsensitively)
+{
+    m_server.setRate(QStringLiteral("EUR"), QStringLiteral("USD"), 1.25, QDate(2026, 3, 20));
+    const QJsonObject rate = get(m_server.origin() + QStringLiteral("/v2/rate/eur/Usd?providers=ECB")).object();
+    EXPECT_EQ(rate,
+        (QJsonObject {{QStringLiteral("date"), QStringLiteral("2026-03-20")},
+            {QStringLiteral("base"), QStringLiteral("EUR")}, {QStringLiteral("quote"), QStringLiteral("USD")},
+            {QStringLiteral("rate"), 1.25}}));
+    EXPECT_DOUBLE_EQ(get(m_server.origin() + QStringLiteral("/v2/rate/USD/EUR?providers=ECB"))
+                         .object()[QStringLiteral("rate")]
+                         .toDouble(),
+        0.8);
+    EXPECT_DOUBLE_EQ(
+        get(m_server.origin() + QStringLiteral("/v2/rate/CHF/CHF")).object()[QStringLiteral("rate")].toDouble(), 1.0);
+
+    const Reply invalid = get(m_server.origin() + QStringLiteral("/v2/rate/XYZ/USD?providers=ECB"));
+    EXPECT_EQ(invalid.status, 422);
+    EXPECT_EQ(invalid.object()[QStringLiteral("message")].toString(), QStringLiteral("invalid currency: XYZ"));
+    EXPECT_EQ(get(m_server.origin() + QStringLiteral("/v2/rate/EUR/USD?providers=ECB&x=1")).status, 422);
+    const Reply missing = get(m_server.origin() + QStringLiteral("/v2/rate/EUR/ISK?providers=ECB"));
+    EXPECT_EQ(missing.status, 404);
+    EXPECT_EQ(missing.body, QByteArray(R"({"message":"not found","status":404})"));
+}
+
+TEST_F(StandinTest, AdminEndpointDrivesTheServerFromOutside)
+{
+    const QString admin = m_server.origin() + QStringLiteral("/__admin/");
+    EXPECT_EQ(post(admin + QStringLiteral("issues"), R"({"key":"OPS-2","summary":"x"})").status, 404);
+    m_server.setAdminEnabled(true);
+    ASSERT_EQ(post(admin + QStringLiteral("issues"), R"([{"key":"OPS-2","summary":"Rotate keys"}])").status, 200);
+    ASSERT_EQ(
+        post(admin + QStringLiteral("worklogs"),
+            R"({"issueKey":"OPS-2","authorAccountId":"5b10aa0000000000000000aa","started":"2026-03-02T09:00:00.000+0100","seconds":900})")
+            .status,
+        200);
+    ASSERT_EQ(post(admin + QStringLiteral("config"), R"({"pageSize":1})").status, 200);
+    ASSERT_EQ(post(admin + QStringLiteral("faults"),
+                  R"({"kind":"tooManyRequests","method":"GET","path":"/myself$","retryAfter":3})")
+                  .status,
+        200);
+    EXPECT_EQ(post(admin + QStringLiteral("faults"), R"({"kind":"gremlins"})").status, 400);
+
+    const QJsonObject page = get(api(QStringLiteral("/issue/ops-2/worklog?maxResults=50")), m_token).object();
+    EXPECT_EQ(page[QStringLiteral("maxResults")].toInt(), 1);
+    EXPECT_EQ(page[QStringLiteral("worklogs")][0][QStringLiteral("timeSpent")].toString(), QStringLiteral("15m"));
+    EXPECT_EQ(get(api(QStringLiteral("/myself")), m_token).header("Retry-After"), QByteArray("3"));
+
+    const QJsonArray requests = get(admin + QStringLiteral("requests")).array();
+    ASSERT_EQ(requests.size(), 2); // admin calls are not recorded
+    EXPECT_EQ(requests[0][QStringLiteral("path")].toString(),
+        QStringLiteral("/ex/jira/") + kCloud + QStringLiteral("/rest/api/3/issue/ops-2/worklog"));
+}
+
+TEST_F(StandinTest, ChecksCapturedWorklogBodiesAgainstThePublishedSchema)
+{
+    postWorklog({{QStringLiteral("started"), QStringLiteral("2026-03-02T09:00:00.000+0100")},
+        {QStringLiteral("timeSpentSeconds"), 600},
+        {QStringLiteral("properties"),
+            QJsonArray {QJsonObject {{QStringLiteral("key"), QStringLiteral("hourloom")},
+                {QStringLiteral("value"), QJsonObject {{QStringLiteral("marker"), QStringLiteral("abc")}}}}}}});
+    const QList<QByteArray> sent = standin::worklogRequestBodies(m_server);
+    ASSERT_EQ(sent.size(), 1);
+    EXPECT_EQ(standin::checkWorklogRequestBodies(sent), QString());
+
+    // Fields the client must not send: a read-only id and a property with an extra member.
+    const QString report = standin::checkWorklogRequestBodies(
+        {R"({"started":"2026-03-02T09:00:00.000+0100","timeSpentSeconds":600,"id":"1"})",
+            R"({"started":"2026-03-02T09:00:00.000+0100","timeSpentSeconds":600,"properties":[{"key":"k","value":1,"x":2}]})"});
+    EXPECT_TRUE(report.contains(QStringLiteral("read-only field 'id'"))) << qPrintable(report);
+    EXPECT_TRUE(report.contains(QStringLiteral("'x' was unexpected"))) << qPrintable(report);
+}
+
+} // namespace
