@@ -10,6 +10,8 @@
 #include <QHash>
 #include <QSet>
 
+#include <algorithm>
+
 namespace
 {
 
@@ -171,6 +173,12 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
 
         IssueAssignments assignments(m_directory);
         QHash<QString, QVariantList> fetched;
+        struct Pending {
+            qsizetype index;
+            QString marker;
+            QVariantMap receipt;
+        };
+        QList<Pending> pending;
         for (const QVariant &item : std::as_const(copies)) {
             QVariantMap copy = item.toMap();
             copy.insert(QStringLiteral("include"), false);
@@ -240,8 +248,20 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
                 notify(progress, event("complete"));
             }
 
-            const QVariantList worklogs = fetched.value(issue);
-            const QVariantMap comparison = JRCompare(copy, worklogs, account, marker, receipt);
+            copy.insert(QStringLiteral("marker"), marker);
+            pending.append({result.size(), marker, receipt});
+            result.append(copy);
+        }
+
+        // The comparisons cannot fail, so they run after the fetches, issue by issue: the engine prepares an
+        // issue's worklogs once for consecutive comparisons against the same list.
+        std::stable_sort(pending.begin(), pending.end(), [&result](const Pending &left, const Pending &right) {
+            return text(result.at(left.index).toMap(), kIssue) < text(result.at(right.index).toMap(), kIssue);
+        });
+        for (const Pending &entry : std::as_const(pending)) {
+            QVariantMap copy = result.at(entry.index).toMap();
+            const QVariantList worklogs = fetched.value(text(copy, kIssue));
+            const QVariantMap comparison = JRCompare(copy, worklogs, account, entry.marker, entry.receipt);
             for (auto it = comparison.constBegin(); it != comparison.constEnd(); ++it)
                 copy.insert(it.key(), it.value());
             const bool eligible = copy.value(QStringLiteral("eligible")).toBool();
@@ -250,9 +270,8 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
             if (!matches.isEmpty())
                 copy.insert(
                     QStringLiteral("status"), QStringLiteral("Possible manual worklog — confirm match or review"));
-            copy.insert(QStringLiteral("marker"), marker);
             copy.insert(QStringLiteral("include"), eligible);
-            result.append(copy);
+            result[entry.index] = copy;
         }
 
         recordCompletion(QStringLiteral("jira_compare_completed"), result.size(), false);
