@@ -166,8 +166,9 @@ qint64 JRSecondsFromText(const QString &text)
     const QString trimmed = text.trimmed();
     if (trimmed.isEmpty())
         return -1;
-    static const QRegularExpression minutesOnly(QStringLiteral("\\A[0-9]{1,6}\\z"));
-    static const QRegularExpression hoursMinutes(
+    // One per thread: nothing is shared between callers on different threads.
+    thread_local const QRegularExpression minutesOnly(QStringLiteral("\\A[0-9]{1,6}\\z"));
+    thread_local const QRegularExpression hoursMinutes(
         QStringLiteral("\\A(?:([0-9]{1,6})\\s*h)?\\s*(?:([0-9]{1,6})\\s*m)?\\z"),
         QRegularExpression::CaseInsensitiveOption | QRegularExpression::UseUnicodePropertiesOption);
     if (minutesOnly.match(trimmed).hasMatch())

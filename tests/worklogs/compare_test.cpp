@@ -58,6 +58,11 @@ TEST_F(Compare, RecognisesItsOwnWorklogWithinOneSecond)
     // The last marked worklog decides.
     EXPECT_EQ(status({edited, posted()}), S("Already posted"));
     EXPECT_EQ(status({posted(), edited}), S("Posted entry differs"));
+    // The same list changed in place between two calls is read afresh.
+    QVariantList logs {posted()};
+    EXPECT_EQ(status(logs), S("Already posted"));
+    logs[0] = edited;
+    EXPECT_EQ(status(logs), S("Posted entry differs"));
     // Jira writes the start in the offset of the user's profile: instants are compared, not texts.
     const QString inKolkata = m_start.toOffsetFromUtc(19800).toString(S("yyyy-MM-dd'T'HH:mm:ss.zzz")) + S("+0530");
     EXPECT_EQ(status({with(posted(), {{"started", inKolkata}})}), S("Already posted"));

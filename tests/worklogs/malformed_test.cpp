@@ -31,33 +31,16 @@ public:
 
     QVariant value(int depth = 0)
     {
-        switch (m_random.bounded(depth > 3 ? 9 : 12)) {
-        case 0:
-            return QVariant();
-        case 1:
-            return QString();
-        case 2:
-            return S("3600");
-        case 3:
-            return qint64(m_random.bounded(-100000, 100000));
-        case 4:
-            return m_random.bounded(2) == 0 ? 1e300 : -0.5;
-        case 5:
-            return true;
-        case 6:
-            return S("2026-03-02T09:00:00.000+0530");
-        case 7:
-            return QString(S("x\n[Hourloom:") + QString::number(m_random.generate()) + u']');
-        case 8:
-            return QByteArray("bytes");
-        case 9:
+        // Wrong types, numbers as texts, huge and fractional numbers, stray tags and nested structures.
+        const QVariantList flat {QVariant(), QString(), S("3600"), qint64(-100000), 1e300, -0.5, true,
+            S("2026-03-02T09:00:00.000+0530"), S("x\n[Hourloom:m]"), QByteArray("bytes"), QStringList {S("a")}};
+        const int pick = m_random.bounded(int(flat.size()) + (depth > 3 ? 0 : 2));
+        if (pick < flat.size())
+            return flat[pick];
+        if (pick == flat.size())
             return QVariantList {value(depth + 1), value(depth + 1)};
-        case 10:
-            return QStringList {S("a"), S("b")};
-        default:
-            return rec({{"text", value(depth + 1)}, {"content", value(depth + 1)}, {"key", S("hourloom")},
-                {"value", value(depth + 1)}, {"marker", value(depth + 1)}});
-        }
+        return rec({{"text", value(depth + 1)}, {"content", value(depth + 1)}, {"key", S("hourloom")},
+            {"value", value(depth + 1)}, {"marker", value(depth + 1)}});
     }
     // Each key missing, well-formed or garbage.
     QVariantMap record(std::initializer_list<std::pair<const char *, QVariant>> wellFormed)
