@@ -1,0 +1,160 @@
+#include "submission/comparisoncache.h"
+
+#include "worklogs/compare.h"
+
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSaveFile>
+
+#include <algorithm>
+
+namespace
+{
+
+const QString kNotChecked = QStringLiteral("Not checked yet");
+
+QString text(const QVariantMap &map, const QString &key)
+{
+    return map.value(key).toString();
+}
+
+// Only settled, unreceipted drafts with something left to post are cached: a receipt or an exclusion is shown
+// instead of a comparison, and a running session changes all the time.
+bool takesPart(const QVariantMap &draft)
+{
+    if (!text(draft, QStringLiteral("jira_receipt_state")).isEmpty())
+        return false;
+    if (!draft.value(QStringLiteral("jira_exclusion")).toMap().isEmpty())
+        return false;
+    if (draft.value(QStringLiteral("source_running")).toBool())
+        return false;
+    const auto remaining = draft.constFind(QStringLiteral("remaining_seconds"));
+    if (remaining != draft.constEnd() && remaining->toLongLong() == 0)
+        return false;
+    return true;
+}
+
+double checkedAt(const QVariantMap &entry)
+{
+    return entry.value(QStringLiteral("checked_at")).toDouble();
+}
+
+} // namespace
+
+ComparisonCache::ComparisonCache(const QString &directory)
+    : m_directory(directory)
+{
+}
+
+QString ComparisonCache::path() const
+{
+    return m_directory + QStringLiteral("/jira-comparisons.json");
+}
+
+QVariantMap ComparisonCache::entries() const
+{
+    QFile in(path());
+    if (!in.open(QIODevice::ReadOnly))
+        return {};
+    const QJsonDocument document = QJsonDocument::fromJson(in.readAll());
+    if (!document.isObject())
+        return {};
+    return document.object().toVariantMap();
+}
+
+QString ComparisonCache::keyForDraft(const QVariantMap &draft, const QString &cloud, const QString &account)
+{
+    return cloud + QLatin1Char('|') + account + QLatin1Char('|') + text(draft, QStringLiteral("source_key"));
+}
+
+void ComparisonCache::write(const QVariantMap &entries) const
+{
+    const QByteArray data = QJsonDocument(QJsonObject::fromVariantMap(entries)).toJson(QJsonDocument::Compact);
+    const QFileDevice::Permissions privateFile = QFileDevice::ReadOwner | QFileDevice::WriteOwner;
+    QSaveFile out(path());
+    if (!out.open(QIODevice::WriteOnly))
+        return;
+    out.setPermissions(privateFile);
+    if (out.write(data) != data.size() || !out.commit()) {
+        out.cancelWriting();
+        return;
+    }
+    QFile::setPermissions(path(), privateFile);
+}
+
+void ComparisonCache::saveDrafts(
+    const QVariantList &drafts, const QString &cloud, const QString &account, const QDateTime &now)
+{
+    if (cloud.isEmpty() || account.isEmpty())
+        return;
+    QVariantMap all = entries();
+    for (const QVariant &item : drafts) {
+        const QVariantMap draft = item.toMap();
+        if (!takesPart(draft) || text(draft, QStringLiteral("source_key")).isEmpty())
+            continue;
+        const QString status = text(draft, QStringLiteral("status"));
+        QVariantMap entry {
+            {QStringLiteral("fingerprint"), JRComparisonFingerprint(draft)},
+            {QStringLiteral("status"), status.isEmpty() ? kNotChecked : status},
+            {QStringLiteral("eligible"), draft.value(QStringLiteral("eligible")).toBool()},
+            {QStringLiteral("has_manual_matches"), !draft.value(QStringLiteral("manual_matches")).toList().isEmpty()},
+            {QStringLiteral("checked_at"), double(now.toMSecsSinceEpoch()) / 1000.0},
+        };
+        if (draft.contains(QStringLiteral("existing")))
+            entry.insert(QStringLiteral("existing"), draft.value(QStringLiteral("existing")));
+        all.insert(keyForDraft(draft, cloud, account), entry);
+    }
+
+    if (all.size() > kMaximumEntries) {
+        QStringList keys = all.keys();
+        std::stable_sort(keys.begin(), keys.end(), [&all](const QString &left, const QString &right) {
+            return checkedAt(all.value(left).toMap()) < checkedAt(all.value(right).toMap());
+        });
+        // Removes only about half of a large excess per save, as the file has always been trimmed; the usual
+        // excess of one is removed entirely and later saves trim the rest.
+        qsizetype removed = 0;
+        do {
+            all.remove(keys.at(removed));
+            ++removed;
+        } while (removed < all.size() - kMaximumEntries);
+    }
+    write(all);
+}
+
+void ComparisonCache::applyToDrafts(
+    QVariantList &drafts, const QString &cloud, const QString &account, const QDateTime &now, double freshness) const
+{
+    if (cloud.isEmpty() || account.isEmpty())
+        return;
+    const QVariantMap all = entries();
+    for (QVariant &item : drafts) {
+        QVariantMap draft = item.toMap();
+        if (!takesPart(draft))
+            continue;
+        const QVariantMap entry = all.value(keyForDraft(draft, cloud, account)).toMap();
+        if (entry.isEmpty() || text(entry, QStringLiteral("fingerprint")) != JRComparisonFingerprint(draft))
+            continue;
+
+        const QVariant stamp = entry.value(QStringLiteral("checked_at"));
+        const double checked = stamp.toDouble();
+        const bool fresh = double(now.toMSecsSinceEpoch()) / 1000.0 - checked <= freshness;
+        const bool current = fresh && !entry.value(QStringLiteral("has_manual_matches")).toBool();
+        QString status = text(entry, QStringLiteral("status"));
+        if (status.isEmpty())
+            status = kNotChecked;
+        const bool eligible = current && entry.value(QStringLiteral("eligible")).toBool();
+
+        draft.insert(QStringLiteral("status"), current ? status : status + QStringLiteral(" · Refresh required"));
+        draft.insert(QStringLiteral("existing"), entry.value(QStringLiteral("existing"), 0).toLongLong());
+        draft.insert(QStringLiteral("eligible"), eligible);
+        draft.insert(QStringLiteral("include"), eligible);
+        draft.insert(QStringLiteral("manual_matches"), QVariantList {});
+        draft.insert(QStringLiteral("comparison_at"),
+            stamp.isValid() && !stamp.isNull() ? QVariant(QDateTime::fromMSecsSinceEpoch(qint64(checked * 1000.0)))
+                                               : QVariant());
+        draft.insert(QStringLiteral("comparison_current"), current);
+        draft.insert(QStringLiteral("comparison_cached"), true);
+        item = draft;
+    }
+}

@@ -1,0 +1,134 @@
+#include "submission/receiptstore.h"
+
+#include "fsguards.h"
+#include "platform/failure.h"
+#include "support/testenv.h"
+
+#include <QDir>
+#include <QFile>
+#include <QJsonDocument>
+
+#include <gtest/gtest.h>
+
+#include <functional>
+
+namespace
+{
+
+const QString kUnreadable
+    = QStringLiteral("Submission history is unreadable. Posting is blocked to prevent duplicates.");
+const QString kUnsaved = QStringLiteral("Could not save submission history. Posting stopped.");
+
+QVariantMap postedReceipt()
+{
+    return QVariantMap {
+        {QStringLiteral("state"), QStringLiteral("posted")},
+        {QStringLiteral("issue"), QStringLiteral("ABC-12")},
+        {QStringLiteral("source_key"), QStringLiteral("k1")},
+        {QStringLiteral("coverage"), QVariantMap {{QStringLiteral("k1"), 3600}}},
+        {QStringLiteral("cloud"), QStringLiteral("cloud-1")},
+        {QStringLiteral("payload"),
+            QVariantMap {{QStringLiteral("started"), QStringLiteral("2026-03-02T09:00:00.000+0100")},
+                {QStringLiteral("timeSpentSeconds"), 3600}}},
+        {QStringLiteral("id"), QStringLiteral("20001")},
+    };
+}
+
+template<typename Action> QString failureOf(Action action)
+{
+    try {
+        action();
+    } catch (const NamedFailure &failure) {
+        return failure.name() + QStringLiteral(": ") + failure.reason();
+    }
+    return {};
+}
+
+} // namespace
+
+TEST(ReceiptStore, MissingLedgerIsEmptyAndASavedLedgerReadsBackWhole)
+{
+    const QString dir = testenv::freshDir(QStringLiteral("receipts"));
+    ReceiptStore store(dir);
+    EXPECT_TRUE(store.receipts().isEmpty());
+
+    const QVariantMap ledger {{QStringLiteral("m1"), postedReceipt()}};
+    store.saveReceipts(ledger);
+    EXPECT_EQ(store.receipts(), ledger);
+    EXPECT_EQ(fileMode(store.path()), 0600);
+    EXPECT_FALSE(fileBytes(store.path()).contains('\n')) << "the ledger is written as compact JSON";
+    EXPECT_EQ(QDir(dir).entryList(QDir::Files), QStringList {QStringLiteral("jira-receipts.json")})
+        << "no temporary file is left behind";
+}
+
+struct DamagedLedger {
+    const char *name;
+    std::function<void(const QString &path)> damage;
+};
+
+void PrintTo(const DamagedLedger &ledger, std::ostream *out)
+{
+    *out << ledger.name;
+}
+
+class ReceiptStoreDamaged : public ::testing::TestWithParam<DamagedLedger>
+{
+};
+
+TEST_P(ReceiptStoreDamaged, BlocksAndLeavesTheFileAsItWas)
+{
+    const QString dir = testenv::freshDir(QStringLiteral("receipts"));
+    ReceiptStore store(dir);
+    GetParam().damage(store.path());
+    const QByteArray before = fileBytes(store.path());
+    {
+        ScopedPermissionChecks permissions;
+        EXPECT_EQ(failureOf([&] { store.receipts(); }), QStringLiteral("ReceiptError: ") + kUnreadable);
+    }
+    EXPECT_EQ(fileBytes(store.path()), before);
+}
+
+namespace
+{
+
+void writeFile(const QString &path, const QByteArray &bytes)
+{
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(bytes);
+}
+
+} // namespace
+
+INSTANTIATE_TEST_SUITE_P(Ledgers, ReceiptStoreDamaged,
+    ::testing::Values(
+        DamagedLedger {"InvalidJson", [](const QString &path) { writeFile(path, "{\"m1\": {\"state\": \"pos"); }},
+        DamagedLedger {"JsonArray", [](const QString &path) { writeFile(path, "[{\"state\":\"posted\"}]"); }},
+        DamagedLedger {"JsonScalar", [](const QString &path) { writeFile(path, "42"); }},
+        DamagedLedger {"EmptyFile", [](const QString &path) { writeFile(path, ""); }},
+        DamagedLedger {"Directory", [](const QString &path) { QDir().mkpath(path); }},
+        DamagedLedger {"NoReadPermission",
+            [](const QString &path) {
+                writeFile(path, "{}");
+                QFile::setPermissions(path, QFileDevice::WriteOwner);
+            }}),
+    [](const ::testing::TestParamInfo<DamagedLedger> &param) { return std::string(param.param.name); });
+
+TEST(ReceiptStore, RefusedWriteKeepsTheOldLedger)
+{
+    const QString dir = testenv::freshDir(QStringLiteral("receipts"));
+    ReceiptStore store(dir);
+    store.saveReceipts({{QStringLiteral("m1"), postedReceipt()}});
+    const QByteArray before = fileBytes(store.path());
+
+    QFile::setPermissions(dir, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
+    QString failure;
+    {
+        ScopedPermissionChecks permissions;
+        failure = failureOf([&] { store.saveReceipts({}); });
+    }
+    QFile::setPermissions(dir, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+
+    EXPECT_EQ(failure, QStringLiteral("ReceiptError: ") + kUnsaved);
+    EXPECT_EQ(fileBytes(store.path()), before);
+}

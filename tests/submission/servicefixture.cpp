@@ -1,0 +1,195 @@
+#include "servicefixture.h"
+
+#include "diagnostics/diagnosticlog.h"
+#include "fsguards.h"
+#include "platform/failure.h"
+#include "support/testenv.h"
+#include "worklogs/engine.h"
+
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTimeZone>
+
+QVariantMap credentialRecord(const QString &token, const QString &broker)
+{
+    return {{QStringLiteral("access_token"), token}, {QStringLiteral("refresh_token"), QStringLiteral("unused")},
+        {QStringLiteral("expires_in"), 3600}, {QStringLiteral("broker"), broker},
+        {QStringLiteral("expires_at"), double(QDateTime::currentSecsSinceEpoch() + 3600)}};
+}
+
+QVariantMap lastDiagnostic(const QString &name)
+{
+    QFile file(DiagnosticLog::shared().path(0));
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    QVariantMap found;
+    for (const QByteArray &line : file.readAll().split('\n')) {
+        const QVariantMap record = QJsonDocument::fromJson(line).object().toVariantMap();
+        if (record.value(QStringLiteral("event")).toString() == name)
+            found = record;
+    }
+    return found;
+}
+
+void ServiceFixture::SetUp()
+{
+    // Jira answers in the user's profile zone, which differs from the local one in every registered run.
+    m_server.addUser(
+        {kAccount, QStringLiteral("Ada Example"), QStringLiteral("Pacific/Auckland"), {}, QStringLiteral("en_US")});
+    m_server.addUser(
+        {kOtherAccount, QStringLiteral("Bo Example"), QStringLiteral("America/New_York"), {}, QStringLiteral("en_US")});
+    const QStringList scopes {QStringLiteral("read:jira-work"), QStringLiteral("write:jira-work"),
+        QStringLiteral("read:jira-user"), QStringLiteral("offline_access")};
+    m_server.addSite({kCloud, QStringLiteral("example"), QStringLiteral("https://example.atlassian.net"), scopes});
+    for (const char *key : {"ABC-1", "ABC-2", "ABC-3", "OPS-7"})
+        m_server.addIssue(
+            {QString::fromLatin1(key), {}, QStringLiteral("Summary of ") + QString::fromLatin1(key), {}, {}});
+    ASSERT_TRUE(m_server.start()) << qPrintable(m_server.errorString());
+    m_token = m_server.issueAccessToken(kAccount, scopes, 24 * 3600);
+
+    qputenv("HOURLOOM_TEST_GATEWAY", m_server.origin().toUtf8());
+    qputenv("HOURLOOM_TEST_CA_FILE", m_server.caFile().toUtf8());
+    qputenv("HOURLOOM_TEST_NO_KEYCHAIN", "1");
+    m_client = std::make_unique<JiraClient>();
+    m_client->queue().sync([this] { m_client->session().save(credentialRecord(m_token, m_server.origin())); });
+    // Each session is its own worklog unless a test asks for daily combining.
+    JRSetCombineDailyByIssue(false);
+    m_directory = testenv::freshDir(QStringLiteral("support"));
+    m_service = std::make_unique<WorklogService>(*m_client, m_directory);
+    m_server.clearRequests();
+}
+
+void ServiceFixture::TearDown()
+{
+    m_service.reset();
+    m_client.reset();
+    m_server.stop();
+}
+
+QDateTime ServiceFixture::at(int day, int hour, int minute)
+{
+    return QDateTime(QDate(2026, 3, day), QTime(hour, minute));
+}
+
+QVariantMap ServiceFixture::session(
+    const QString &issue, const QDateTime &start, qint64 seconds, const QString &description, qint64 localId) const
+{
+    const qint64 startMs = start.toMSecsSinceEpoch();
+    return {{QStringLiteral("date"), start.date().toString(Qt::ISODate)}, {QStringLiteral("issue"), issue},
+        {QStringLiteral("description"), description}, {QStringLiteral("duration"), seconds},
+        {QStringLiteral("start_ms"), startMs}, {QStringLiteral("end_ms"), startMs + seconds * 1000},
+        {QStringLiteral("local_id"), localId}, {QStringLiteral("api_id"), 0}, {QStringLiteral("project"), 1},
+        {QStringLiteral("source_seconds"), seconds}, {QStringLiteral("source_account"), QStringLiteral("acct")}};
+}
+
+QVariantList ServiceFixture::draftsOf(const QVariantList &sessions, const QDateTime &day) const
+{
+    return JRBuildDrafts(sessions, day);
+}
+
+QVariantMap ServiceFixture::compare(const QVariantList &drafts, QVariantList *events)
+{
+    QVariantMap result;
+    m_client->queue().sync([&] {
+        result = m_service->compareDrafts(drafts, kCloud, [events](const QVariantMap &event) {
+            if (events)
+                events->append(event);
+        });
+    });
+    return result;
+}
+
+QVariantList ServiceFixture::approved(const QVariantMap &comparison)
+{
+    QVariantList ticked;
+    for (const QVariant &draft : comparison.value(QStringLiteral("drafts")).toList())
+        if (draft.toMap().value(QStringLiteral("include")).toBool())
+            ticked.append(draft);
+    return JRWorklogsToPost(ticked);
+}
+
+ServiceFixture::PostOutcome ServiceFixture::post(
+    const QVariantList &rows, const QString &account, qint64 generation, bool enforcePermissions)
+{
+    PostOutcome outcome;
+    m_client->queue().sync([&] {
+        std::unique_ptr<ScopedPermissionChecks> permissions;
+        if (enforcePermissions)
+            permissions = std::make_unique<ScopedPermissionChecks>();
+        try {
+            outcome.posted = m_service->postDrafts(rows, kCloud, account, generation,
+                [&outcome](const QVariantMap &event) { outcome.events.append(event); });
+        } catch (const NamedFailure &failure) {
+            outcome.failure = failure.name() + QStringLiteral(": ") + failure.reason();
+        }
+    });
+    return outcome;
+}
+
+QVariantMap ServiceFixture::ledger() const
+{
+    return m_service->store().receipts();
+}
+
+int ServiceFixture::requestCount(const QString &method, const QString &pattern) const
+{
+    return int(m_server.requests(method, pattern).size());
+}
+
+QVariantList ServiceFixture::jiraWorklogs(const QString &issue) const
+{
+    return m_server.worklogs(issue, kAccount).toVariantList();
+}
+
+QString ServiceFixture::statusOf(const QVariantMap &comparison, const QString &sourceKey)
+{
+    for (const QVariant &draft : comparison.value(QStringLiteral("drafts")).toList())
+        if (draft.toMap().value(QStringLiteral("source_key")).toString() == sourceKey)
+            return draft.toMap().value(QStringLiteral("status")).toString();
+    return {};
+}
+
+int ServiceFixture::expectJiraConsistentWithLedger(const QStringList &issues)
+{
+    const QVariantMap receipts = ledger();
+    QHash<QString, QVariantMap> byMarker;
+    QHash<QString, QString> sessionOwner;
+    for (const QString &issue : issues) {
+        for (const QVariant &item : jiraWorklogs(issue)) {
+            const QVariantMap worklog = item.toMap();
+            const QString marker = JRLogMarker(worklog);
+            if (marker.isEmpty())
+                continue; // made by hand
+            EXPECT_FALSE(byMarker.contains(marker)) << "two worklogs carry marker " << qPrintable(marker);
+            byMarker.insert(marker, worklog);
+            const QVariantMap sources = JRLogSources(worklog);
+            for (auto it = sources.constBegin(); it != sources.constEnd(); ++it) {
+                EXPECT_FALSE(sessionOwner.contains(it.key()))
+                    << "session " << qPrintable(it.key()) << " is in two worklogs";
+                sessionOwner.insert(it.key(), worklog.value(QStringLiteral("id")).toString());
+            }
+            // Every worklog the program made has a receipt: nothing posted is ever forgotten.
+            EXPECT_TRUE(receipts.contains(marker)) << "worklog without receipt on " << qPrintable(issue);
+        }
+    }
+    for (auto it = receipts.constBegin(); it != receipts.constEnd(); ++it) {
+        const QVariantMap receipt = it.value().toMap();
+        const QString state = receipt.value(QStringLiteral("state")).toString();
+        if (state == QStringLiteral("posted")) {
+            EXPECT_TRUE(byMarker.contains(it.key())) << "a posted receipt without its worklog";
+            EXPECT_EQ(byMarker.value(it.key()).value(QStringLiteral("id")).toString(),
+                receipt.value(QStringLiteral("id")).toString());
+            EXPECT_EQ(byMarker.value(it.key()).value(QStringLiteral("timeSpentSeconds")).toLongLong(),
+                receipt.value(QStringLiteral("payload"))
+                    .toMap()
+                    .value(QStringLiteral("timeSpentSeconds"))
+                    .toLongLong());
+        } else {
+            EXPECT_EQ(state, QStringLiteral("pending"));
+            EXPECT_FALSE(receipt.contains(QStringLiteral("id")));
+        }
+    }
+    return int(byMarker.size());
+}

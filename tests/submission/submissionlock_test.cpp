@@ -1,0 +1,63 @@
+#include "submission/submissionlock.h"
+
+#include "childprocess.h"
+#include "fsguards.h"
+#include "platform/failure.h"
+#include "support/testenv.h"
+
+#include <QFileInfo>
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+const QString kLockMessage = QStringLiteral(
+    "Another app instance is submitting worklogs, or the submission lock is unavailable. Check Jira again later.");
+
+QString lockFailure(const QString &path)
+{
+    try {
+        SubmissionLock lock(path);
+    } catch (const NamedFailure &failure) {
+        return failure.name() + QStringLiteral(": ") + failure.reason();
+    }
+    return {};
+}
+
+} // namespace
+
+TEST(SubmissionLock, CreatesPrivateLockFileAndReleasesItOnDestruction)
+{
+    const QString path = testenv::freshDir(QStringLiteral("lock")) + QStringLiteral("/jira-submit.lock");
+    {
+        SubmissionLock lock(path);
+        EXPECT_GE(lock.descriptor(), 0);
+        EXPECT_EQ(fileMode(path), 0600);
+        // flock locks belong to the open file description, so a second open in the same process conflicts too.
+        EXPECT_EQ(lockFailure(path), QStringLiteral("SubmissionLock: ") + kLockMessage);
+    }
+    EXPECT_TRUE(lockFailure(path).isEmpty());
+    EXPECT_TRUE(QFileInfo::exists(path)) << "the lock file is never deleted";
+}
+
+TEST(SubmissionLock, FailsWhenTheLockFileCannotBeOpened)
+{
+    EXPECT_EQ(lockFailure(testenv::freshDir(QStringLiteral("lock")) + QStringLiteral("/missing/jira-submit.lock")),
+        QStringLiteral("SubmissionLock: ") + kLockMessage);
+}
+
+TEST(SubmissionLock, SecondProcessFailsAtOnceAndTheLockIsFreedWhenTheHolderIsKilled)
+{
+    const QString path = testenv::freshDir(QStringLiteral("lock")) + QStringLiteral("/jira-submit.lock");
+    ChildProcess holder({QStringLiteral("lock"), path});
+    ASSERT_TRUE(holder.waitForLine(QStringLiteral("locked"))) << qPrintable(holder.errors());
+
+    ChildProcess second({QStringLiteral("lock"), path});
+    EXPECT_EQ(second.waitForExit(5000), 3) << "a second process must not wait for the lock";
+    EXPECT_TRUE(second.errors().contains(kLockMessage));
+    EXPECT_FALSE(lockFailure(path).isEmpty());
+
+    holder.kill();
+    EXPECT_TRUE(lockFailure(path).isEmpty()) << "the system releases the lock of a killed process";
+}
