@@ -34,5 +34,7 @@ public:
 
 private:
     Limits m_limits;
-    QByteArray m_caBundle; // system CAs plus the test CA file, when one is configured
+    QByteArray m_caBundle; // system CAs plus the test CA file, when one is configured and no CA folder exists
+    QByteArray m_extraCAFile; // the test CA file, trusted beside the system's CA folder
+    QByteArray m_systemCAPath;
 };

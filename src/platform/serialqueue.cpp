@@ -18,10 +18,13 @@ SerialQueue::SerialQueue(const QString &label)
 
 SerialQueue::~SerialQueue()
 {
-    // Work already queued still runs; the worker object is deleted on its own thread before it stops.
-    QMetaObject::invokeMethod(m_worker, [worker = m_worker] { delete worker; }, Qt::QueuedConnection);
+    // Work already queued still runs before the thread stops (quit() alone may leave posted work undone).
+    // The worker is deleted once its thread has ended, when nothing can reach it any more.
+    if (!isCurrent())
+        drain();
     m_thread->quit();
     m_thread->wait();
+    delete m_worker;
     delete m_thread;
 }
 

@@ -90,3 +90,17 @@ TEST(Endpoints, DefaultsAreTheRealServicesAndTestHooksOverrideThem)
     qunsetenv("HOURLOOM_TEST_GATEWAY");
 #endif
 }
+
+TEST(SerialQueue, DestructionRunsWorkAlreadyQueued)
+{
+    std::atomic<int> ran { 0 };
+    {
+        SerialQueue queue(QStringLiteral("closing"));
+        for (int i = 0; i < 20; ++i)
+            queue.async([&] {
+                QThread::msleep(1);
+                ++ran;
+            });
+    }
+    EXPECT_EQ(ran.load(), 20);
+}
