@@ -95,6 +95,18 @@ TEST_F(Compare, CombinedWorklogNeedsTwoSessionsIncludingThisOne)
         expected("Posted in a combined worklog", false, 3600));
 }
 
+// The draft's own marked worklog outranks a combined one, and both outrank a receipt.
+TEST_F(Compare, MarkedBeatsCombinedBeatsReceipt)
+{
+    const QString key = str(m_draft, "source_key");
+    const QVariantMap combined = withMarkerProperty(
+        worklog(kMe, JRISO(m_start), 3600, S("x"), S("30001")), S("m"), QVariantMap {{key, 1800}, {S("other"), 1800}});
+    EXPECT_EQ(status({combined, posted()}), S("Already posted"));
+    EXPECT_EQ(status({posted(5000), combined}), S("Posted entry differs"));
+    EXPECT_EQ(
+        compare({combined}, rec({{"state", S("pending")}})), expected("Posted in a combined worklog", false, 3600));
+}
+
 TEST_F(Compare, ManualTimeOnTheDayAsksForReview)
 {
     const QVariantList logs {worklog(kMe, JRISO(m_start.addSecs(3600)), 1800, S("a")),
@@ -135,9 +147,10 @@ TEST_F(Compare, FingerprintChangesOnlyWithWhatIsPosted)
     const QString base = JRComparisonFingerprint(m_draft);
     EXPECT_EQ(
         JRComparisonFingerprint(with(m_draft, {{"status", S("Ready")}, {"include", true}, {"eligible", true}})), base);
-    for (const auto &change : std::initializer_list<std::pair<const char *, QVariant>> {{"post_seconds", 1800},
-             {"issue", S("XYZ-1")}, {"comment", S("other")}, {"source_running", true},
-             {"started", JRISO(m_start.addSecs(1))}, {"jira_exclusion", rec({{"kind", S("manual")}})}})
+    for (const auto &change : std::initializer_list<std::pair<const char *, QVariant>> {{"source_key", S("other")},
+             {"marker_seed", S("other")}, {"post_seconds", 1800}, {"issue", S("XYZ-1")}, {"comment", S("other")},
+             {"source_running", true}, {"started", JRISO(m_start.addSecs(1))},
+             {"jira_exclusion", rec({{"kind", S("manual")}})}})
         EXPECT_NE(JRComparisonFingerprint(with(m_draft, {change})), base) << change.first;
 }
 

@@ -63,6 +63,14 @@ TEST_F(Drafts, RoundsToMinutesAndKeepsShortPiecesOnlyAsFragments)
         {with(session(at(10, 0), 600000, "ABC-1", "b", 2), {{"jira_exclusion", kIgnored}}), session(at(9, 0), 59999)});
     ASSERT_EQ(ignored.size(), 1);
     EXPECT_EQ(str(wl::at(ignored, 0), "status"), S("Ignored for Jira"));
+    // A fragment that is in Jira at all is wholly in Jira: its rest is never posted again.
+    const QVariantMap partly
+        = wl::at(build({with(session(at(9, 0), 40000, "ABC-1", "a", 1), {{"jira_logged_seconds", 20}}),
+                     session(at(10, 0), 600000, "ABC-1", "b", 2)}),
+            0);
+    EXPECT_EQ(num(partly, "logged_seconds"), 40);
+    EXPECT_EQ(num(partly, "post_seconds"), 0);
+    EXPECT_EQ(str(partly, "status"), S("Complete"));
     JRSetCombineDailyByIssue(false);
     EXPECT_EQ(
         build({session(at(9, 0), 59999, "ABC-1", "a", 1), session(at(10, 0), 600000, "ABC-1", "b", 2)}).size(), 1);

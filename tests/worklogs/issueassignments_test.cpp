@@ -138,6 +138,22 @@ TEST_F(Assignments, PrecedenceIsSessionThenCapturedThenRule)
     EXPECT_EQ(str(at(store.rules(), 0), "label"), S("Fix  Login\nbug"));
 }
 
+// The window resolves copies it already resolved; the issue captured from the tracker is remembered in
+// "original_issue", so an issue that came from a rule is never mistaken for a captured one.
+TEST_F(Assignments, ResolvingAgainStartsFromTheCapturedIssue)
+{
+    IssueAssignments store(m_dir);
+    store.saveSession(m_session, kSite, S("RULE-1"), QString(), true, false);
+    const QVariantMap once = store.resolve(m_session, kSite);
+    EXPECT_EQ(str(once, "issue"), S("RULE-1"));
+    EXPECT_EQ(str(once, "original_issue"), S("Unassigned"));
+    EXPECT_EQ(get(once, "aggregate_daily"), false);
+    store.deleteRule(at(store.rules(), 0));
+    const QVariantMap again = store.resolve(once, kSite);
+    EXPECT_EQ(str(again, "issue"), S("Unassigned"));
+    EXPECT_FALSE(again.contains(S("assignment")));
+}
+
 TEST_F(Assignments, FrozenSessionKeepsWhatWasPostedAndIsNotRewritten)
 {
     IssueAssignments store(m_dir);

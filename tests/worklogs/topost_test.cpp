@@ -48,6 +48,28 @@ TEST_F(ToPost, CombinesADaysSessionsOfOneIssueIntoOneWorklog)
     EXPECT_EQ(JRSourceKeysForRows({combined, drafts[1], drafts[0]}), QStringList {str(combined, "source_key")} + keys);
 }
 
+// The marker of a combined worklog must change when any of its sessions gains time in Jira, so its seed holds
+// the whole group's logged seconds, not those of the first session alone.
+TEST_F(ToPost, CombinedDraftSumsEveryDraftsTimeAndMatches)
+{
+    QVariantList drafts = build({session(at(9, 0), 1200000, "ABC-1", "a", 1),
+        with(session(at(10, 0), 1200000, "ABC-1", "b", 2), {{"jira_logged_seconds", 300}}),
+        with(session(at(11, 0), 1200000, "ABC-1", "c", 3), {{"jira_logged_seconds", 600}})});
+    ASSERT_EQ(drafts.size(), 3);
+    drafts[0] = with(wl::at(drafts, 0), {{"manual_matches", QVariantList {S("m1")}}});
+    drafts[2] = with(wl::at(drafts, 2), {{"manual_matches", QVariantList {S("m2"), S("m3")}}});
+    const QVariantList out = JRWorklogsToPost(drafts);
+    ASSERT_EQ(out.size(), 1);
+    const QVariantMap combined = wl::at(out, 0);
+    EXPECT_EQ(num(combined, "seconds"), 3600);
+    EXPECT_EQ(num(combined, "logged_seconds"), 900);
+    EXPECT_EQ(num(combined, "remaining_seconds"), 2700);
+    EXPECT_EQ(JRPostSeconds(combined), 2700);
+    EXPECT_EQ(str(combined, "marker_seed").section(u'|', 1), S("900|ABC-1"));
+    EXPECT_EQ(get(combined, "manual_matches").toList(), (QVariantList {S("m1"), S("m2"), S("m3")}));
+    EXPECT_EQ(get(combined, "source_amounts").toList(), (QVariantList {qint64(1200), qint64(900), qint64(600)}));
+}
+
 TEST_F(ToPost, FragmentsCountOnlyTogether)
 {
     ASSERT_EQ(JRWorklogsToPost({fragment(0, 40, 1), fragment(5, 40, 2)}).size(), 1);
