@@ -60,6 +60,12 @@ IssueAssignments::IssueAssignments(const QString &directory)
         throw NamedFailure(
             kFailure, QStringLiteral("Issue assignments are unreadable. Restore the local file before editing."));
     const QVariantMap stored = document.object().toVariantMap();
+    // A damaged "rules" or "sessions" entry would be replaced by an empty one at the next save: refuse too.
+    for (const QString &key : {kRules, kSessions}) {
+        if (stored.contains(key) && !isMap(stored.value(key)))
+            throw NamedFailure(
+                kFailure, QStringLiteral("Issue assignments are unreadable. Restore the local file before editing."));
+    }
     m_state = stored;
     if (!isMap(m_state.value(kRules)))
         m_state.insert(kRules, QVariantMap());

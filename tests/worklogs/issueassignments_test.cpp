@@ -229,7 +229,8 @@ TEST_F(Assignments, WritesWholeFileOwnerOnly)
 
 TEST_F(Assignments, UnreadableFileRefusesToStartAndStaysAsItWas)
 {
-    for (const QByteArray &content : {QByteArray("not a property list"), QByteArray("[1, 2]"), QByteArray("")}) {
+    for (const QByteArray &content : {QByteArray("not a property list"), QByteArray("[1, 2]"), QByteArray(""),
+             QByteArray(R"({"rules": [1], "sessions": {}})"), QByteArray(R"({"sessions": "x"})")}) {
         QFile f(file());
         ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
         f.write(content);
