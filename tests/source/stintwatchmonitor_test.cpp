@@ -375,6 +375,25 @@ TEST_F(MonitorTest, TickWakeAndTrackerQuitClearTheLiveState)
     EXPECT_EQ(m_monitor->scanCount(), scans);
 }
 
+// A launch is only seen when a scan finds the process; what the tracker logged right after starting must not
+// be thrown away by that late notice.
+TEST_F(MonitorTest, TrackerThatStartsTrackingAsItLaunchesIsLive)
+{
+    m_running = false;
+    startMonitor(true);
+    ASSERT_FALSE(m_monitor->liveObserved());
+    m_running = true;
+    ASSERT_TRUE(afterChange([&] { m_sim->start(42, QStringLiteral("ENG-3 Resumed at launch")); }));
+    ASSERT_TRUE(waitIdle(m_monitor->scanCount()));
+    EXPECT_EQ(m_monitor->lastKind(), 1);
+    EXPECT_TRUE(m_monitor->liveObserved());
+
+    // Quitting is noticed the same way and ends the live state.
+    m_running = false;
+    m_monitor->tick();
+    EXPECT_FALSE(m_monitor->liveObserved());
+}
+
 TEST_F(MonitorTest, IssueSwitchIsOfferedOnceTwoSecondsAfterTheSwitch)
 {
     startMonitor(false);
