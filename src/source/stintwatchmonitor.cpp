@@ -546,6 +546,9 @@ void StintwatchMonitor::scan(bool full)
 
 void StintwatchMonitor::publish(const ScanResult &result)
 {
+    // A launch or quit is only noticed here, after the fact; it is applied before the scan's events because
+    // the tracker logged them after it started (a tracker that resumes tracking at launch is live at once).
+    checkTrackerProcess();
     if (m_error.isEmpty() != result.error.isEmpty())
         DiagnosticLog::shared().record(
             result.error.isEmpty() ? QStringLiteral("tracking_recovered") : QStringLiteral("tracking_unavailable"));
@@ -603,5 +606,4 @@ void StintwatchMonitor::publish(const ScanResult &result)
         m_forcePending = false;
         scan(full);
     }
-    checkTrackerProcess();
 }

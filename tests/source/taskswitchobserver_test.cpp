@@ -83,8 +83,8 @@ TEST_F(TaskSwitchObserverTest, KeepsWaitingWhileTheOldSessionIsStillOpenOrMissin
 
 TEST_F(TaskSwitchObserverTest, DropsSwitchesThatDoNotBelongToThisSession)
 {
-    // The tracker wrote the end three seconds after the switch.
-    trackFirstThenSwitch(at(3).toMSecsSinceEpoch());
+    // The tracker wrote the end just over two seconds after the switch.
+    trackFirstThenSwitch(at(2.1).toMSecsSinceEpoch());
     EXPECT_TRUE(observeSecond(at(0)).isEmpty());
     EXPECT_TRUE(observeSecond(at(4)).isEmpty());
     EXPECT_TRUE(m_observer.settling().isEmpty());
@@ -108,6 +108,22 @@ TEST_F(TaskSwitchObserverTest, DropsSwitchesThatDoNotBelongToThisSession)
     m_records = {m_second, m_first};
     EXPECT_TRUE(observeSecond(at(61)).isEmpty());
     EXPECT_FALSE(m_observer.settlesAt().isValid());
+}
+
+TEST_F(TaskSwitchObserverTest, AnEarlierSessionOfTheSameIssueIsNotTakenForTheCurrentOne)
+{
+    // ENG-1 was tracked this morning; tracking on ENG-1 began again, but its record is not in the list yet.
+    const qint64 morning = kBase.addSecs(-7200).toMSecsSinceEpoch();
+    const QVariantMap earlier = session(7, QStringLiteral("ENG-1"), morning, morning + 600'000);
+    const qint64 again = kBase.addSecs(-60).toMSecsSinceEpoch();
+    EXPECT_TRUE(observeActive({earlier}, QStringLiteral("ENG-1"), again, at(-5)).isEmpty());
+
+    m_second = session(2, QStringLiteral("ENG-2"), kBase.toMSecsSinceEpoch(), 0);
+    EXPECT_TRUE(observeSecond(at(0)).isEmpty());
+    m_records = {m_second, earlier};
+    EXPECT_TRUE(observeSecond(at(1)).isEmpty());
+    EXPECT_TRUE(m_observer.settling().isEmpty());
+    EXPECT_TRUE(observeSecond(at(3)).isEmpty()) << "the morning's session has nothing to do with this switch";
 }
 
 TEST_F(TaskSwitchObserverTest, LosingTheLiveFlagClearsEverythingButTheOfferedSet)
