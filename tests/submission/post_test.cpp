@@ -18,6 +18,8 @@ const QString kLockMessage = QStringLiteral("SubmissionLock: Another app instanc
                                             "submission lock is unavailable. Check Jira again later.");
 const QString kDuplicateSession = QStringLiteral("Duplicate: A session in this worklog is already posted or has an "
                                                  "uncertain submission. Check Jira again.");
+const QString kDuplicateEntry
+    = QStringLiteral("Duplicate: An entry is already posted or has an uncertain submission. Check Jira again.");
 const QString kChanged = QStringLiteral("Changed: Jira time changed since the last check. Check Jira again.");
 const QString kDropped = QStringLiteral("JiraError: Network request failed. For a submitted worklog, the outcome may "
                                         "be unknown; check Jira again before any retry.");
@@ -292,6 +294,43 @@ TEST_F(Post, TimeAddedInJiraSinceTheCheckIsRefusedAsChanged)
     EXPECT_TRUE(rest.failure.isEmpty()) << qPrintable(rest.failure);
     EXPECT_EQ(rest.posted.size(), 2);
     EXPECT_EQ(expectJiraConsistentWithLedger({QStringLiteral("ABC-1"), QStringLiteral("ABC-2")}), 3);
+}
+
+TEST_F(Post, WorklogAlreadyInJiraWithoutAReceiptIsCaughtByTheRecheck)
+{
+    // The first worklog reaches Jira after the check without passing through this ledger (another
+    // installation of the program on the same tracker data): only the fresh comparison can see it.
+    const QVariantList rows = threeApproved();
+    const QVariantMap row = rows.at(0).toMap();
+    const QVariantMap payload = JRPayload(row, markerOf(rows, 0));
+    m_server.addWorklog({QStringLiteral("ABC-1"), kAccount, JRDate(row.value(QStringLiteral("started"))),
+        payload.value(QStringLiteral("timeSpentSeconds")).toLongLong(),
+        QJsonObject::fromVariantMap(payload.value(QStringLiteral("comment")).toMap()),
+        QJsonArray::fromVariantList(payload.value(QStringLiteral("properties")).toList()), {}, {}});
+
+    const PostOutcome outcome = post(rows);
+    EXPECT_EQ(outcome.failure, kDuplicateEntry);
+    EXPECT_EQ(states(outcome.events), QStringList {QStringLiteral("failed")});
+    EXPECT_EQ(worklogPosts(), 0);
+    EXPECT_TRUE(ledger().isEmpty()) << "no receipt is written for a worklog the re-check refused";
+    EXPECT_EQ(m_server.worklogCount(QStringLiteral("ABC-1")), 1);
+}
+
+TEST_F(Post, EstimateIsReducedOnlyWhenTheUserAskedForIt)
+{
+    const bool saved = JRReduceEstimateOnPost();
+    const QVariantList rows = threeApproved();
+    JRSetReduceEstimateOnPost(true);
+    ASSERT_TRUE(post(rows.mid(0, 1)).failure.isEmpty());
+    JRSetReduceEstimateOnPost(false);
+    ASSERT_TRUE(post(rows.mid(2, 1)).failure.isEmpty());
+    JRSetReduceEstimateOnPost(saved);
+
+    const QList<standin::ReceivedRequest> posts
+        = m_server.requests(QStringLiteral("POST"), QStringLiteral("/worklog$"));
+    ASSERT_EQ(posts.size(), 2);
+    EXPECT_EQ(posts.at(0).queryItem(QStringLiteral("adjustEstimate")), QStringLiteral("auto"));
+    EXPECT_EQ(posts.at(1).queryItem(QStringLiteral("adjustEstimate")), QStringLiteral("leave"));
 }
 
 TEST_F(Post, AnotherAccountOrAReconnectSendsNothing)
