@@ -2,6 +2,7 @@
 
 #include "childprocess.h"
 #include "fsguards.h"
+#include "platform/failure.h"
 #include "submission/submissionlock.h"
 #include "support/testenv.h"
 #include "worklogs/engine.h"
@@ -273,6 +274,35 @@ TEST_F(Post, RefusedLedgerWriteSendsNothing)
     EXPECT_EQ(outcome.failure, QStringLiteral("ReceiptError: Could not save submission history. Posting stopped."));
     EXPECT_EQ(worklogPosts(), 0);
     EXPECT_TRUE(ledger().isEmpty());
+}
+
+TEST_F(Post, PostedReceiptThatCannotBeSavedStaysPendingAndStopsTheRun)
+{
+    const QVariantList rows = threeApproved();
+    const QFileDevice::Permissions writable = QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner;
+    QString failure;
+    QStringList seen;
+    m_client->queue().sync([&] {
+        ScopedPermissionChecks permissions;
+        try {
+            // The folder turns read-only while the first POST is on its way: its confirmation cannot be saved.
+            m_service->postDrafts(rows, kCloud, kAccount, 0, [&](const QVariantMap &event) {
+                seen.append(event.value(QStringLiteral("state")).toString());
+                if (seen.size() == 1)
+                    QFile::setPermissions(m_directory, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
+            });
+        } catch (const NamedFailure &caught) {
+            failure = caught.name() + QStringLiteral(": ") + caught.reason();
+        }
+    });
+    QFile::setPermissions(m_directory, writable);
+
+    EXPECT_EQ(failure, QStringLiteral("ReceiptError: Could not save submission history. Posting stopped."));
+    EXPECT_EQ(seen, (QStringList {QStringLiteral("submitting"), QStringLiteral("failed")}));
+    EXPECT_EQ(worklogPosts(), 1) << "later worklogs are not sent";
+    EXPECT_EQ(m_server.worklogCount(QStringLiteral("ABC-1")), 1);
+    EXPECT_EQ(receiptState(ledger(), markerOf(rows, 0)), QStringLiteral("pending"));
+    EXPECT_EQ(post(rows).failure, kDuplicateSession);
 }
 
 TEST_F(Post, TimeAddedInJiraSinceTheCheckIsRefusedAsChanged)
