@@ -158,8 +158,16 @@ TEST_F(Compare, ReceiptDecidesIssueCommentAndTimeShown)
                 {QStringLiteral("id"), QStringLiteral("1")}}},
     });
 
-    const QVariantMap result = compare(drafts);
+    QVariantList events;
+    const QVariantMap result = compare(drafts, &events);
     EXPECT_EQ(requestCount(QStringLiteral("GET"), QStringLiteral("/issue/OPS-7/worklog$")), 1);
+    // The announced queue already follows the receipt, so "total" counts the issue really fetched.
+    QStringList queued;
+    for (const QVariant &item : events.value(0).toMap().value(QStringLiteral("items")).toList())
+        queued.append(item.toMap().value(QStringLiteral("issue")).toString());
+    EXPECT_EQ(queued, (QStringList {QStringLiteral("OPS-7"), QStringLiteral("ABC-1")}));
+    EXPECT_EQ(events.last().toMap().value(QStringLiteral("completed")).toLongLong(), 2);
+    EXPECT_EQ(events.last().toMap().value(QStringLiteral("total")).toLongLong(), 2);
     const QVariantMap sentElsewhere = draftWithKey(result, first.value(QStringLiteral("source_key")).toString());
     EXPECT_EQ(sentElsewhere.value(QStringLiteral("issue")).toString(), QStringLiteral("OPS-7"));
     EXPECT_EQ(sentElsewhere.value(QStringLiteral("comment")).toString(), QStringLiteral("Fixed it"));

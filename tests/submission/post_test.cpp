@@ -2,6 +2,7 @@
 
 #include "childprocess.h"
 #include "fsguards.h"
+#include "platform/failure.h"
 #include "submission/submissionlock.h"
 #include "support/testenv.h"
 #include "worklogs/engine.h"
@@ -18,6 +19,8 @@ const QString kLockMessage = QStringLiteral("SubmissionLock: Another app instanc
                                             "submission lock is unavailable. Check Jira again later.");
 const QString kDuplicateSession = QStringLiteral("Duplicate: A session in this worklog is already posted or has an "
                                                  "uncertain submission. Check Jira again.");
+const QString kDuplicateEntry
+    = QStringLiteral("Duplicate: An entry is already posted or has an uncertain submission. Check Jira again.");
 const QString kChanged = QStringLiteral("Changed: Jira time changed since the last check. Check Jira again.");
 const QString kDropped = QStringLiteral("JiraError: Network request failed. For a submitted worklog, the outcome may "
                                         "be unknown; check Jira again before any retry.");
@@ -273,6 +276,35 @@ TEST_F(Post, RefusedLedgerWriteSendsNothing)
     EXPECT_TRUE(ledger().isEmpty());
 }
 
+TEST_F(Post, PostedReceiptThatCannotBeSavedStaysPendingAndStopsTheRun)
+{
+    const QVariantList rows = threeApproved();
+    const QFileDevice::Permissions writable = QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner;
+    QString failure;
+    QStringList seen;
+    m_client->queue().sync([&] {
+        ScopedPermissionChecks permissions;
+        try {
+            // The folder turns read-only while the first POST is on its way: its confirmation cannot be saved.
+            m_service->postDrafts(rows, kCloud, kAccount, 0, [&](const QVariantMap &event) {
+                seen.append(event.value(QStringLiteral("state")).toString());
+                if (seen.size() == 1)
+                    QFile::setPermissions(m_directory, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
+            });
+        } catch (const NamedFailure &caught) {
+            failure = caught.name() + QStringLiteral(": ") + caught.reason();
+        }
+    });
+    QFile::setPermissions(m_directory, writable);
+
+    EXPECT_EQ(failure, QStringLiteral("ReceiptError: Could not save submission history. Posting stopped."));
+    EXPECT_EQ(seen, (QStringList {QStringLiteral("submitting"), QStringLiteral("failed")}));
+    EXPECT_EQ(worklogPosts(), 1) << "later worklogs are not sent";
+    EXPECT_EQ(m_server.worklogCount(QStringLiteral("ABC-1")), 1);
+    EXPECT_EQ(receiptState(ledger(), markerOf(rows, 0)), QStringLiteral("pending"));
+    EXPECT_EQ(post(rows).failure, kDuplicateSession);
+}
+
 TEST_F(Post, TimeAddedInJiraSinceTheCheckIsRefusedAsChanged)
 {
     const QVariantList rows = threeApproved();
@@ -292,6 +324,43 @@ TEST_F(Post, TimeAddedInJiraSinceTheCheckIsRefusedAsChanged)
     EXPECT_TRUE(rest.failure.isEmpty()) << qPrintable(rest.failure);
     EXPECT_EQ(rest.posted.size(), 2);
     EXPECT_EQ(expectJiraConsistentWithLedger({QStringLiteral("ABC-1"), QStringLiteral("ABC-2")}), 3);
+}
+
+TEST_F(Post, WorklogAlreadyInJiraWithoutAReceiptIsCaughtByTheRecheck)
+{
+    // The first worklog reaches Jira after the check without passing through this ledger (another
+    // installation of the program on the same tracker data): only the fresh comparison can see it.
+    const QVariantList rows = threeApproved();
+    const QVariantMap row = rows.at(0).toMap();
+    const QVariantMap payload = JRPayload(row, markerOf(rows, 0));
+    m_server.addWorklog({QStringLiteral("ABC-1"), kAccount, JRDate(row.value(QStringLiteral("started"))),
+        payload.value(QStringLiteral("timeSpentSeconds")).toLongLong(),
+        QJsonObject::fromVariantMap(payload.value(QStringLiteral("comment")).toMap()),
+        QJsonArray::fromVariantList(payload.value(QStringLiteral("properties")).toList()), {}, {}});
+
+    const PostOutcome outcome = post(rows);
+    EXPECT_EQ(outcome.failure, kDuplicateEntry);
+    EXPECT_EQ(states(outcome.events), QStringList {QStringLiteral("failed")});
+    EXPECT_EQ(worklogPosts(), 0);
+    EXPECT_TRUE(ledger().isEmpty()) << "no receipt is written for a worklog the re-check refused";
+    EXPECT_EQ(m_server.worklogCount(QStringLiteral("ABC-1")), 1);
+}
+
+TEST_F(Post, EstimateIsReducedOnlyWhenTheUserAskedForIt)
+{
+    const bool saved = JRReduceEstimateOnPost();
+    const QVariantList rows = threeApproved();
+    JRSetReduceEstimateOnPost(true);
+    ASSERT_TRUE(post(rows.mid(0, 1)).failure.isEmpty());
+    JRSetReduceEstimateOnPost(false);
+    ASSERT_TRUE(post(rows.mid(2, 1)).failure.isEmpty());
+    JRSetReduceEstimateOnPost(saved);
+
+    const QList<standin::ReceivedRequest> posts
+        = m_server.requests(QStringLiteral("POST"), QStringLiteral("/worklog$"));
+    ASSERT_EQ(posts.size(), 2);
+    EXPECT_EQ(posts.at(0).queryItem(QStringLiteral("adjustEstimate")), QStringLiteral("auto"));
+    EXPECT_EQ(posts.at(1).queryItem(QStringLiteral("adjustEstimate")), QStringLiteral("leave"));
 }
 
 TEST_F(Post, AnotherAccountOrAReconnectSendsNothing)
