@@ -1,6 +1,7 @@
 #include "platform/endpoints.h"
 
-namespace {
+namespace
+{
 
 QString overridden([[maybe_unused]] const char *variable, const QString &fallback)
 {
@@ -21,7 +22,8 @@ QString withoutTrailingSlash(QString origin)
 
 } // namespace
 
-namespace endpoints {
+namespace endpoints
+{
 
 QString gatewayOrigin()
 {

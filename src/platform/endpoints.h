@@ -11,7 +11,8 @@
 //   HOURLOOM_TEST_BROKER     default sign-in service origin
 //   HOURLOOM_TEST_RATE_BASE  base of the exchange-rate service
 //   HOURLOOM_TEST_CA_FILE    an extra CA certificate (PEM) to trust, for a local stand-in's certificate
-namespace endpoints {
+namespace endpoints
+{
 
 // "https://api.atlassian.com" unless overridden; never ends in "/".
 QString gatewayOrigin();

@@ -9,7 +9,8 @@
 // "SubmissionLock", "Assignments", "AccountChanged", "Excluded", "Duplicate", "Changed"); the reason is the
 // one sentence the user reads. Service layers throw it; callers catch it at the queue boundary, so it never
 // crosses the event loop.
-class NamedFailure : public std::exception {
+class NamedFailure : public std::exception
+{
 public:
     NamedFailure(QString name, QString reason);
 

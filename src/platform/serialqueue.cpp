@@ -30,7 +30,8 @@ SerialQueue::~SerialQueue()
 
 void SerialQueue::async(std::function<void()> work)
 {
-    QMetaObject::invokeMethod(m_worker, [work = std::move(work)] { work(); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        m_worker, [work = std::move(work)] { work(); }, Qt::QueuedConnection);
 }
 
 void SerialQueue::sync(const std::function<void()> &work)

@@ -10,7 +10,8 @@ class QThread;
 
 // A serial background queue: one worker thread that runs submitted work in order, one item at a time.
 // Results go back to the main thread with QMetaObject::invokeMethod(context, ..., Qt::QueuedConnection).
-class SerialQueue {
+class SerialQueue
+{
 public:
     explicit SerialQueue(const QString &label);
     ~SerialQueue();

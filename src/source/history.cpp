@@ -203,7 +203,7 @@ void saveActivities(const std::string &path, const std::vector<Activity> &activi
     // A short list (a scan in which few activities changed) costs fewer keyed lookups than one pass over the
     // whole store; the upsert's own WHERE still keeps identical rows from being rewritten.
     const std::vector<char> write = activities.size() <= kKeyedSaveLimit ? std::vector<char>(activities.size(), 1)
-                                                                          : activitiesToWrite(db, activities);
+                                                                         : activitiesToWrite(db, activities);
     Statement upsert(db, kUpsert);
     sqlite3_stmt *s = upsert.handle();
     for (size_t i = 0; i < activities.size(); ++i) {

@@ -67,8 +67,8 @@ TEST_F(RequestSchemaTest, BodiesBuiltFromSessionsValidateAgainstAtlassiansSchema
             const QVariantMap draft = item.toMap();
             const QString marker = JRMarker(draft, cloud, QString::fromLatin1(jiratest::kAccount));
             m_client->post(JRPayload(draft, marker), QStringLiteral("ED-1"), cloud, QStringLiteral("auto"));
-            m_client->post(JRPayloadWithTag(draft, JRMarkerTag(marker)), QStringLiteral("ED-1"), cloud,
-                QStringLiteral("leave"));
+            m_client->post(
+                JRPayloadWithTag(draft, JRMarkerTag(marker)), QStringLiteral("ED-1"), cloud, QStringLiteral("leave"));
         }
     });
 

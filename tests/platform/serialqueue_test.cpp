@@ -93,7 +93,7 @@ TEST(Endpoints, DefaultsAreTheRealServicesAndTestHooksOverrideThem)
 
 TEST(SerialQueue, DestructionRunsWorkAlreadyQueued)
 {
-    std::atomic<int> ran { 0 };
+    std::atomic<int> ran {0};
     {
         SerialQueue queue(QStringLiteral("closing"));
         for (int i = 0; i < 20; ++i)

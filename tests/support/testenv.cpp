@@ -5,7 +5,8 @@
 
 #include <ctime>
 
-namespace testenv {
+namespace testenv
+{
 
 QString home()
 {

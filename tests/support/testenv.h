@@ -3,7 +3,8 @@
 #include <QByteArray>
 #include <QString>
 
-namespace testenv {
+namespace testenv
+{
 
 // The temporary HOME of this test process; the XDG folders sit inside it. Removed when the process ends.
 QString home();
@@ -18,7 +19,8 @@ QString hourloomBinary();
 QString dataPath(const QString &name);
 
 // Switches the process's local time zone for the lifetime of the object (TZ plus tzset).
-class ScopedTimeZone {
+class ScopedTimeZone
+{
 public:
     explicit ScopedTimeZone(const QByteArray &zone);
     ~ScopedTimeZone();
@@ -31,8 +33,7 @@ private:
 };
 
 // Runs the event loop until `condition` is true or `timeoutMs` passes; returns the condition's last value.
-template<typename Condition>
-bool waitFor(Condition condition, int timeoutMs = 5000);
+template<typename Condition> bool waitFor(Condition condition, int timeoutMs = 5000);
 
 } // namespace testenv
 

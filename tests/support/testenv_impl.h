@@ -4,8 +4,7 @@
 #include <QDeadlineTimer>
 #include <QThread>
 
-template<typename Condition>
-bool testenv::waitFor(Condition condition, int timeoutMs)
+template<typename Condition> bool testenv::waitFor(Condition condition, int timeoutMs)
 {
     QDeadlineTimer deadline(timeoutMs);
     while (!condition()) {

@@ -17,7 +17,8 @@
 #include <cstdlib>
 #include <string>
 
-namespace {
+namespace
+{
 
 std::string g_home;
 
@@ -43,8 +44,8 @@ void isolateHome()
     for (const char *dir : {"/.config", "/.local/share", "/.local/state", "/.cache"})
         QDir().mkpath(QString::fromUtf8(home + dir));
     // Variables a developer's shell may carry must not steer the code under test.
-    for (const char *name : {"HL_TEST_SOURCE", "HL_TEST_STORE", "HOURLOOM_SMOKE_HOLD_SECONDS", "HOURLOOM_DIAGNOSTICS_DIR",
-             "HOURLOOM_TEST_NO_KEYCHAIN"})
+    for (const char *name : {"HL_TEST_SOURCE", "HL_TEST_STORE", "HOURLOOM_SMOKE_HOLD_SECONDS",
+             "HOURLOOM_DIAGNOSTICS_DIR", "HOURLOOM_TEST_NO_KEYCHAIN"})
         qunsetenv(name);
     std::atexit(removeHome);
 }
