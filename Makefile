@@ -3,6 +3,7 @@
 #   make run    install dependencies, build, start Hourloom
 BUILD ?= build
 ASAN_BUILD ?= build-asan
+BENCH_BUILD ?= build-bench
 GENERATOR := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 CMAKE_ARGS ?=
 
@@ -27,10 +28,10 @@ test: build
 run: build
 	$(BUILD)/src/app/hourloom
 
-bench: configure
-	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release
-	cmake --build $(BUILD) --parallel
-	scripts/run-benchmarks.sh $(BUILD)
+bench: deps
+	cmake -S . -B $(BENCH_BUILD) $(GENERATOR) -DCMAKE_BUILD_TYPE=Release -DHOURLOOM_BUILD_TESTS=OFF
+	cmake --build $(BENCH_BUILD) --parallel
+	scripts/run-benchmarks.sh $(BENCH_BUILD)
 
 asan: deps
 	cmake -S . -B $(ASAN_BUILD) $(GENERATOR) -DCMAKE_BUILD_TYPE=Debug -DHOURLOOM_SANITIZE=ON -DHOURLOOM_BUILD_BENCHMARKS=OFF
@@ -41,4 +42,4 @@ format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(BENCH_BUILD)
