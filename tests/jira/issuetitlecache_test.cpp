@@ -17,26 +17,19 @@ namespace
 const QString kCloud = QString::fromLatin1(jiratest::kCloud);
 const QString kIssuePath = QStringLiteral("/issue/[A-Z]+-[0-9]+$");
 
-class IssueTitleCacheTest : public jiratest::StandinTest
+class IssueTitleCacheTest : public jiratest::SignedInTest
 {
 protected:
     void SetUp() override
     {
-        jiratest::StandinTest::SetUp();
-        seedJira();
-        m_service = jiratest::uniqueCredentialService();
-        m_client = std::make_unique<JiraClient>(m_service);
-        const QString token = m_server.issueAccessToken(QString::fromLatin1(jiratest::kAccount), jiratest::allScopes());
-        m_client->queue().sync([&] { m_client->session().save(jiratest::tokenRecord(token, m_server.origin())); });
+        jiratest::SignedInTest::SetUp();
         m_directory = testenv::freshDir(QStringLiteral("support"));
         m_now = QDateTime::currentDateTimeUtc();
     }
     void TearDown() override
     {
         m_cache.reset();
-        m_client.reset();
-        KeychainStore(m_service, QStringLiteral("oauth")).remove();
-        jiratest::StandinTest::TearDown();
+        jiratest::SignedInTest::TearDown();
     }
 
     IssueTitleCache &cache()
@@ -77,11 +70,9 @@ protected:
         return {{QStringLiteral("title"), title}, {QStringLiteral("date"), date}};
     }
 
-    QString m_service;
     QString m_directory;
     QDateTime m_now;
     int m_changes = 0;
-    std::unique_ptr<JiraClient> m_client;
     std::unique_ptr<IssueTitleCache> m_cache;
 };
 

@@ -15,29 +15,13 @@ namespace
 
 const QString kCloud = QString::fromLatin1(jiratest::kCloud);
 
-class JiraClientTest : public jiratest::StandinTest
+class JiraClientTest : public jiratest::SignedInTest
 {
 protected:
     void SetUp() override
     {
-        jiratest::StandinTest::SetUp();
-        seedJira();
-        m_service = jiratest::uniqueCredentialService();
-        m_client = std::make_unique<JiraClient>(m_service);
-        signIn(jiratest::allScopes());
+        jiratest::SignedInTest::SetUp();
         m_server.clearRequests();
-    }
-    void TearDown() override
-    {
-        m_client.reset();
-        KeychainStore(m_service, QStringLiteral("oauth")).remove();
-        jiratest::StandinTest::TearDown();
-    }
-
-    void signIn(const QStringList &scopes)
-    {
-        m_token = m_server.issueAccessToken(QString::fromLatin1(jiratest::kAccount), scopes);
-        m_client->queue().sync([&] { m_client->session().save(jiratest::tokenRecord(m_token, m_server.origin())); });
     }
 
     // Runs `call` on the client's queue, as every caller does; returns the JiraError reason or null.
@@ -64,10 +48,6 @@ protected:
             m_server.addWorklog(log);
         }
     }
-
-    QString m_service;
-    QString m_token;
-    std::unique_ptr<JiraClient> m_client;
 };
 
 TEST_F(JiraClientTest, ValidatesKeysAndSitesBeforeAnyRequest)

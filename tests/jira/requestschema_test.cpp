@@ -2,7 +2,6 @@
 // the stand-in accepting a body only shows that the two sides agree with each other.
 
 #include "jira/jiraclient.h"
-#include "jira/keychainstore.h"
 #include "standinfixture.h"
 #include "worklogs/drafts.h"
 #include "worklogs/marker.h"
@@ -27,28 +26,14 @@ QVariantMap session(const QDateTime &start, qint64 seconds, const QString &descr
         {QStringLiteral("project"), qint64(7)}, {QStringLiteral("source_account"), QStringLiteral("u_activity")}};
 }
 
-class RequestSchemaTest : public jiratest::StandinTest
+class RequestSchemaTest : public jiratest::SignedInTest
 {
 protected:
     void SetUp() override
     {
-        jiratest::StandinTest::SetUp();
         QSettings().clear();
-        seedJira();
-        m_service = jiratest::uniqueCredentialService();
-        m_client = std::make_unique<JiraClient>(m_service);
-        const QString token = m_server.issueAccessToken(QString::fromLatin1(jiratest::kAccount), jiratest::allScopes());
-        m_client->queue().sync([&] { m_client->session().save(jiratest::tokenRecord(token, m_server.origin())); });
+        jiratest::SignedInTest::SetUp();
     }
-    void TearDown() override
-    {
-        m_client.reset();
-        KeychainStore(m_service, QStringLiteral("oauth")).remove();
-        jiratest::StandinTest::TearDown();
-    }
-
-    QString m_service;
-    std::unique_ptr<JiraClient> m_client;
 };
 
 TEST_F(RequestSchemaTest, BodiesBuiltFromSessionsValidateAgainstAtlassiansSchema)

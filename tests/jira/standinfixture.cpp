@@ -1,6 +1,7 @@
 #include "standinfixture.h"
 
 #include "diagnostics/diagnosticlog.h"
+#include "jira/keychainstore.h"
 #include "support/testenv.h"
 
 #include <QDateTime>
@@ -121,6 +122,28 @@ void StandinTest::approveInBackground(const QUrl &url)
     const QString ca = m_server.caFile();
     std::lock_guard lock(m_mutex);
     m_fetches.emplace_back([url, ca] { fetchPage(url, ca); });
+}
+
+void SignedInTest::SetUp()
+{
+    StandinTest::SetUp();
+    seedJira();
+    m_service = uniqueCredentialService();
+    m_client = std::make_unique<JiraClient>(m_service);
+    signIn(allScopes());
+}
+
+void SignedInTest::TearDown()
+{
+    m_client.reset();
+    KeychainStore(m_service, QStringLiteral("oauth")).remove();
+    StandinTest::TearDown();
+}
+
+void SignedInTest::signIn(const QStringList &scopes)
+{
+    m_token = m_server.issueAccessToken(QString::fromLatin1(kAccount), scopes);
+    m_client->queue().sync([&] { m_client->session().save(tokenRecord(m_token, m_server.origin())); });
 }
 
 } // namespace jiratest

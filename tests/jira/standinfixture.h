@@ -1,5 +1,6 @@
 #pragma once
 
+#include "jira/jiraclient.h"
 #include "standin/server.h"
 
 #include <QByteArray>
@@ -9,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -54,6 +56,22 @@ protected:
 private:
     std::mutex m_mutex;
     std::vector<std::thread> m_fetches;
+};
+
+// The stand-in with a Jira client signed in as the seeded user with every scope, its token in a secret-store
+// item of its own.
+class SignedInTest : public StandinTest
+{
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Replaces the stored token with one the stand-in issues for `scopes`.
+    void signIn(const QStringList &scopes);
+
+    QString m_service;
+    QString m_token;
+    std::unique_ptr<JiraClient> m_client;
 };
 
 } // namespace jiratest
