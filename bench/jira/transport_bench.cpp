@@ -101,12 +101,3 @@ void BM_DecodeWorklogPage(benchmark::State &state)
 BENCHMARK(BM_DecodeWorklogPage)->Unit(benchmark::kMillisecond);
 
 } // namespace
-
-int main(int argc, char **argv)
-{
-    QCoreApplication app(argc, argv);
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}

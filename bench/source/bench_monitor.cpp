@@ -178,18 +178,3 @@ void BM_IdleWithHeartbeats(benchmark::State &state)
 BENCHMARK(BM_IdleWithHeartbeats)->Iterations(1)->Unit(benchmark::kSecond);
 
 } // namespace
-
-int main(int argc, char **argv)
-{
-    QCoreApplication app(argc, argv);
-    // Keep the diagnostic log and settings of this run out of the user's profile.
-    QTemporaryDir home;
-    qputenv("HOURLOOM_DIAGNOSTICS_DIR", QFile::encodeName(home.path()));
-    qputenv("XDG_CONFIG_HOME", QFile::encodeName(home.path()));
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}

@@ -232,5 +232,3 @@ BENCHMARK(History)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillise
 BENCHMARK(HistoryWithoutIndex)->Arg(100000)->Unit(benchmark::kMillisecond);
 BENCHMARK(ParseLog)->Unit(benchmark::kMillisecond);
 BENCHMARK(IssueInDescriptions)->Unit(benchmark::kMicrosecond);
-
-BENCHMARK_MAIN();

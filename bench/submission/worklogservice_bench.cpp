@@ -180,12 +180,3 @@ void BM_PostWorklogs(benchmark::State &state)
 BENCHMARK(BM_PostWorklogs)->Arg(1)->Arg(10)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 } // namespace
-
-int main(int argc, char **argv)
-{
-    QCoreApplication app(argc, argv);
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}
