@@ -33,16 +33,6 @@ double threadCpuMs()
     return double(now.tv_sec) * 1000.0 + double(now.tv_nsec) / 1.0e6;
 }
 
-QJsonObject comment(const QString &text)
-{
-    return QJsonObject {{QStringLiteral("version"), 1}, {QStringLiteral("type"), QStringLiteral("doc")},
-        {QStringLiteral("content"),
-            QJsonArray {QJsonObject {{QStringLiteral("type"), QStringLiteral("paragraph")},
-                {QStringLiteral("content"),
-                    QJsonArray {QJsonObject {
-                        {QStringLiteral("type"), QStringLiteral("text")}, {QStringLiteral("text"), text}}}}}}}};
-}
-
 struct Environment {
     QTemporaryDir home;
     standin::Server server;
@@ -69,7 +59,7 @@ struct Environment {
             for (int w = 0; w < worklogsPerIssue; ++w)
                 server.addWorklog({key, w % ownEvery == 0 ? kAccount : kColleague,
                     QDateTime(kDay, QTime(0, 0)).addSecs(60 * (w % 1400)), 60,
-                    comment(QStringLiteral("Earlier work %1").arg(w)), {}, {}, {}});
+                    standin::commentDocument(QStringLiteral("Earlier work %1").arg(w)), {}, {}, {}});
         }
         server.start();
         qputenv("HOURLOOM_TEST_GATEWAY", server.origin().toUtf8());

@@ -10,30 +10,12 @@
 namespace
 {
 
-QStringList states(const QVariantList &events)
-{
-    QStringList result;
-    for (const QVariant &event : events)
-        result.append(event.toMap().value(QStringLiteral("state")).toString());
-    return result;
-}
-
 QVariantMap draftWithKey(const QVariantMap &comparison, const QString &sourceKey)
 {
     for (const QVariant &draft : comparison.value(QStringLiteral("drafts")).toList())
         if (draft.toMap().value(QStringLiteral("source_key")).toString() == sourceKey)
             return draft.toMap();
     return {};
-}
-
-QJsonObject document(const QString &text)
-{
-    return QJsonObject {{QStringLiteral("version"), 1}, {QStringLiteral("type"), QStringLiteral("doc")},
-        {QStringLiteral("content"),
-            QJsonArray {QJsonObject {{QStringLiteral("type"), QStringLiteral("paragraph")},
-                {QStringLiteral("content"),
-                    QJsonArray {QJsonObject {
-                        {QStringLiteral("type"), QStringLiteral("text")}, {QStringLiteral("text"), text}}}}}}}};
 }
 
 } // namespace
@@ -46,11 +28,11 @@ TEST_F(Compare, FetchesEachIssueOnceAndReportsProgressPerIssue)
 {
     m_server.setPageSize(2);
     for (int i = 0; i < 3; ++i)
-        m_server.addWorklog(
-            {QStringLiteral("ABC-1"), kAccount, at(2, 8, i * 10), 300, document(QStringLiteral("old")), {}, {}, {}});
+        m_server.addWorklog({QStringLiteral("ABC-1"), kAccount, at(2, 8, i * 10), 300,
+            standin::commentDocument(QStringLiteral("old")), {}, {}, {}});
     // A colleague's time on the same issue and day is neither the user's time nor a candidate match.
-    m_server.addWorklog(
-        {QStringLiteral("ABC-1"), kOtherAccount, at(2, 10), 3600, document(QStringLiteral("a")), {}, {}, {}});
+    m_server.addWorklog({QStringLiteral("ABC-1"), kOtherAccount, at(2, 10), 3600,
+        standin::commentDocument(QStringLiteral("a")), {}, {}, {}});
     const QVariantList drafts = draftsOf({session(QStringLiteral("ABC-1"), at(2, 9), 3600, QStringLiteral("a"), 1),
                                              session(QStringLiteral("ABC-1"), at(2, 11), 1800, QStringLiteral("b"), 2),
                                              session(QStringLiteral("ABC-2"), at(2, 13), 900, QStringLiteral("c"), 3)},
@@ -141,11 +123,12 @@ TEST_F(Compare, ReceiptDecidesIssueCommentAndTimeShown)
     QVariantMap payload = JRPayload(first, JRMarker(first, kCloud, kAccount));
     payload.insert(QStringLiteral("timeSpentSeconds"), 3000);
     payload.insert(QStringLiteral("comment"),
-        document(QStringLiteral("Fixed it\n[Hourloom:") + JRMarker(first, kCloud, kAccount) + QStringLiteral("]"))
+        standin::commentDocument(
+            QStringLiteral("Fixed it\n[Hourloom:") + JRMarker(first, kCloud, kAccount) + QStringLiteral("]"))
             .toVariantMap());
     QVariantMap legacy = JRPayload(second, JRMarker(second, kCloud, kAccount));
     legacy.insert(QStringLiteral("comment"),
-        document(
+        standin::commentDocument(
             QStringLiteral("Review\n[Stintwatch Companion:") + JRMarker(second, kCloud, kAccount) + QStringLiteral("]"))
             .toVariantMap());
     m_service->store().saveReceipts({
@@ -224,8 +207,8 @@ TEST_F(Compare, ExclusionsRunningAndCompleteDraftsAreNeverTicked)
 
 TEST_F(Compare, HandMadeWorklogIsOfferedAsAManualMatch)
 {
-    m_server.addWorklog(
-        {QStringLiteral("ABC-1"), kAccount, at(2, 15), 3600, document(QStringLiteral("a")), {}, {}, {}});
+    m_server.addWorklog({QStringLiteral("ABC-1"), kAccount, at(2, 15), 3600,
+        standin::commentDocument(QStringLiteral("a")), {}, {}, {}});
     const QVariantMap result
         = compare(draftsOf({session(QStringLiteral("ABC-1"), at(2, 9), 3600, QStringLiteral("a"), 1)}, at(2, 12)));
     const QVariantMap draft = result.value(QStringLiteral("drafts")).toList().value(0).toMap();

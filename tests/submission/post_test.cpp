@@ -26,14 +26,6 @@ const QString kDropped = QStringLiteral("JiraError: Network request failed. For 
                                         "be unknown; check Jira again before any retry.");
 const QString kUncertain = QStringLiteral("Uncertain submission — review in Jira");
 
-QStringList states(const QVariantList &events)
-{
-    QStringList result;
-    for (const QVariant &event : events)
-        result.append(event.toMap().value(QStringLiteral("state")).toString());
-    return result;
-}
-
 QString receiptState(const QVariantMap &ledger, const QString &marker)
 {
     return ledger.value(marker).toMap().value(QStringLiteral("state")).toString();

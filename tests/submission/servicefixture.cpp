@@ -68,6 +68,14 @@ void ServiceFixture::TearDown()
     m_server.stop();
 }
 
+QStringList ServiceFixture::states(const QVariantList &events)
+{
+    QStringList result;
+    for (const QVariant &event : events)
+        result.append(event.toMap().value(QStringLiteral("state")).toString());
+    return result;
+}
+
 QDateTime ServiceFixture::at(int day, int hour, int minute)
 {
     return QDateTime(QDate(2026, 3, day), QTime(hour, minute));

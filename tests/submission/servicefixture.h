@@ -37,6 +37,8 @@ protected:
     QVariantMap session(
         const QString &issue, const QDateTime &start, qint64 seconds, const QString &description, qint64 localId) const;
     static QDateTime at(int day, int hour, int minute = 0); // 2026-03-<day> local time
+    // The "state" of each progress event, in order.
+    static QStringList states(const QVariantList &events);
     QVariantList draftsOf(const QVariantList &sessions, const QDateTime &day) const;
 
     QVariantMap compare(const QVariantList &drafts, QVariantList *events = nullptr);

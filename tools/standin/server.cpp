@@ -83,6 +83,15 @@ void dropConnection(const httplib::Request &req, httplib::Response &res)
     res.set_header("Connection", "close");
 }
 
+QJsonObject commentDocument(const QString &text)
+{
+    const QJsonObject run {{QStringLiteral("type"), QStringLiteral("text")}, {QStringLiteral("text"), text}};
+    const QJsonObject paragraph {
+        {QStringLiteral("type"), QStringLiteral("paragraph")}, {QStringLiteral("content"), QJsonArray {run}}};
+    return QJsonObject {{QStringLiteral("version"), 1}, {QStringLiteral("type"), QStringLiteral("doc")},
+        {QStringLiteral("content"), QJsonArray {paragraph}}};
+}
+
 QString ReceivedRequest::header(const QString &name) const
 {
     const QString lower = name.toLower();

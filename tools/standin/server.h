@@ -43,6 +43,9 @@ struct Issue {
     QString cloudId; // empty: the issue is visible on every site
 };
 
+// A comment of one paragraph of plain text in Atlassian Document Format, as Jira stores worklog comments.
+QJsonObject commentDocument(const QString &text);
+
 struct Worklog {
     QString issueKey;
     QString authorAccountId;
