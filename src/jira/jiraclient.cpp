@@ -1,5 +1,6 @@
 #include "jira/jiraclient.h"
 
+#include "jira/jsonvalue.h"
 #include "jira/servicefail.h"
 #include "platform/endpoints.h"
 
@@ -12,20 +13,6 @@ namespace
 
 constexpr qint64 kMaxPages = 10000;
 constexpr qint64 kMaxTitleLength = 4096;
-
-bool isNumber(const QVariant &value)
-{
-    switch (value.typeId()) {
-    case QMetaType::Double:
-    case QMetaType::LongLong:
-    case QMetaType::Int:
-    case QMetaType::ULongLong:
-    case QMetaType::UInt:
-        return true;
-    default:
-        return false;
-    }
-}
 
 QString statusHint(qint64 status)
 {
@@ -142,7 +129,7 @@ QVariantMap JiraClient::issueDetails(const QString &issue, const QString &cloud)
     };
     for (const auto &[from, to] : estimates) {
         const QVariant value = tracking.value(QLatin1String(from));
-        if (isNumber(value) && value.toDouble() >= 0)
+        if (HLIsJSONNumber(value) && value.toDouble() >= 0)
             details.insert(QLatin1String(to), value);
     }
     return details;
@@ -169,7 +156,7 @@ QVariantList JiraClient::worklogs(const QString &issue, const QString &cloud, co
         const QVariantMap answer = api(path, QStringLiteral("GET")).toMap();
         const QVariant pageLogs = answer.value(QStringLiteral("worklogs"));
         const QVariant total = answer.value(QStringLiteral("total"));
-        if (pageLogs.typeId() != QMetaType::QVariantList || !isNumber(total))
+        if (pageLogs.typeId() != QMetaType::QVariantList || !HLIsJSONNumber(total))
             HLServiceFail(QStringLiteral("Jira returned incomplete worklog data."));
         const QVariantList logs = pageLogs.toList();
         result += logs;

@@ -1,5 +1,6 @@
 #include "jira/oauthsession.h"
 
+#include "jira/jsonvalue.h"
 #include "jira/servicefail.h"
 #include "platform/appidentity.h"
 #include "platform/endpoints.h"
@@ -40,11 +41,9 @@ bool validTokenAnswer(const QVariantMap &answer)
     const QVariant expiresIn = answer.value(QStringLiteral("expires_in"));
     bool numeric = false;
     const double seconds = expiresIn.toDouble(&numeric);
-    const bool isNumber = expiresIn.typeId() == QMetaType::Double || expiresIn.typeId() == QMetaType::LongLong
-        || expiresIn.typeId() == QMetaType::Int;
     return answer.value(QStringLiteral("access_token")).typeId() == QMetaType::QString
-        && answer.value(QStringLiteral("refresh_token")).typeId() == QMetaType::QString && isNumber && numeric
-        && seconds > 0;
+        && answer.value(QStringLiteral("refresh_token")).typeId() == QMetaType::QString && HLIsJSONNumber(expiresIn)
+        && numeric && seconds > 0;
 }
 
 bool isMap(const QVariant &value)

@@ -2,6 +2,7 @@
 
 #include "diagnostics/diagnosticlog.h"
 #include "jira/jiraclient.h"
+#include "jira/jsonvalue.h"
 #include "platform/failure.h"
 #include "submission/submissionlock.h"
 #include "worklogs/engine.h"
@@ -31,20 +32,6 @@ QString text(const QVariantMap &map, const QString &key)
 bool isText(const QVariant &value)
 {
     return value.typeId() == QMetaType::QString;
-}
-
-bool isNumber(const QVariant &value)
-{
-    switch (value.typeId()) {
-    case QMetaType::Int:
-    case QMetaType::UInt:
-    case QMetaType::LongLong:
-    case QMetaType::ULongLong:
-    case QMetaType::Double:
-        return true;
-    default:
-        return false;
-    }
 }
 
 // "remaining_seconds" present and zero: nothing is left to post.
@@ -394,7 +381,7 @@ QVariantList WorklogService::postRows(const QVariantList &rows, const QString &c
         notify(report, event("submitting"));
         const QVariantMap created = m_client.post(payload, issue, cloud, mode);
         const QVariant spent = created.value(QStringLiteral("timeSpentSeconds"));
-        const qint64 seconds = isNumber(spent) ? spent.toLongLong() : JRPostSeconds(row);
+        const qint64 seconds = HLIsJSONNumber(spent) ? spent.toLongLong() : JRPostSeconds(row);
         postedPerDay[day] += seconds;
 
         receipt.insert(kState, QStringLiteral("posted"));
