@@ -79,13 +79,21 @@ QByteArray systemCAPath()
     return path;
 }
 
+struct Sink {
+    QByteArray buffer;
+    qint64 maxBytes = kMaxResponseBytes;
+    bool overflowed = false;
+};
+
 size_t collect(char *data, size_t size, size_t count, void *target)
 {
-    auto *buffer = static_cast<QByteArray *>(target);
+    auto *sink = static_cast<Sink *>(target);
     const size_t bytes = size * count;
-    if (buffer->size() + qint64(bytes) > kMaxResponseBytes)
-        return 0; // aborts the transfer as a network failure
-    buffer->append(data, qsizetype(bytes));
+    if (sink->buffer.size() + qint64(bytes) > sink->maxBytes) {
+        sink->overflowed = true;
+        return 0; // aborts the transfer
+    }
+    sink->buffer.append(data, qsizetype(bytes));
     return bytes;
 }
 
@@ -209,6 +217,35 @@ HTTPTransport::~HTTPTransport() = default;
 QVariant HTTPTransport::request(
     const QString &url, const QString &method, const QVariant &body, const QString &token, qint64 &status) const
 {
+    QByteArray payload;
+    const bool hasBody = body.isValid() && !body.isNull();
+    if (hasBody)
+        payload = serialisedBody(body);
+    bool tooLarge = false;
+    const QByteArray received = perform(url, method.toUtf8(), hasBody ? &payload : nullptr, token, "application/json",
+        kMaxResponseBytes, status, tooLarge);
+    if (tooLarge)
+        HLServiceFail(kFailed);
+    if (!received.isEmpty()) {
+        QJsonParseError error;
+        const QJsonDocument document = QJsonDocument::fromJson(received, &error);
+        if (error.error == QJsonParseError::NoError && (document.isObject() || document.isArray()))
+            return document.toVariant();
+    }
+    if (status >= 200 && status <= 299)
+        HLServiceFail(kInvalid);
+    return {};
+}
+
+QByteArray HTTPTransport::get(const QString &url, qint64 maxBytes, qint64 &status, bool &tooLarge) const
+{
+    return perform(url, "GET", nullptr, QString(), "*/*", std::max<qint64>(0, maxBytes), status, tooLarge);
+}
+
+QByteArray HTTPTransport::perform(const QString &url, const QByteArray &verb, const QByteArray *payload,
+    const QString &token, const char *accept, qint64 maxBytes, qint64 &status, bool &tooLarge) const
+{
+    tooLarge = false;
     const QUrl parsed(url, QUrl::StrictMode);
     if (!acceptableURL(url, parsed))
         HLServiceFail(kOnlyHTTPS);
@@ -239,12 +276,7 @@ QVariant HTTPTransport::request(
     curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, long(m_limits.total.count()));
     curl_easy_setopt(handle, CURLOPT_USERAGENT, "Hourloom/" HOURLOOM_VERSION);
 
-    QByteArray payload;
-    const bool hasBody = body.isValid() && !body.isNull();
-    if (hasBody)
-        payload = serialisedBody(body);
-
-    const QByteArray verb = method.toUtf8();
+    const bool hasBody = payload != nullptr;
     if (verb == "GET" && !hasBody) {
         curl_easy_setopt(handle, CURLOPT_HTTPGET, 1L);
     } else if (verb == "POST") {
@@ -254,12 +286,13 @@ QVariant HTTPTransport::request(
         curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, verb.constData());
     }
     if (verb != "GET" || hasBody) {
-        curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(payload.size()));
-        curl_easy_setopt(handle, CURLOPT_POSTFIELDS, payload.constData());
+        curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(hasBody ? payload->size() : 0));
+        curl_easy_setopt(handle, CURLOPT_POSTFIELDS, hasBody ? payload->constData() : "");
     }
 
     curl_slist *rawHeaders = nullptr;
-    rawHeaders = curl_slist_append(rawHeaders, "Accept: application/json");
+    const QByteArray acceptHeader = QByteArray("Accept: ") + accept;
+    rawHeaders = curl_slist_append(rawHeaders, acceptHeader.constData());
     // libcurl would otherwise add a form content type to every POST and an Expect header to large ones.
     rawHeaders = curl_slist_append(rawHeaders, hasBody ? "Content-Type: application/json" : "Content-Type:");
     rawHeaders = curl_slist_append(rawHeaders, "Expect:");
@@ -271,9 +304,10 @@ QVariant HTTPTransport::request(
     std::unique_ptr<curl_slist, ListDeleter> headers(rawHeaders);
     curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
 
-    QByteArray received;
+    Sink sink;
+    sink.maxBytes = maxBytes;
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, collect);
-    curl_easy_setopt(handle, CURLOPT_WRITEDATA, &received);
+    curl_easy_setopt(handle, CURLOPT_WRITEDATA, &sink);
 
     QElapsedTimer clock; // monotonic
     clock.start();
@@ -291,6 +325,13 @@ QVariant HTTPTransport::request(
 
     long responseCode = 0;
     curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &responseCode);
+    if (result == CURLE_WRITE_ERROR && sink.overflowed) {
+        DiagnosticLog::shared().record(
+            QStringLiteral("network_failed"), networkValues(durationMs, responseCode, qint64(result)));
+        status = responseCode;
+        tooLarge = true;
+        return {};
+    }
     if (result != CURLE_OK) {
         DiagnosticLog::shared().record(
             QStringLiteral("network_failed"), networkValues(durationMs, responseCode, qint64(result)));
@@ -299,13 +340,5 @@ QVariant HTTPTransport::request(
     DiagnosticLog::shared().record(QStringLiteral("network_completed"), networkValues(durationMs, responseCode, 0));
 
     status = responseCode;
-    if (!received.isEmpty()) {
-        QJsonParseError error;
-        const QJsonDocument document = QJsonDocument::fromJson(received, &error);
-        if (error.error == QJsonParseError::NoError && (document.isObject() || document.isArray()))
-            return document.toVariant();
-    }
-    if (status >= 200 && status <= 299)
-        HLServiceFail(kInvalid);
-    return {};
+    return sink.buffer;
 }

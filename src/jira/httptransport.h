@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QByteArray>
 #include <QString>
 #include <QVariant>
 
@@ -30,9 +31,18 @@ public:
     QVariant request(
         const QString &url, const QString &method, const QVariant &body, const QString &token, qint64 &status) const;
 
+    // A GET whose body the caller reads itself (an appcast, a download, an answer whose size matters), with
+    // the same TLS, limits and redirect refusal. Returns the body; `status` receives the HTTP status. A body
+    // longer than `maxBytes` ends the transfer early and sets `tooLarge` (the body is then empty). Throws
+    // "JiraError" (HLServiceFail) when the transfer fails.
+    QByteArray get(const QString &url, qint64 maxBytes, qint64 &status, bool &tooLarge) const;
+
     const Limits &limits() const { return m_limits; }
 
 private:
+    QByteArray perform(const QString &url, const QByteArray &verb, const QByteArray *payload, const QString &token,
+        const char *accept, qint64 maxBytes, qint64 &status, bool &tooLarge) const;
+
     Limits m_limits;
     QByteArray m_caBundle; // system CAs plus the test CA file, when one is configured and no CA folder exists
     QByteArray m_extraCAFile; // the test CA file, trusted beside the system's CA folder
