@@ -16,7 +16,7 @@ packages=(
     libcpp-httplib-dev libssl-dev openssl ca-certificates
     dbus dbus-x11 gnome-keyring libsecret-tools
     tzdata
-    python3 python3-jsonschema
+    python3 python3-jsonschema python3-reportlab
 )
 
 missing=()

@@ -1,10 +1,13 @@
 #include "app/rundiagnostics.h"
 
+#include "invoice/invoice.h"
 #include "source/trackerdb.h"
 
 #include <QFile>
 #include <QStandardPaths>
 #include <QString>
+#include <QStringList>
+#include <QVariantMap>
 
 #include <cstdio>
 #include <cstring>
@@ -35,15 +38,28 @@ int runProbe()
     }
 }
 
-int runInvoice(int argc)
+int runInvoice(int argc, const char *const *argv)
 {
     if (argc < 3) {
         std::fputs("usage: --invoice <invoice.pdf>\n", stdout);
         return 2;
     }
-    // The invoice reader is not part of this build yet; the command says so instead of pretending to read.
-    std::fputs("Could not read the invoice: The invoice reader is not available in this build.\n", stdout);
-    return 1;
+    const QVariantMap result = INVParsePDF(QFile::decodeName(argv[2]));
+    if (result.contains(QStringLiteral("problem"))) {
+        std::printf("Could not read the invoice: %s\n",
+            result.value(QStringLiteral("problem")).toString().toUtf8().constData());
+        return 1;
+    }
+    const qint64 seconds = result.value(QStringLiteral("total_seconds")).toLongLong();
+    const QStringList descriptions = result.value(QStringLiteral("descriptions")).toStringList();
+    std::printf("total     %s  (%s)\n", INVFormatDuration(seconds).toUtf8().constData(),
+        INVFormatHoursMinutes(seconds).toUtf8().constData());
+    std::printf("amount    %.2f\n", result.value(QStringLiteral("total_amount")).toDouble());
+    std::printf("rows      %s\n", result.value(QStringLiteral("row_count")).toString().toUtf8().constData());
+    std::printf("unique    %lu\n\n", static_cast<unsigned long>(descriptions.size()));
+    for (const QString &description : descriptions)
+        std::printf("%s\n", description.toUtf8().constData());
+    return 0;
 }
 
 int runSmokeTest(const char *command)
@@ -62,7 +78,7 @@ int RunDiagnostics(int argc, const char *const *argv)
     if (std::strcmp(command, "--probe") == 0)
         return runProbe();
     if (std::strcmp(command, "--invoice") == 0)
-        return runInvoice(argc);
+        return runInvoice(argc, argv);
     if (std::strcmp(command, "--smoke-test") == 0 || std::strcmp(command, "--jira-smoke-test") == 0)
         return runSmokeTest(command);
     return -1;

@@ -171,7 +171,7 @@ TEST(CommandLine, InvoiceWithoutAPathPrintsTheUsage)
     const Outcome withPath = runHourloom({QStringLiteral("--invoice"), home + QStringLiteral("/week.pdf")}, home);
     EXPECT_EQ(withPath.exitCode, 1);
     EXPECT_EQ(withPath.out,
-        QStringLiteral("Could not read the invoice: The invoice reader is not available in this build.\n"));
+        QStringLiteral("Could not read the invoice: That is not a regular file, so it cannot be read as a PDF.\n"));
     // A diagnostic command never starts the application.
     EXPECT_FALSE(QFileInfo::exists(home + QStringLiteral("/.local/share/Hourloom")));
 }

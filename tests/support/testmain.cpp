@@ -57,6 +57,9 @@ int main(int argc, char **argv)
     isolateHome();
     ::testing::InitGoogleMock(&argc, argv);
 #ifdef HOURLOOM_TEST_GUI
+    // Test discovery runs the program without the test's environment; there is no display to rely on.
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
     QApplication app(argc, argv);
 #else
     QCoreApplication app(argc, argv);
