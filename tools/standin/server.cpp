@@ -2,6 +2,7 @@
 
 #include "admin.h"
 #include "certificate.h"
+#include "feed.h"
 #include "serverstate.h"
 
 #include <QJsonDocument>
@@ -733,6 +734,7 @@ void Server::State::handle(const httplib::Request &req, httplib::Response &res, 
         } else {
             answerJson(res, 405, QJsonObject {{QStringLiteral("code"), 405}});
         }
+    } else if (path.startsWith(QStringLiteral("/updates/")) && answerUpdateFeed(port, req, res)) {
     } else if (path.startsWith(QStringLiteral("/ex/jira/"))) {
         gateway(req, res, path);
     } else if (static const QRegularExpression ratePath(QStringLiteral("^/v2/rate/([^/]+)/([^/]+)$"));
