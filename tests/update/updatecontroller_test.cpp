@@ -6,6 +6,7 @@
 
 #include <QFile>
 #include <QFileInfo>
+#include <QProcess>
 #include <QSettings>
 
 #include <gtest/gtest.h>
@@ -280,4 +281,31 @@ TEST_F(UpdateTest, KeepsTheAutomaticSwitch)
     m_updates->setAutomaticallyChecksForUpdates(false);
     EXPECT_FALSE(makeController(m_feed->feedURL(), m_feed->publicKey())->automaticallyChecksForUpdates());
     EXPECT_EQ(m_changes, before + 1);
+}
+
+// The release recipe: a key pair and a signature made with the openssl tool verify here.
+TEST(UpdateSignature, AcceptsWhatTheOpensslToolSigns)
+{
+    const QString folder = testenv::freshDir(QStringLiteral("signing"));
+    auto run = [&](const QString &command) {
+        QProcess shell;
+        shell.setWorkingDirectory(folder);
+        shell.start(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), command});
+        EXPECT_TRUE(shell.waitForFinished(30000));
+        EXPECT_EQ(shell.exitCode(), 0) << qPrintable(command);
+        return QString::fromLatin1(shell.readAllStandardOutput()).trimmed();
+    };
+    QFile package(folder + QStringLiteral("/hourloom_2.0.0_amd64.deb"));
+    ASSERT_TRUE(package.open(QIODevice::WriteOnly));
+    package.write(kPackage);
+    package.close();
+    run(QStringLiteral("openssl genpkey -algorithm ed25519 -out update-key.pem"));
+    const QString publicKey
+        = run(QStringLiteral("openssl pkey -in update-key.pem -pubout -outform DER | tail -c 32 | base64"));
+    const QString signature = run(
+        QStringLiteral("openssl pkeyutl -sign -inkey update-key.pem -rawin -in hourloom_2.0.0_amd64.deb | base64 -w0"));
+    EXPECT_TRUE(UpdateController::verifySignature(kPackage, signature, publicKey));
+    EXPECT_FALSE(UpdateController::verifySignature(kPackage + ' ', signature, publicKey));
+    EXPECT_FALSE(UpdateController::verifySignature(kPackage, signature.left(40), publicKey));
+    EXPECT_FALSE(UpdateController::verifySignature(kPackage, QStringLiteral("not base64!"), publicKey));
 }
