@@ -220,7 +220,10 @@ QString INVFormatHoursMinutes(qint64 seconds)
         "%lldh %lldm", static_cast<long long>(seconds / 3600), static_cast<long long>((seconds % 3600) / 60));
 }
 
-QVariantMap INVParseText(const QString &text)
+namespace
+{
+
+QVariantMap parseText(const QString &text, QHash<QString, qint64> *secondsByName)
 {
     if (text.isEmpty())
         return Failure(kNoText);
@@ -277,7 +280,11 @@ QVariantMap INVParseText(const QString &text)
     QSet<QString> seen;
     for (size_t index = 0; index < rows.size(); ++index) {
         const QString &name = rows[index].name;
-        if (index == *total || name.isEmpty() || seen.contains(name))
+        if (index == *total || name.isEmpty())
+            continue;
+        if (secondsByName)
+            (*secondsByName)[name] += rows[index].seconds;
+        if (seen.contains(name))
             continue;
         seen.insert(name);
         descriptions.append(name);
@@ -299,7 +306,8 @@ QVariantMap INVParseText(const QString &text)
         {QStringLiteral("descriptions"), descriptions}};
 }
 
-QVariantMap INVParsePDF(const QString &path)
+// The document's whole text, or a failure.
+QVariantMap pdfText(const QString &path, QString &text)
 {
     const QFileInfo info(path);
     // Following a link is fine; a folder, a device or a pipe is not a document (and a pipe would block).
@@ -314,7 +322,6 @@ QVariantMap INVParsePDF(const QString &path)
     if (!document || document->is_locked())
         return Failure(kNotAPDF);
 
-    QString text;
     const int pages = document->pages();
     for (int index = 0; index < pages; ++index) {
         const std::unique_ptr<poppler::page> page(document->create_page(index));
@@ -328,5 +335,38 @@ QVariantMap INVParsePDF(const QString &path)
         text += pageText;
     }
     // Image-only pages give blanks and page breaks at most.
-    return INVParseText(isBlank(text) ? QString() : text);
+    if (isBlank(text))
+        text.clear();
+    return {};
 }
+
+} // namespace
+
+QVariantMap INVParseText(const QString &text)
+{
+    return parseText(text, nullptr);
+}
+
+QVariantMap INVParsePDF(const QString &path)
+{
+    QString text;
+    const QVariantMap failure = pdfText(path, text);
+    return failure.isEmpty() ? parseText(text, nullptr) : failure;
+}
+
+namespace invoice
+{
+
+Reading readPDF(const QString &path)
+{
+    Reading reading;
+    QString text;
+    reading.result = pdfText(path, text);
+    if (reading.result.isEmpty())
+        reading.result = parseText(text, &reading.secondsByDescription);
+    if (reading.result.contains(QStringLiteral("problem")))
+        reading.secondsByDescription.clear();
+    return reading;
+}
+
+} // namespace invoice

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QHash>
 #include <QString>
 #include <QVariantMap>
 
@@ -21,6 +22,14 @@ QString INVFormatHoursMinutes(qint64 seconds);
 
 namespace invoice
 {
+// INVParsePDF's result, and the invoice's own time per activity (its rows of that name added up), for a
+// comparison with tracked time. The map is empty when the result has a problem.
+struct Reading {
+    QVariantMap result;
+    QHash<QString, qint64> secondsByDescription;
+};
+Reading readPDF(const QString &path);
+
 // The two trailing clean-ups of a row's name, written out by hand because the patterns that describe them
 // ("\s*\d{1,2}\s+[A-Z][a-z]{2}\s*$" and "\s*\d+\s*%\s*$") take quadratic time on a long run of blanks or
 // digits. Exposed so that tests can hold them to the patterns.

@@ -55,6 +55,8 @@ TEST(InvoiceWindow, ComparesTheInvoiceWithTheWeeksTrackedTime)
     EXPECT_EQ(window.summaryText(), QStringLiteral("Total 12:30:00 (12h 30m) · $1,000.00 · 5 rows · 4 activities"));
     // ED-7, ED-9, ED-12, ED-101 in the invoice's order.
     EXPECT_EQ(window.trackedSeconds(), (QList<qint64> {0, 315 * 60, 150 * 60, 0}));
+    EXPECT_EQ(window.invoicedSeconds(QStringLiteral("ED-12 Review release notes")), (135 + 150) * 60); // two rows
+    EXPECT_EQ(window.invoicedSeconds(QStringLiteral("ED-9 Fix login time-out")), 315 * 60);
     EXPECT_EQ(window.copyText(),
         QStringLiteral("ED-7 Sprint planning\nED-9 Fix login time-out\nED-12 Review release notes\n"
                        "ED-101 Customer call about the 2.4 upgrade\n"));

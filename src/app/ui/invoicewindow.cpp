@@ -94,9 +94,11 @@ InvoiceWindow::InvoiceWindow(QWidget *parent)
     m_table->setRootIsDecorated(false);
     m_table->setAlternatingRowColors(true);
     m_table->setSelectionMode(QAbstractItemView::ExtendedSelection);
-    m_table->setHeaderLabels({QStringLiteral("Activity on the invoice"), QStringLiteral("Tracked that week")});
+    m_table->setHeaderLabels({QStringLiteral("Activity on the invoice"), QStringLiteral("Invoiced"),
+        QStringLiteral("Tracked that week"), QStringLiteral("Difference")});
     m_table->header()->setSectionResizeMode(0, QHeaderView::Stretch);
-    m_table->header()->setSectionResizeMode(1, QHeaderView::ResizeToContents);
+    for (int column = 1; column < 4; ++column)
+        m_table->header()->setSectionResizeMode(column, QHeaderView::ResizeToContents);
     m_table->header()->setStretchLastSection(false);
     layout->addWidget(m_table, 1);
 
@@ -136,6 +138,7 @@ void InvoiceWindow::openInvoice(const QString &path)
     m_path = path;
     m_reading = true;
     m_result.clear();
+    m_invoiced.clear();
     m_file->setText(QFileInfo(path).fileName());
     m_file->setToolTip(path);
     m_summary->setText(QStringLiteral("Reading the invoice…"));
@@ -144,13 +147,13 @@ void InvoiceWindow::openInvoice(const QString &path)
     m_copy->setEnabled(false);
     // A thousand-page document takes a while; the window stays responsive and only the latest reading counts.
     const quint64 generation = ++m_generation;
-    auto *watcher = new QFutureWatcher<QVariantMap>(this);
-    connect(watcher, &QFutureWatcher<QVariantMap>::finished, this, [this, watcher, generation, path] {
+    auto *watcher = new QFutureWatcher<invoice::Reading>(this);
+    connect(watcher, &QFutureWatcher<invoice::Reading>::finished, this, [this, watcher, generation, path] {
         watcher->deleteLater();
         if (generation == m_generation)
             showResult(path, watcher->result());
     });
-    watcher->setFuture(QtConcurrent::run([path] { return INVParsePDF(path); }));
+    watcher->setFuture(QtConcurrent::run([path] { return invoice::readPDF(path); }));
 }
 
 void InvoiceWindow::chooseInvoice()
@@ -232,10 +235,12 @@ void InvoiceWindow::dropEvent(QDropEvent *event)
     openInvoice(path);
 }
 
-void InvoiceWindow::showResult(const QString &path, const QVariantMap &result)
+void InvoiceWindow::showResult(const QString &path, const invoice::Reading &reading)
 {
+    const QVariantMap &result = reading.result;
     m_reading = false;
     m_result = result;
+    m_invoiced = reading.secondsByDescription;
     m_path = path;
     if (result.contains(QStringLiteral("problem"))) {
         m_summary->setText(result.value(QStringLiteral("problem")).toString());
@@ -312,9 +317,12 @@ void InvoiceWindow::refreshTracked()
         trackedTotal += seconds;
         if (seconds == 0)
             ++untracked;
-        auto *item
-            = new QTreeWidgetItem(m_table, {description, seconds ? INVFormatDuration(seconds) : QStringLiteral("—")});
-        item->setTextAlignment(1, Qt::AlignRight | Qt::AlignVCenter);
+        const qint64 invoiced = m_invoiced.value(description);
+        auto *item = new QTreeWidgetItem(m_table,
+            {description, INVFormatDuration(invoiced), seconds ? INVFormatDuration(seconds) : QStringLiteral("—"),
+                signedDuration(seconds - invoiced)});
+        for (int column = 1; column < 4; ++column)
+            item->setTextAlignment(column, Qt::AlignRight | Qt::AlignVCenter);
         item->setToolTip(0, description);
     }
     const qint64 invoiced = m_result.value(QStringLiteral("total_seconds")).toLongLong();

@@ -1,6 +1,9 @@
 #pragma once
 
+#include "invoice/invoice.h"
+
 #include <QDate>
+#include <QHash>
 #include <QVariantList>
 #include <QVariantMap>
 #include <QWidget>
@@ -43,6 +46,8 @@ public:
     QString summaryText() const;
     // Seconds tracked in the week per activity of the invoice, in the invoice's order.
     QList<qint64> trackedSeconds() const;
+    // The invoice's own seconds for an activity (its rows of that name added up).
+    qint64 invoicedSeconds(const QString &description) const { return m_invoiced.value(description); }
     // The activities, one per line, as the copy button puts them on the clipboard.
     QString copyText() const;
     bool writeSnapshot(const QString &path) const;
@@ -55,7 +60,7 @@ protected:
     void dropEvent(QDropEvent *event) override;
 
 private:
-    void showResult(const QString &path, const QVariantMap &result);
+    void showResult(const QString &path, const invoice::Reading &reading);
     void refreshTracked();
     void copyActivities();
 
@@ -71,6 +76,7 @@ private:
     QVariantList m_sessions;
     QDate m_weekStart;
     QList<qint64> m_tracked;
+    QHash<QString, qint64> m_invoiced; // the invoice's own time per activity
     bool m_reading = false;
     quint64 m_generation = 0;
 };
