@@ -1,6 +1,10 @@
 #include "servicefixture.h"
 
+#include "platform/failure.h"
+#include "submission/submissionlock.h"
 #include "worklogs/engine.h"
+
+#include <QFile>
 
 namespace
 {
@@ -137,3 +141,135 @@ TEST_F(Guard, ManualMatchAfterAnUncertainPostDoesNotReopenTheRest)
     EXPECT_EQ(expectNoSessionOverposted({tracked}, {kABC1}), 0);
     expectJiraConsistentWithLedger({kABC1});
 }
+
+class GuardRun : public Guard
+{
+protected:
+    // One hour on ABC-1 and one on ABC-2, checked.
+    QVariantList checkedRows()
+    {
+        m_sessions = {session(kABC1, at(2, 9), 3600, QStringLiteral("Design"), 1),
+            session(kABC2, at(2, 11), 3600, QStringLiteral("Review"), 2)};
+        const QVariantList rows = approved(compare(draftsOf(m_sessions, at(2, 12))));
+        EXPECT_EQ(rows.size(), 2);
+        m_server.clearRequests();
+        return rows;
+    }
+
+    QVariantList m_sessions;
+};
+
+TEST_F(GuardRun, TokenThatCannotBeRefreshedLeavesNoReceiptBehind)
+{
+    const QVariantList rows = checkedRows();
+    QVariantMap record = credentialRecord(m_token, m_server.origin());
+    record.insert(QStringLiteral("expires_at"), double(QDateTime::currentSecsSinceEpoch() + 10));
+    m_client->queue().sync([&] { m_client->session().save(record); });
+    // Each refresh hands out a token that is due again at once; the third, just before the first POST, fails.
+    const QByteArray shortLived
+        = QStringLiteral(R"({"access_token":"%1","refresh_token":"r","expires_in":30})").arg(m_token).toUtf8();
+    m_server.addFault(standin::Fault::statusReply(
+        QStringLiteral("POST"), QStringLiteral("^/oauth/refresh$"), 200, shortLived, {}, 2));
+    m_server.addFault(standin::Fault::invalidGrant());
+
+    const PostOutcome outcome = post(rows);
+    EXPECT_EQ(outcome.failure, QStringLiteral("JiraError: Jira authorization expired. Connect again."));
+    EXPECT_EQ(requestCount(QStringLiteral("POST"), QStringLiteral("^/oauth/refresh$")), 3);
+    EXPECT_EQ(worklogPosts(), 0);
+    EXPECT_TRUE(ledger().isEmpty()) << "nothing was sent, so nothing is uncertain";
+}
+
+TEST_F(GuardRun, LedgerEntryThatIsNotARecordShowsAsUncertain)
+{
+    const QVariantList rows = checkedRows();
+    const QString marker = JRMarker(rows.first().toMap(), kCloud, kAccount);
+    QFile file(m_service->store().path());
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(QStringLiteral(R"({"%1":"sent"})").arg(marker).toUtf8());
+    file.close();
+
+    const QVariantMap again = compare(draftsOf(m_sessions, at(2, 12)));
+    EXPECT_EQ(draftAt(again, 0).value(QStringLiteral("status")).toString(),
+        QStringLiteral("Uncertain submission — review in Jira"));
+    EXPECT_EQ(draftAt(again, 0).value(QStringLiteral("comment")).toString(), QStringLiteral("Design"));
+    EXPECT_EQ(approved(again).size(), 1);
+    EXPECT_EQ(post(rows.mid(0, 1)).failure, kDuplicateSession);
+}
+
+TEST_F(GuardRun, LockIsHeldUntilTheRunsLastEventIsReported)
+{
+    const QVariantList rows = checkedRows();
+    m_server.addWorklog({kABC1, kAccount, at(2, 17), 900, {}, {}, {}, {}});
+    bool lockedWhileReporting = false;
+    m_client->queue().sync([&] {
+        try {
+            m_service->postDrafts(rows, kCloud, kAccount, 0, [&](const QVariantMap &) {
+                try {
+                    SubmissionLock second(m_directory + QStringLiteral("/jira-submit.lock"));
+                } catch (const NamedFailure &) {
+                    lockedWhileReporting = true;
+                }
+            });
+        } catch (const NamedFailure &) {
+        }
+    });
+    EXPECT_TRUE(lockedWhileReporting);
+    EXPECT_NO_THROW(SubmissionLock(m_directory + QStringLiteral("/jira-submit.lock")));
+}
+
+TEST_F(GuardRun, EstimateModeTravelsWithTheRequest)
+{
+    const QVariantList rows = checkedRows();
+    const bool saved = JRReduceEstimateOnPost();
+    JRSetReduceEstimateOnPost(false);
+    m_client->queue().sync([&] {
+        m_service->postDrafts(rows.mid(0, 1), kCloud, kAccount, 0, WorklogService::Estimate::Reduce);
+        m_service->postDrafts(rows.mid(1, 1), kCloud, kAccount, 0, WorklogService::Estimate::Leave);
+    });
+    JRSetReduceEstimateOnPost(saved);
+    const QList<standin::ReceivedRequest> posts
+        = m_server.requests(QStringLiteral("POST"), QStringLiteral("/worklog$"));
+    ASSERT_EQ(posts.size(), 2);
+    EXPECT_EQ(posts.at(0).queryItem(QStringLiteral("adjustEstimate")), QStringLiteral("auto"));
+    EXPECT_EQ(posts.at(1).queryItem(QStringLiteral("adjustEstimate")), QStringLiteral("leave"));
+}
+
+struct LateExclusion {
+    const char *name;
+    const char *kind;
+    bool combined;
+};
+
+void PrintTo(const LateExclusion &exclusion, std::ostream *out)
+{
+    *out << exclusion.name;
+}
+
+class GuardLateExclusion : public Guard, public ::testing::WithParamInterface<LateExclusion>
+{
+};
+
+// The rows carry the exclusions of the check; the ones set since then are in the assignments file only.
+TEST_P(GuardLateExclusion, AddedAfterTheCheckStopsThePost)
+{
+    JRSetCombineDailyByIssue(GetParam().combined);
+    const QVariantList sessions {session(kABC1, at(2, 9), 1800, QStringLiteral("Design"), 1),
+        session(kABC1, at(2, 11), 1800, QStringLiteral("Review"), 2)};
+    const QVariantList rows = approved(compare(draftsOf(sessions, at(2, 12))));
+    ASSERT_EQ(rows.size(), GetParam().combined ? 1 : 2);
+    IssueAssignments(m_directory)
+        .setExclusion({{QStringLiteral("kind"), QString::fromLatin1(GetParam().kind)}, {QStringLiteral("issue"), kABC1},
+                          {QStringLiteral("worklog_id"), QStringLiteral("10001")}, {QStringLiteral("seconds"), 600}},
+            sessions.at(1).toMap(), kCloud);
+    m_server.clearRequests();
+
+    EXPECT_EQ(post(rows).failure, QStringLiteral("Excluded: This session is excluded from Jira. Check Jira again."));
+    EXPECT_EQ(worklogPosts(), 0);
+    EXPECT_TRUE(ledger().isEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Exclusions, GuardLateExclusion,
+    ::testing::Values(LateExclusion {"IgnoredInACombinedRow", "ignore", true},
+        LateExclusion {"ManualMatchInACombinedRow", "manual", true},
+        LateExclusion {"IgnoredSingleRow", "ignore", false}),
+    [](const ::testing::TestParamInfo<LateExclusion> &param) { return std::string(param.param.name); });
