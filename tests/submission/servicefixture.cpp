@@ -235,9 +235,13 @@ QString ServiceFixture::createLastPostLate()
         = m_server.requests(QStringLiteral("POST"), QStringLiteral("/issue/[^/]+/worklog$"));
     if (posts.isEmpty())
         return {};
-    const standin::ReceivedRequest &last = posts.last();
-    const QString issue = last.path.section(QLatin1Char('/'), -2, -2);
-    const QJsonObject body = QJsonDocument::fromJson(last.body).object();
+    return createLate(posts.last());
+}
+
+QString ServiceFixture::createLate(const standin::ReceivedRequest &post)
+{
+    const QString issue = post.path.section(QLatin1Char('/'), -2, -2);
+    const QJsonObject body = QJsonDocument::fromJson(post.body).object();
     return m_server.addWorklog({issue, kAccount, JRDate(body.value(QStringLiteral("started")).toString()),
         qint64(body.value(QStringLiteral("timeSpentSeconds")).toDouble()),
         body.value(QStringLiteral("comment")).toObject(), body.value(QStringLiteral("properties")).toArray(), {}, {}});

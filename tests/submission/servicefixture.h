@@ -63,6 +63,7 @@ protected:
     // Jira creates, after the program gave up on it, the worklog of the last POST it received (one that a
     // dropped connection never handled). Returns the new worklog's id.
     QString createLastPostLate();
+    QString createLate(const standin::ReceivedRequest &post);
 
     standin::Server m_server;
     QString m_token;
