@@ -1,5 +1,6 @@
 #include "servicefixture.h"
 
+#include "support/testenv.h"
 #include "worklogs/engine.h"
 
 #include <QElapsedTimer>
@@ -70,7 +71,7 @@ protected:
     // Tracks one more session on a random day.
     void track(QRandomGenerator &random)
     {
-        const int day = kFirstDay + int(random.bounded(kDays));
+        const int day = kFirstDay + int(random.bounded(quint32(m_days)));
         QDateTime &cursor = m_cursor[day];
         if (!cursor.isValid())
             cursor = at(day, 7, 30);
@@ -249,12 +250,27 @@ protected:
         return all;
     }
 
+    // A new user with an empty Jira, support folder and ledger.
+    void resetWorld(int generation)
+    {
+        m_server.clearFaults();
+        m_server.clearWorklogs();
+        m_server.clearRequests();
+        m_directory = testenv::freshDir(QStringLiteral("support-%1").arg(generation));
+        m_service = std::make_unique<WorklogService>(*m_client, m_directory);
+        m_tracked.clear();
+        m_cursor.clear();
+        m_firstSeen.clear();
+        m_late.clear();
+    }
+
     static inline const QString kIssueKey = QStringLiteral("issue");
     QList<QVariantMap> m_tracked;
     QHash<int, QDateTime> m_cursor;
     QHash<QString, QVariantMap> m_firstSeen;
     QList<standin::ReceivedRequest> m_late;
     qint64 m_localId = 0;
+    int m_days = kDays; // over which sessions are tracked
     int m_faults[FaultKinds] = {};
 };
 
@@ -334,4 +350,73 @@ TEST_F(Soak, RandomFaultsOverManyRoundsNeverPutTheSameTimeInJiraTwice)
     EXPECT_GT(confirmed, kRounds / 3) << "the soak must actually post";
     EXPECT_GT(failedRuns, kRounds / 10) << "the soak must actually hit faults";
     EXPECT_GE(marked, confirmed) << "every confirmed worklog is in Jira";
+}
+
+// Random sequences of what a user and Jira do, with the promise checked after every step. Reproduce a failing
+// sequence with --gtest_random_seed=<its seed>: it then runs first.
+TEST_F(Soak, RandomUserSequencesKeepEverySessionInJiraAtMostOnce)
+{
+    constexpr int kSequences = 10;
+    constexpr int kSteps = 60;
+    constexpr qint64 kBudgetMs = 180000; // no new sequence starts after this; never a failure
+    // Tracking, checking and posting are what users do most; each of them is three times as likely as the rest.
+    static const QStringList kActions {QStringLiteral("track"), QStringLiteral("track"), QStringLiteral("track"),
+        QStringLiteral("compare"), QStringLiteral("compare"), QStringLiteral("post"), QStringLiteral("post"),
+        QStringLiteral("change issue"), QStringLiteral("tick subset"), QStringLiteral("compare"),
+        QStringLiteral("post"), QStringLiteral("drop answer"), QStringLiteral("late create"),
+        QStringLiteral("mark as logged"), QStringLiteral("ignore"), QStringLiteral("undo")};
+    const quint32 given = quint32(GTEST_FLAG_GET(random_seed));
+    const quint32 base = given != 0 ? given : 20260303;
+    QElapsedTimer budget;
+    budget.start();
+    int sequences = 0;
+    int steps = 0;
+    int posted = 0;
+    for (int sequence = 0; sequence < kSequences && budget.elapsed() < kBudgetMs; ++sequence, ++sequences) {
+        const quint32 seed = base + quint32(sequence);
+        resetWorld(sequence);
+        // Two days, so that the steps keep meeting the same sessions.
+        m_days = 2;
+        JRSetCombineDailyByIssue(seed % 2 == 0);
+        QRandomGenerator random(seed);
+        QVariantMap comparison;
+        QVariantList rows;
+        QStringList done;
+        for (int step = 0; step < kSteps; ++step, ++steps) {
+            // Tracking comes first, so that the other actions have something to act on.
+            const QString action = step < 3 ? kActions.first() : pick(random, kActions);
+            done.append(action);
+            if (action == QStringLiteral("track")) {
+                track(random);
+            } else if (action == QStringLiteral("change issue")) {
+                changeIssue(random);
+            } else if (action == QStringLiteral("tick subset")) {
+                rows = tick(random, comparison, true);
+            } else if (action == QStringLiteral("compare")) {
+                comparison = check(randomDay(random), random.bounded(4) != 0);
+                rows = tick(random, comparison, false);
+            } else if (action == QStringLiteral("post") && !rows.isEmpty()) {
+                posted += int(postRows(rows, false).posted.size());
+            } else if (action == QStringLiteral("drop answer") && !rows.isEmpty()) {
+                m_server.addFault(standin::Fault::drop(QStringLiteral("POST"), QStringLiteral("/worklog$")));
+                postRows(rows, true);
+            } else if (action == QStringLiteral("late create")) {
+                createLate();
+            } else if (action == QStringLiteral("mark as logged")) {
+                manualMatch(random, true);
+            } else if (action == QStringLiteral("ignore") && !m_tracked.isEmpty()) {
+                ignore(pick(random, m_tracked));
+            } else if (action == QStringLiteral("undo") && !m_tracked.isEmpty()) {
+                setExclusion(pick(random, m_tracked), {});
+            }
+            if (expectNoSessionOverposted(trackedSessions(), kIssues) != 0) {
+                FAIL() << "seed " << seed << " (rerun with --gtest_random_seed=" << seed
+                       << "), steps: " << qPrintable(done.join(QStringLiteral(", ")));
+            }
+        }
+        expectJiraConsistentWithLedger(kIssues);
+    }
+    std::cout << "model: " << sequences << " sequences from seed " << base << ", " << steps << " steps, " << posted
+              << " worklogs posted" << std::endl;
+    EXPECT_GT(posted, sequences) << "the sequences must actually post";
 }
