@@ -10,6 +10,7 @@
 
 #include <QDateTime>
 #include <QHash>
+#include <QRegularExpression>
 #include <QSet>
 
 #include <algorithm>
@@ -25,6 +26,7 @@ const QString kTotal = QStringLiteral("total");
 const QString kState = QStringLiteral("state");
 const QString kExclusion = QStringLiteral("jira_exclusion");
 const QString kRemaining = QStringLiteral("remaining_seconds");
+const QRegularExpression kIssueKey(QStringLiteral("^[A-Z][A-Z0-9_]*-[0-9]+\\z"));
 
 QString text(const QVariantMap &map, const QString &key)
 {
@@ -159,19 +161,36 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
 
         QVariantList queue;
         QHash<QString, QVariantList> queueKeys;
-        for (const QVariant &item : std::as_const(copies)) {
-            const QVariantMap copy = item.toMap();
+        // A draft whose session a receipt of unknown outcome covers on another issue (the session moved since)
+        // also fetches that issue: finding the worklog there settles the receipt.
+        const ReceiptCoverage ledgerCoverage(receipts, cloud);
+        QHash<qsizetype, QString> proofIssues;
+        for (qsizetype index = 0; index < copies.size(); ++index) {
+            const QVariantMap copy = copies.at(index).toMap();
             const QString issue = text(copy, kIssue);
             if (!copy.value(kExclusion).toMap().isEmpty() || copy.value(QStringLiteral("source_running")).toBool()
-                || nothingRemains(copy) || !JRValid(copy) || issue.isEmpty() || queueKeys.contains(issue))
+                || nothingRemains(copy) || !JRValid(copy) || issue.isEmpty())
                 continue;
-            QVariantList rows;
-            for (const QVariant &other : std::as_const(copies))
-                if (text(other.toMap(), kIssue) == issue)
-                    rows.append(other);
-            const QVariantList keys = QVariant(JRSourceKeysForRows(rows)).toList();
-            queueKeys.insert(issue, keys);
-            queue.append(QVariantMap {{kIssue, issue}, {kSourceKeys, keys}});
+            if (!queueKeys.contains(issue)) {
+                QVariantList rows;
+                for (const QVariant &other : std::as_const(copies))
+                    if (text(other.toMap(), kIssue) == issue)
+                        rows.append(other);
+                const QVariantList keys = QVariant(JRSourceKeysForRows(rows)).toList();
+                queueKeys.insert(issue, keys);
+                queue.append(QVariantMap {{kIssue, issue}, {kSourceKeys, keys}});
+            }
+            const QVariantMap covering = ledgerCoverage.blocking(copy);
+            const QString sentTo = text(covering, kIssue);
+            if (covering.isEmpty() || text(covering, kState) == QStringLiteral("posted") || sentTo == issue
+                || !kIssueKey.match(sentTo).hasMatch())
+                continue;
+            proofIssues.insert(index, sentTo);
+            if (!queueKeys.contains(sentTo)) {
+                const QVariantList keys = QVariant(JRSourceKeysForRows({copy})).toList();
+                queueKeys.insert(sentTo, keys);
+                queue.append(QVariantMap {{kIssue, sentTo}, {kSourceKeys, keys}});
+            }
         }
         total = queue.size();
 
@@ -193,8 +212,22 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
             QVariantMap receipt;
         };
         QList<Pending> pending;
-        for (const QVariant &item : std::as_const(copies)) {
-            QVariantMap copy = item.toMap();
+        const auto fetch = [&](const QString &issue) {
+            currentIssue = issue;
+            currentKeys = queueKeys.value(issue);
+            notify(progress, event("active"));
+            const auto pageProgress = [&](qint64 page, qint64 pages) {
+                QVariantMap pageEvent = event("page");
+                pageEvent.insert(QStringLiteral("page"), page);
+                pageEvent.insert(QStringLiteral("pages"), pages);
+                notify(progress, pageEvent);
+            };
+            fetched.insert(issue, ownWorklogs(m_client.worklogs(issue, cloud, from, to, pageProgress), account));
+            ++completed;
+            notify(progress, event("complete"));
+        };
+        for (qsizetype index = 0; index < copies.size(); ++index) {
+            QVariantMap copy = copies.at(index).toMap();
             copy.insert(QStringLiteral("include"), false);
 
             if (copy.contains(QStringLiteral("session"))) {
@@ -249,20 +282,11 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
             }
 
             const QString issue = text(copy, kIssue);
-            if (JRValid(copy) && !fetched.contains(issue)) {
-                currentIssue = issue;
-                currentKeys = queueKeys.value(issue);
-                notify(progress, event("active"));
-                const auto pageProgress = [&](qint64 page, qint64 pages) {
-                    QVariantMap pageEvent = event("page");
-                    pageEvent.insert(QStringLiteral("page"), page);
-                    pageEvent.insert(QStringLiteral("pages"), pages);
-                    notify(progress, pageEvent);
-                };
-                fetched.insert(issue, ownWorklogs(m_client.worklogs(issue, cloud, from, to, pageProgress), account));
-                ++completed;
-                notify(progress, event("complete"));
-            }
+            if (JRValid(copy) && !fetched.contains(issue))
+                fetch(issue);
+            const QString proofIssue = proofIssues.value(index);
+            if (!proofIssue.isEmpty() && !fetched.contains(proofIssue))
+                fetch(proofIssue);
 
             copy.insert(QStringLiteral("marker"), marker);
             pending.append({result.size(), marker, receipt});

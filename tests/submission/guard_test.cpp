@@ -106,11 +106,23 @@ TEST_F(Guard, SessionMovedToAnotherIssueAfterAnUncertainPostIsRefused)
     QVariantMap moved = tracked;
     moved.insert(QStringLiteral("issue"), kABC2);
     const QVariantList drafts = draftsOf({moved}, at(2, 12));
-    expectNotEligible(compare(drafts));
+    m_server.clearRequests();
+    const QVariantMap again = compare(drafts);
+    expectNotEligible(again);
+    // The check also looked on ABC-1, where the receipt was sent, and found the worklog there.
+    EXPECT_EQ(requestCount(QStringLiteral("GET"), QStringLiteral("/issue/ABC-1/worklog$")), 1);
+    EXPECT_EQ(again.value(QStringLiteral("receipts_found")).toList().size(), 1);
     // Posted as a caller that never checked again would: ABC-2 holds nothing that day.
     EXPECT_EQ(post(JRWorklogsToPost(drafts)).failure, kDuplicateSession);
     EXPECT_EQ(worklogPosts(), 0);
 
+    // That run recorded the receipt as posted: the session now shows as posted rather than uncertain.
+    EXPECT_EQ(ledger().first().toMap().value(QStringLiteral("state")).toString(), QStringLiteral("posted"));
+    const QVariantMap settled = compare(drafts);
+    EXPECT_EQ(draftAt(settled, 0).value(QStringLiteral("status")).toString(),
+        QStringLiteral("Previously posted — review changes"));
+    expectNotEligible(settled);
+    EXPECT_EQ(expectJiraConsistentWithLedger({kABC1, kABC2}), 1);
     EXPECT_EQ(expectNoSessionOverposted({tracked}, {kABC1, kABC2}), 0);
 }
 
