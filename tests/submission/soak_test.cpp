@@ -334,6 +334,15 @@ TEST_F(Soak, RandomFaultsOverManyRoundsNeverPutTheSameTimeInJiraTwice)
     settleAll();
     ASSERT_EQ(expectNoSessionOverposted(trackedSessions(), kIssues), 0);
     const int marked = expectJiraConsistentWithLedger(kIssues);
+    // After checking every day again, a receipt left "pending" is one whose worklog Jira does not hold.
+    QSet<QString> inJira;
+    for (const QString &issue : kIssues)
+        for (const QVariant &worklog : jiraWorklogs(issue))
+            inJira.insert(JRLogMarker(worklog.toMap()));
+    const QVariantMap receipts = ledger();
+    for (auto it = receipts.constBegin(); it != receipts.constEnd(); ++it)
+        if (it.value().toMap().value(QStringLiteral("state")).toString() != QStringLiteral("posted"))
+            EXPECT_FALSE(inJira.contains(it.key())) << "a pending receipt whose worklog Jira holds";
     int confirmed = 0;
     int uncertain = 0;
     for (const QVariant &receipt : ledger())
