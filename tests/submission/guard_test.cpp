@@ -59,6 +59,8 @@ TEST_F(Guard, RegroupedSessionOfACombinedWorklogCreatedLateIsNeverPostedAgain)
     m_server.addFault(standin::Fault::drop(QStringLiteral("POST"), QStringLiteral("/worklog$")));
     ASSERT_EQ(post(combined).failure, kDropped);
     const int sent = worklogPosts();
+    const standin::ReceivedRequest dropped
+        = m_server.requests(QStringLiteral("POST"), QStringLiteral("/worklog$")).last();
 
     // Checked again at once, before Jira shows the worklog: neither session may be posted.
     const QVariantMap again = compare(drafts);
@@ -70,7 +72,7 @@ TEST_F(Guard, RegroupedSessionOfACombinedWorklogCreatedLateIsNeverPostedAgain)
     EXPECT_EQ(post(JRWorklogsToPost({draftAt(first, 0)})).failure, kDuplicateSession);
     EXPECT_EQ(worklogPosts(), sent);
 
-    const QString id = createLastPostLate();
+    const QString id = createLate(dropped);
     ASSERT_FALSE(id.isEmpty());
     const QVariantMap late = compare(drafts);
     expectNotEligible(late);

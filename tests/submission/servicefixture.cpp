@@ -229,15 +229,6 @@ int ServiceFixture::expectNoSessionOverposted(const QVariantList &sessions, cons
     return broken;
 }
 
-QString ServiceFixture::createLastPostLate()
-{
-    const QList<standin::ReceivedRequest> posts
-        = m_server.requests(QStringLiteral("POST"), QStringLiteral("/issue/[^/]+/worklog$"));
-    if (posts.isEmpty())
-        return {};
-    return createLate(posts.last());
-}
-
 QString ServiceFixture::createLate(const standin::ReceivedRequest &post)
 {
     const QString issue = post.path.section(QLatin1Char('/'), -2, -2);

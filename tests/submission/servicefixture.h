@@ -60,9 +60,8 @@ protected:
     // The product's promise: per tracked session, the seconds that all marked worklogs in Jira attribute to it
     // add up to no more than it tracked. Returns the number of sessions that break it.
     int expectNoSessionOverposted(const QVariantList &sessions, const QStringList &issues);
-    // Jira creates, after the program gave up on it, the worklog of the last POST it received (one that a
-    // dropped connection never handled). Returns the new worklog's id.
-    QString createLastPostLate();
+    // Jira creates, after the program gave up on it, the worklog of a POST it received (one that a dropped
+    // connection never handled). Returns the new worklog's id.
     QString createLate(const standin::ReceivedRequest &post);
 
     standin::Server m_server;
