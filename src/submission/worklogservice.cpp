@@ -212,6 +212,7 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
             QVariantMap receipt;
         };
         QList<Pending> pending;
+        QSet<QString> unreachable;
         const auto fetch = [&](const QString &issue) {
             currentIssue = issue;
             currentKeys = queueKeys.value(issue);
@@ -285,8 +286,17 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
             if (JRValid(copy) && !fetched.contains(issue))
                 fetch(issue);
             const QString proofIssue = proofIssues.value(index);
-            if (!proofIssue.isEmpty() && !fetched.contains(proofIssue))
-                fetch(proofIssue);
+            if (!proofIssue.isEmpty() && !fetched.contains(proofIssue) && !unreachable.contains(proofIssue)) {
+                // Only a proof is looked for there: an issue deleted or closed to the user since leaves the
+                // receipt uncertain instead of failing the whole check.
+                try {
+                    fetch(proofIssue);
+                } catch (const NamedFailure &) {
+                    unreachable.insert(proofIssue);
+                    ++completed;
+                    notify(progress, event("complete"));
+                }
+            }
 
             copy.insert(QStringLiteral("marker"), marker);
             pending.append({result.size(), marker, receipt});

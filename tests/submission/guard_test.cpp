@@ -128,6 +128,24 @@ TEST_F(Guard, SessionMovedToAnotherIssueAfterAnUncertainPostIsRefused)
     EXPECT_EQ(expectNoSessionOverposted({tracked}, {kABC1, kABC2}), 0);
 }
 
+TEST_F(Guard, ReceiptIssueThatCannotBeReadLeavesTheMovedSessionUncertain)
+{
+    const QVariantMap tracked = session(kABC1, at(2, 9), 3600, QStringLiteral("Design"), 1);
+    postUncertain(approved(compare(draftsOf({tracked}, at(2, 12)))));
+    QVariantMap moved = tracked;
+    moved.insert(QStringLiteral("issue"), kABC2);
+    m_server.addFault(standin::Fault::statusReply(QStringLiteral("GET"), QStringLiteral("/issue/ABC-1/worklog$"), 404,
+        R"({"errorMessages":["Issue does not exist or you do not have permission to see it."]})"));
+
+    const QVariantMap again = compare(draftsOf({moved}, at(2, 12)));
+    ASSERT_FALSE(again.contains(QStringLiteral("error")))
+        << qPrintable(again.value(QStringLiteral("error")).toString());
+    EXPECT_EQ(draftAt(again, 0).value(QStringLiteral("status")).toString(),
+        QStringLiteral("Uncertain submission — review in Jira"));
+    expectNotEligible(again);
+    EXPECT_TRUE(again.value(QStringLiteral("receipts_found")).toList().isEmpty());
+}
+
 TEST_F(Guard, ManualMatchAfterAnUncertainPostDoesNotReopenTheRest)
 {
     const QVariantMap tracked = session(kABC1, at(2, 9), 3600, QStringLiteral("Design"), 1);
