@@ -340,9 +340,11 @@ TEST_F(Soak, RandomFaultsOverManyRoundsNeverPutTheSameTimeInJiraTwice)
         for (const QVariant &worklog : jiraWorklogs(issue))
             inJira.insert(JRLogMarker(worklog.toMap()));
     const QVariantMap receipts = ledger();
-    for (auto it = receipts.constBegin(); it != receipts.constEnd(); ++it)
-        if (it.value().toMap().value(QStringLiteral("state")).toString() != QStringLiteral("posted"))
+    for (auto it = receipts.constBegin(); it != receipts.constEnd(); ++it) {
+        if (it.value().toMap().value(QStringLiteral("state")).toString() != QStringLiteral("posted")) {
             EXPECT_FALSE(inJira.contains(it.key())) << "a pending receipt whose worklog Jira holds";
+        }
+    }
     int confirmed = 0;
     int uncertain = 0;
     for (const QVariant &receipt : ledger())
@@ -367,7 +369,7 @@ TEST_F(Soak, RandomUserSequencesKeepEverySessionInJiraAtMostOnce)
 {
     constexpr int kSequences = 10;
     constexpr int kSteps = 60;
-    constexpr qint64 kBudgetMs = 180000; // no new sequence starts after this; never a failure
+    constexpr qint64 kBudgetMs = 120000; // no new sequence starts after this; never a failure
     // Tracking, checking and posting are what users do most; each of them is three times as likely as the rest.
     static const QStringList kActions {QStringLiteral("track"), QStringLiteral("track"), QStringLiteral("track"),
         QStringLiteral("compare"), QStringLiteral("compare"), QStringLiteral("post"), QStringLiteral("post"),
