@@ -28,8 +28,8 @@ public:
     // {"drafts": the enriched drafts, "account": the user's account id, "receipts_found": the receipts still
     // "pending" whose worklog Jira holds, as {"marker", "id", "issue", "cloud", "account"}}, or {"error": the
     // reason}. A draft whose sessions a receipt under another marker covers is compared with that receipt, so
-    // it is never eligible and carries "jira_receipt_state". Progress
-    // events carry "phase" = "compare" and "state" "start", "active", "page", "complete" or "failed".
+    // it is never eligible and carries "jira_receipt_state". Progress events carry "phase" = "compare" and
+    // "state" "start", "active", "page", "complete" or "failed".
     QVariantMap compareDrafts(const QVariantList &drafts, const QString &cloud, const Progress &progress = {});
 
     // Whether posting reduces each issue's remaining estimate; read when the user confirms, carried with the
