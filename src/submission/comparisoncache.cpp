@@ -6,6 +6,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSaveFile>
+#include <QSet>
 
 #include <algorithm>
 
@@ -89,6 +90,7 @@ void ComparisonCache::saveDrafts(
     if (cloud.isEmpty() || account.isEmpty())
         return;
     QVariantMap all = entries();
+    QSet<QString> saved;
     for (const QVariant &item : drafts) {
         const QVariantMap draft = item.toMap();
         if (!takesPart(draft) || text(draft, QStringLiteral("source_key")).isEmpty())
@@ -103,12 +105,19 @@ void ComparisonCache::saveDrafts(
         };
         if (draft.contains(QStringLiteral("existing")))
             entry.insert(QStringLiteral("existing"), draft.value(QStringLiteral("existing")));
-        all.insert(keyForDraft(draft, cloud, account), entry);
+        const QString key = keyForDraft(draft, cloud, account);
+        all.insert(key, entry);
+        saved.insert(key);
     }
 
     if (all.size() > kMaximumEntries) {
+        // Entries of this save go last, whatever their stamps: a clock set back makes older entries look newer,
+        // and trimming must never drop the check just made.
         QStringList keys = all.keys();
-        std::stable_sort(keys.begin(), keys.end(), [&all](const QString &left, const QString &right) {
+        std::stable_sort(keys.begin(), keys.end(), [&all, &saved](const QString &left, const QString &right) {
+            const bool leftSaved = saved.contains(left);
+            if (leftSaved != saved.contains(right))
+                return !leftSaved;
             return checkedAt(all.value(left).toMap()) < checkedAt(all.value(right).toMap());
         });
         // Removes only about half of a large excess per save, as the file has always been trimmed; the usual
@@ -138,7 +147,9 @@ void ComparisonCache::applyToDrafts(
 
         const QVariant stamp = entry.value(QStringLiteral("checked_at"));
         const double checked = stamp.toDouble();
-        const bool fresh = double(now.toMSecsSinceEpoch()) / 1000.0 - checked <= freshness;
+        // A check stamped in the future (the clock was set back since) is stale, not current for ever.
+        const double age = double(now.toMSecsSinceEpoch()) / 1000.0 - checked;
+        const bool fresh = age >= 0 && age <= freshness;
         const bool current = fresh && !entry.value(QStringLiteral("has_manual_matches")).toBool();
         QString status = text(entry, QStringLiteral("status"));
         if (status.isEmpty())

@@ -8,10 +8,27 @@
 #include <QJsonObject>
 #include <QSaveFile>
 
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
 namespace
 {
 
 const QString kReceiptError = QStringLiteral("ReceiptError");
+
+// The rename that replaced the ledger is durable only once its folder is synced: without it a power cut right
+// after a POST could bring the old ledger back, and with it a worklog without its receipt. A file system that
+// cannot sync folders (EINVAL) offers nothing more to wait for.
+bool syncFolder(const QString &directory)
+{
+    const int descriptor = ::open(QFile::encodeName(directory).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (descriptor < 0)
+        return false;
+    const bool synced = ::fsync(descriptor) == 0 || errno == EINVAL;
+    ::close(descriptor);
+    return synced;
+}
 
 } // namespace
 
@@ -49,7 +66,7 @@ void ReceiptStore::saveReceipts(const QVariantMap &receipts) const
     QSaveFile out(path());
     const bool written = out.open(QIODevice::WriteOnly)
         && out.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner) && out.write(data) == data.size()
-        && out.commit();
+        && out.commit() && syncFolder(m_directory);
     if (!written) {
         out.cancelWriting();
         throw NamedFailure(kReceiptError, QStringLiteral("Could not save submission history. Posting stopped."));

@@ -4,14 +4,17 @@
 #include "jira/jiraclient.h"
 #include "jira/jsonvalue.h"
 #include "platform/failure.h"
+#include "submission/receiptcoverage.h"
 #include "submission/submissionlock.h"
 #include "worklogs/engine.h"
 
 #include <QDateTime>
 #include <QHash>
+#include <QRegularExpression>
 #include <QSet>
 
 #include <algorithm>
+#include <optional>
 
 namespace
 {
@@ -23,6 +26,7 @@ const QString kTotal = QStringLiteral("total");
 const QString kState = QStringLiteral("state");
 const QString kExclusion = QStringLiteral("jira_exclusion");
 const QString kRemaining = QStringLiteral("remaining_seconds");
+const QRegularExpression kIssueKey(QStringLiteral("^[A-Z][A-Z0-9_]*-[0-9]+\\z"));
 
 QString text(const QVariantMap &map, const QString &key)
 {
@@ -63,6 +67,31 @@ QString commentWithoutTag(const QVariant &comment)
     if (cut >= 0)
         flat.truncate(cut);
     return flat;
+}
+
+// The receipt under a marker. An entry that is not a record still says that something was sent under this
+// marker: it reads as a receipt of unknown outcome, never as none.
+QVariantMap receiptUnder(const QVariantMap &receipts, const QString &marker)
+{
+    const auto found = receipts.constFind(marker);
+    if (found == receipts.constEnd())
+        return {};
+    if (found->typeId() != QMetaType::QVariantMap)
+        return {{kState, QStringLiteral("unknown")}};
+    return found->toMap();
+}
+
+// The states the caller's own view of the ledger gave the row's sessions ("jira_receipt_state").
+bool callerSaysUncertain(const QVariantMap &row)
+{
+    QVariantList sessions {row.value(QStringLiteral("session"))};
+    sessions += row.value(QStringLiteral("source_sessions")).toList();
+    if (text(row, QStringLiteral("jira_receipt_state")) == QStringLiteral("pending"))
+        return true;
+    for (const QVariant &session : std::as_const(sessions))
+        if (text(session.toMap(), QStringLiteral("jira_receipt_state")) == QStringLiteral("pending"))
+            return true;
+    return false;
 }
 
 NamedFailure failure(const char *name, const char *reason)
@@ -132,19 +161,36 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
 
         QVariantList queue;
         QHash<QString, QVariantList> queueKeys;
-        for (const QVariant &item : std::as_const(copies)) {
-            const QVariantMap copy = item.toMap();
+        // A draft whose session a receipt of unknown outcome covers on another issue (the session moved since)
+        // also fetches that issue: finding the worklog there settles the receipt.
+        const ReceiptCoverage ledgerCoverage(receipts, cloud);
+        QHash<qsizetype, QString> proofIssues;
+        for (qsizetype index = 0; index < copies.size(); ++index) {
+            const QVariantMap copy = copies.at(index).toMap();
             const QString issue = text(copy, kIssue);
             if (!copy.value(kExclusion).toMap().isEmpty() || copy.value(QStringLiteral("source_running")).toBool()
-                || nothingRemains(copy) || !JRValid(copy) || issue.isEmpty() || queueKeys.contains(issue))
+                || nothingRemains(copy) || !JRValid(copy) || issue.isEmpty())
                 continue;
-            QVariantList rows;
-            for (const QVariant &other : std::as_const(copies))
-                if (text(other.toMap(), kIssue) == issue)
-                    rows.append(other);
-            const QVariantList keys = QVariant(JRSourceKeysForRows(rows)).toList();
-            queueKeys.insert(issue, keys);
-            queue.append(QVariantMap {{kIssue, issue}, {kSourceKeys, keys}});
+            if (!queueKeys.contains(issue)) {
+                QVariantList rows;
+                for (const QVariant &other : std::as_const(copies))
+                    if (text(other.toMap(), kIssue) == issue)
+                        rows.append(other);
+                const QVariantList keys = QVariant(JRSourceKeysForRows(rows)).toList();
+                queueKeys.insert(issue, keys);
+                queue.append(QVariantMap {{kIssue, issue}, {kSourceKeys, keys}});
+            }
+            const QVariantMap covering = ledgerCoverage.blocking(copy);
+            const QString sentTo = text(covering, kIssue);
+            if (covering.isEmpty() || text(covering, kState) == QStringLiteral("posted") || sentTo == issue
+                || !kIssueKey.match(sentTo).hasMatch())
+                continue;
+            proofIssues.insert(index, sentTo);
+            if (!queueKeys.contains(sentTo)) {
+                const QVariantList keys = QVariant(JRSourceKeysForRows({copy})).toList();
+                queueKeys.insert(sentTo, keys);
+                queue.append(QVariantMap {{kIssue, sentTo}, {kSourceKeys, keys}});
+            }
         }
         total = queue.size();
 
@@ -166,8 +212,23 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
             QVariantMap receipt;
         };
         QList<Pending> pending;
-        for (const QVariant &item : std::as_const(copies)) {
-            QVariantMap copy = item.toMap();
+        QSet<QString> unreachable;
+        const auto fetch = [&](const QString &issue) {
+            currentIssue = issue;
+            currentKeys = queueKeys.value(issue);
+            notify(progress, event("active"));
+            const auto pageProgress = [&](qint64 page, qint64 pages) {
+                QVariantMap pageEvent = event("page");
+                pageEvent.insert(QStringLiteral("page"), page);
+                pageEvent.insert(QStringLiteral("pages"), pages);
+                notify(progress, pageEvent);
+            };
+            fetched.insert(issue, ownWorklogs(m_client.worklogs(issue, cloud, from, to, pageProgress), account));
+            ++completed;
+            notify(progress, event("complete"));
+        };
+        for (qsizetype index = 0; index < copies.size(); ++index) {
+            QVariantMap copy = copies.at(index).toMap();
             copy.insert(QStringLiteral("include"), false);
 
             if (copy.contains(QStringLiteral("session"))) {
@@ -205,40 +266,68 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
             }
 
             const QString marker = JRMarker(copy, cloud, account);
-            const QVariantMap receipt = receipts.value(marker).toMap();
+            const QVariantMap receipt = receiptUnder(receipts, marker);
             if (!receipt.isEmpty()) {
                 const QVariant receiptIssue = receipt.value(kIssue);
                 if (isText(receiptIssue) && !receiptIssue.toString().isEmpty())
                     copy.insert(kIssue, receiptIssue);
-                const QVariantMap payload = receipt.value(QStringLiteral("payload")).toMap();
-                if (payload.contains(QStringLiteral("started")))
-                    copy.insert(QStringLiteral("started"), payload.value(QStringLiteral("started")));
-                if (payload.contains(QStringLiteral("timeSpentSeconds")))
-                    copy.insert(QStringLiteral("post_seconds"), payload.value(QStringLiteral("timeSpentSeconds")));
-                copy.insert(QStringLiteral("comment"), commentWithoutTag(payload.value(QStringLiteral("comment"))));
+                if (receipt.contains(QStringLiteral("payload"))) {
+                    const QVariantMap payload = receipt.value(QStringLiteral("payload")).toMap();
+                    if (payload.contains(QStringLiteral("started")))
+                        copy.insert(QStringLiteral("started"), payload.value(QStringLiteral("started")));
+                    if (payload.contains(QStringLiteral("timeSpentSeconds")))
+                        copy.insert(QStringLiteral("post_seconds"), payload.value(QStringLiteral("timeSpentSeconds")));
+                    copy.insert(QStringLiteral("comment"), commentWithoutTag(payload.value(QStringLiteral("comment"))));
+                }
                 copy.insert(QStringLiteral("assignment"), QStringLiteral("Submission recorded"));
             }
 
             const QString issue = text(copy, kIssue);
-            if (JRValid(copy) && !fetched.contains(issue)) {
-                currentIssue = issue;
-                currentKeys = queueKeys.value(issue);
-                notify(progress, event("active"));
-                const auto pageProgress = [&](qint64 page, qint64 pages) {
-                    QVariantMap pageEvent = event("page");
-                    pageEvent.insert(QStringLiteral("page"), page);
-                    pageEvent.insert(QStringLiteral("pages"), pages);
-                    notify(progress, pageEvent);
-                };
-                fetched.insert(issue, ownWorklogs(m_client.worklogs(issue, cloud, from, to, pageProgress), account));
-                ++completed;
-                notify(progress, event("complete"));
+            if (JRValid(copy) && !fetched.contains(issue))
+                fetch(issue);
+            const QString proofIssue = proofIssues.value(index);
+            if (!proofIssue.isEmpty() && !fetched.contains(proofIssue) && !unreachable.contains(proofIssue)) {
+                // Only a proof is looked for there: an issue deleted or closed to the user since leaves the
+                // receipt uncertain instead of failing the whole check.
+                try {
+                    fetch(proofIssue);
+                } catch (const NamedFailure &) {
+                    unreachable.insert(proofIssue);
+                    ++completed;
+                    notify(progress, event("complete"));
+                }
             }
 
             copy.insert(QStringLiteral("marker"), marker);
             pending.append({result.size(), marker, receipt});
             result.append(copy);
         }
+
+        // A worklog that carries the marker of a receipt still "pending" proves that Jira created it: the
+        // receipt counts as posted from now on, and the next post run records it so (see settle()).
+        QHash<QString, QString> proven;
+        QVariantList found;
+        for (auto it = fetched.constBegin(); it != fetched.constEnd(); ++it) {
+            for (const QVariant &item : it.value()) {
+                const QVariantMap worklog = item.toMap();
+                const QString marker = JRLogMarker(worklog);
+                const QVariant entry = receipts.value(marker);
+                if (marker.isEmpty() || entry.typeId() != QMetaType::QVariantMap)
+                    continue;
+                const QVariantMap receipt = entry.toMap();
+                const QString site = text(receipt, QStringLiteral("cloud"));
+                const QVariant id = worklog.value(QStringLiteral("id"));
+                if (text(receipt, kState) == QStringLiteral("posted") || (!site.isEmpty() && site != cloud)
+                    || !isText(id) || id.toString().isEmpty() || proven.contains(marker))
+                    continue;
+                proven.insert(marker, id.toString());
+                found.append(QVariantMap {{QStringLiteral("marker"), marker}, {QStringLiteral("id"), id},
+                    {kIssue, it.key()}, {QStringLiteral("cloud"), cloud}, {QStringLiteral("account"), account}});
+            }
+        }
+        for (const QVariant &item : std::as_const(found))
+            m_found.insert(item.toMap().value(QStringLiteral("marker")).toString(), item.toMap());
+        const ReceiptCoverage coverage(receipts, cloud, proven);
 
         // The comparisons cannot fail, so they run after the fetches, issue by issue: the engine prepares an
         // issue's worklogs once for consecutive comparisons against the same list.
@@ -248,7 +337,21 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
         for (const Pending &entry : std::as_const(pending)) {
             QVariantMap copy = result.at(entry.index).toMap();
             const QVariantList worklogs = fetched.value(text(copy, kIssue));
-            const QVariantMap comparison = JRCompare(copy, worklogs, account, entry.marker, entry.receipt);
+            // Under another marker (another group, issue or logged time) the same sessions may already be in
+            // Jira, or may be any moment: such a draft shows the receipt's state and is never eligible.
+            QVariantMap receipt = entry.receipt;
+            if (receipt.isEmpty()) {
+                receipt = coverage.blocking(copy);
+                if (receipt.isEmpty() && callerSaysUncertain(copy))
+                    receipt = {{kState, QStringLiteral("pending")}};
+                if (!receipt.isEmpty()) {
+                    copy.insert(QStringLiteral("jira_receipt_state"),
+                        text(receipt, kState) == QStringLiteral("posted") ? QStringLiteral("posted")
+                                                                          : QStringLiteral("pending"));
+                    copy.insert(QStringLiteral("assignment"), QStringLiteral("Submission recorded"));
+                }
+            }
+            const QVariantMap comparison = JRCompare(copy, worklogs, account, entry.marker, receipt);
             for (auto it = comparison.constBegin(); it != comparison.constEnd(); ++it)
                 copy.insert(it.key(), it.value());
             const bool eligible = copy.value(QStringLiteral("eligible")).toBool();
@@ -262,7 +365,8 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
         }
 
         recordCompletion(QStringLiteral("jira_compare_completed"), result.size(), false);
-        return {{QStringLiteral("drafts"), result}, {QStringLiteral("account"), account}};
+        return {{QStringLiteral("drafts"), result}, {QStringLiteral("account"), account},
+            {QStringLiteral("receipts_found"), found}};
     } catch (const std::exception &caught) {
         // Named failures carry the sentence for the user; anything else (a system error) gets the general one.
         const auto *named = dynamic_cast<const NamedFailure *>(&caught);
@@ -279,12 +383,24 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
 QVariantList WorklogService::postDrafts(const QVariantList &drafts, const QString &cloud, const QString &account,
     qint64 generation, const Progress &progress)
 {
+    return postDrafts(
+        drafts, cloud, account, generation, JRReduceEstimateOnPost() ? Estimate::Reduce : Estimate::Leave, progress);
+}
+
+QVariantList WorklogService::postDrafts(const QVariantList &drafts, const QString &cloud, const QString &account,
+    qint64 generation, Estimate estimate, const Progress &progress)
+{
     Q_ASSERT(m_client.queue().isCurrent());
     qint64 completed = 0;
     QString issue;
     QStringList sourceKeys;
+    // Held until the run's last event is recorded, on every path: another process must not start posting
+    // while this one still reports what it did.
+    std::optional<SubmissionLock> lock;
     try {
-        QVariantList posted = postRows(drafts, cloud, account, generation, progress, completed, issue, sourceKeys);
+        lock.emplace(m_directory + QStringLiteral("/jira-submit.lock"));
+        QVariantList posted
+            = postRows(drafts, cloud, account, generation, estimate, progress, completed, issue, sourceKeys);
         recordCompletion(QStringLiteral("jira_post_completed"), completed, false);
         return posted;
     } catch (const std::exception &caught) {
@@ -299,16 +415,39 @@ QVariantList WorklogService::postDrafts(const QVariantList &drafts, const QStrin
     }
 }
 
+bool WorklogService::settle(QVariantMap &receipts, const QString &cloud, const QString &account)
+{
+    bool changed = false;
+    for (auto it = m_found.constBegin(); it != m_found.constEnd(); ++it) {
+        const QVariantMap &proof = it.value();
+        const QVariant entry = receipts.value(it.key());
+        if (text(proof, QStringLiteral("cloud")) != cloud || text(proof, QStringLiteral("account")) != account
+            || entry.typeId() != QMetaType::QVariantMap)
+            continue;
+        QVariantMap receipt = entry.toMap();
+        if (text(receipt, kState) == QStringLiteral("posted"))
+            continue;
+        // The record stays whole: only its state and Jira's id are added, as if the answer had arrived.
+        receipt.insert(kState, QStringLiteral("posted"));
+        receipt.insert(QStringLiteral("id"), text(proof, QStringLiteral("id")));
+        receipts.insert(it.key(), receipt);
+        changed = true;
+    }
+    m_found.clear();
+    if (changed)
+        m_store.saveReceipts(receipts);
+    return changed;
+}
+
 QVariantList WorklogService::postRows(const QVariantList &rows, const QString &cloud, const QString &account,
-    qint64 generation, const Progress &report, qint64 &completed, QString &issue, QStringList &sourceKeys)
+    qint64 generation, Estimate estimate, const Progress &report, qint64 &completed, QString &issue,
+    QStringList &sourceKeys)
 {
     const qint64 total = rows.size();
     const auto event = [&](const char *state) {
         return QVariantMap {{QStringLiteral("phase"), QStringLiteral("post")}, {kState, QString::fromLatin1(state)},
             {kIssue, issue}, {kSourceKeys, sourceKeys}, {kCompleted, completed}, {kTotal, total}};
     };
-
-    SubmissionLock lock(m_directory + QStringLiteral("/jira-submit.lock"));
 
     if (text(m_client.identity(cloud), QStringLiteral("accountId")) != account)
         throw failure("AccountChanged", "Jira account changed. Check Jira again.");
@@ -317,34 +456,51 @@ QVariantList WorklogService::postRows(const QVariantList &rows, const QString &c
 
     // The user disconnected or reconnected since the check: what they approved no longer applies.
     if (m_client.generation() != generation)
-        return {};
+        throw failure("ConnectionChanged", "Jira connection changed. Check Jira again.");
 
+    settle(receipts, cloud, account);
+
+    // Exclusions as they are now, not as they were when the rows were built: an exclusion or a manual match
+    // added after the check must stop the post.
+    IssueAssignments assignments(m_directory);
     for (const QVariant &item : rows) {
         const QVariantMap row = item.toMap();
         QVariantList sessions {row.value(QStringLiteral("session"))};
         sessions += row.value(QStringLiteral("source_sessions")).toList();
-        QVariantList exclusions {row.value(kExclusion)};
-        for (const QVariant &session : std::as_const(sessions))
-            exclusions.append(session.toMap().value(kExclusion));
-        for (const QVariant &exclusion : std::as_const(exclusions))
-            if (text(exclusion.toMap(), QStringLiteral("kind")) == QStringLiteral("ignore"))
-                throw failure("Excluded", "This session is excluded from Jira. Check Jira again.");
+        bool excluded = text(row.value(kExclusion).toMap(), QStringLiteral("kind")) == QStringLiteral("ignore");
+        for (const QVariant &value : std::as_const(sessions)) {
+            const QVariantMap session = value.toMap();
+            if (session.isEmpty())
+                continue;
+            const QVariantMap built = session.value(kExclusion).toMap();
+            const QVariantMap now = assignments.resolve(session, cloud).value(kExclusion).toMap();
+            const QString kind = text(now, QStringLiteral("kind"));
+            excluded = excluded || text(built, QStringLiteral("kind")) == QStringLiteral("ignore")
+                || kind == QStringLiteral("ignore") || (kind == QStringLiteral("manual") && now != built);
+        }
+        if (excluded)
+            throw failure("Excluded", "This session is excluded from Jira. Check Jira again.");
     }
 
     QStringList markers;
     QSet<QString> seen;
+    ReceiptCoverage coverage(receipts, cloud);
     for (const QVariant &item : rows) {
-        const QString marker = JRMarker(item.toMap(), cloud, account);
+        const QVariantMap row = item.toMap();
+        const QString marker = JRMarker(row, cloud, account);
         // Any receipt, posted or left pending by an earlier run, means the worklog may already be in Jira. The
-        // same marker twice in one run would post one worklog twice.
-        if (receipts.contains(marker) || seen.contains(marker))
+        // same marker twice in one run would post one worklog twice. Under another marker, the receipts'
+        // coverage still knows every session that is, or may be, in Jira.
+        if (receipts.contains(marker) || seen.contains(marker) || callerSaysUncertain(row)
+            || !coverage.blocking(row).isEmpty())
             throw failure("Duplicate",
                 "A session in this worklog is already posted or has an uncertain submission. Check Jira again.");
+        coverage.add(row);
         seen.insert(marker);
         markers.append(marker);
     }
 
-    const QString mode = JRReduceEstimateOnPost() ? QStringLiteral("auto") : QStringLiteral("leave");
+    const QString mode = estimate == Estimate::Reduce ? QStringLiteral("auto") : QStringLiteral("leave");
     QHash<QString, qint64> postedPerDay;
     QVariantList posted;
     for (qsizetype index = 0; index < rows.size(); ++index) {
@@ -375,6 +531,9 @@ QVariantList WorklogService::postRows(const QVariantList &rows, const QString &c
             {QStringLiteral("cloud"), cloud},
             {QStringLiteral("payload"), payload},
         };
+        // A token that cannot be refreshed fails here, before a receipt exists, not after it as an uncertain
+        // submission; the POST below then finds the token fresh.
+        m_client.access();
         receipts.insert(marker, receipt);
         m_store.saveReceipts(receipts);
 

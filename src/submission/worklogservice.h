@@ -2,6 +2,7 @@
 
 #include "submission/receiptstore.h"
 
+#include <QHash>
 #include <QString>
 #include <QVariantList>
 #include <QVariantMap>
@@ -24,24 +25,42 @@ public:
     const ReceiptStore &store() const { return m_store; }
     QString directory() const { return m_directory; }
 
-    // {"drafts": the enriched drafts, "account": the user's account id}, or {"error": the reason}. Progress
-    // events carry "phase" = "compare" and "state" "start", "active", "page", "complete" or "failed".
+    // {"drafts": the enriched drafts, "account": the user's account id, "receipts_found": the receipts still
+    // "pending" whose worklog Jira holds, as {"marker", "id", "issue", "cloud", "account"}}, or {"error": the
+    // reason}. A draft whose sessions a receipt under another marker covers is compared with that receipt, so
+    // it is never eligible and carries "jira_receipt_state". Progress events carry "phase" = "compare" and
+    // "state" "start", "active", "page", "complete" or "failed".
     QVariantMap compareDrafts(const QVariantList &drafts, const QString &cloud, const Progress &progress = {});
 
+    // Whether posting reduces each issue's remaining estimate; read when the user confirms, carried with the
+    // request.
+    enum class Estimate { Leave, Reduce };
+
     // Posts the approved rows one at a time under the submission lock, each with a receipt saved before and
-    // after its POST. `account` and `generation` are those of the comparison the user saw; a run whose
-    // generation no longer matches posts nothing. Progress events carry "phase" = "post" and "state"
-    // "submitting", "complete" or "failed". Failures ("SubmissionLock", "ReceiptError", "AccountChanged",
-    // "Excluded", "Duplicate", "Changed", "JiraError") are passed on to the caller after the "failed" event.
-    // Returns one record per posted worklog: {"marker", "issue", "id", "seconds", "source_keys"}.
+    // after its POST. `account` and `generation` are those of the comparison the user saw. Progress events
+    // carry "phase" = "post" and "state" "submitting", "complete" or "failed". Failures ("SubmissionLock",
+    // "ReceiptError", "AccountChanged", "ConnectionChanged" when the user reconnected since the check,
+    // "Excluded", "Duplicate", "Changed", "Assignments", "JiraError") are passed on to the caller after the
+    // "failed" event. A row any of whose sessions a receipt already covers (posted, or of unknown outcome) is
+    // refused as "Duplicate", whatever its marker. Receipts still "pending" whose worklog the last comparison
+    // found in Jira are recorded as "posted" first. Returns one record per posted worklog: {"marker", "issue",
+    // "id", "seconds", "source_keys"}.
+    QVariantList postDrafts(const QVariantList &drafts, const QString &cloud, const QString &account, qint64 generation,
+        Estimate estimate, const Progress &progress = {});
+    // The same, with the estimate preference as it is when the run starts.
     QVariantList postDrafts(const QVariantList &drafts, const QString &cloud, const QString &account, qint64 generation,
         const Progress &progress = {});
 
 private:
     QVariantList postRows(const QVariantList &rows, const QString &cloud, const QString &account, qint64 generation,
-        const Progress &report, qint64 &completed, QString &issue, QStringList &sourceKeys);
+        Estimate estimate, const Progress &report, qint64 &completed, QString &issue, QStringList &sourceKeys);
+    // Records as "posted" the pending receipts whose worklogs the last comparison found; saves when any changed.
+    bool settle(QVariantMap &receipts, const QString &cloud, const QString &account);
 
     JiraClient &m_client;
     QString m_directory;
     ReceiptStore m_store;
+    // Marker -> {"marker", "id", "issue", "cloud", "account"}: pending receipts whose worklog a comparison saw
+    // in Jira, waiting for the next post run (the ledger's only writer) to record them.
+    QHash<QString, QVariantMap> m_found;
 };

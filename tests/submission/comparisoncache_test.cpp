@@ -93,7 +93,9 @@ TEST_P(ComparisonCacheNotCurrent, AsksForARefreshAndIsNotPostable)
 }
 
 INSTANTIATE_TEST_SUITE_P(Outcomes, ComparisonCacheNotCurrent,
-    ::testing::Values(Staleness {"OlderThanFreshness", 301, false}, Staleness {"WithManualMatches", 10, true}),
+    ::testing::Values(Staleness {"OlderThanFreshness", 301, false}, Staleness {"WithManualMatches", 10, true},
+        // The clock was set back since the check: a stamp in the future is not current for ever.
+        Staleness {"StampedInTheFuture", -60, false}),
     [](const ::testing::TestParamInfo<Staleness> &param) { return std::string(param.param.name); });
 
 TEST(ComparisonCache, LeavesDraftsAloneWhenTheirInputsChangedOrTheyDoNotTakePart)
@@ -188,3 +190,19 @@ TEST_P(ComparisonCacheTrimming, RemovesTheOldestEntries)
 
 INSTANTIATE_TEST_SUITE_P(Sizes, ComparisonCacheTrimming,
     ::testing::Values(Trimming {1999, 2000}, Trimming {2000, 2000}, Trimming {2010, 2005}));
+
+TEST(ComparisonCache, TrimmingKeepsTheCheckJustMadeWhenTheClockWasSetBack)
+{
+    ComparisonCache cache(testenv::freshDir(QStringLiteral("cache")));
+    QVariantMap entries;
+    const double later = double(kNow.toSecsSinceEpoch()) + 3600.0;
+    for (int i = 0; i < ComparisonCache::kMaximumEntries; ++i)
+        entries.insert(QStringLiteral("c|a|old-%1").arg(i),
+            QVariantMap {{QStringLiteral("fingerprint"), QStringLiteral("f")}, {QStringLiteral("checked_at"), later}});
+    cache.write(entries);
+    cache.saveDrafts({checkedDraft(QStringLiteral("k1"))}, QStringLiteral("c"), QStringLiteral("a"), kNow);
+
+    const QVariantMap after = cache.entries();
+    EXPECT_EQ(after.size(), ComparisonCache::kMaximumEntries);
+    EXPECT_TRUE(after.contains(QStringLiteral("c|a|k1")));
+}

@@ -363,7 +363,8 @@ TEST_F(Post, AnotherAccountOrAReconnectSendsNothing)
 
     m_client->setGeneration(m_client->generation() + 1);
     outcome = post(rows, kAccount, m_client->generation() - 1);
-    EXPECT_TRUE(outcome.failure.isEmpty());
+    EXPECT_EQ(outcome.failure, QStringLiteral("ConnectionChanged: Jira connection changed. Check Jira again."));
+    EXPECT_EQ(states(outcome.events), QStringList {QStringLiteral("failed")});
     EXPECT_TRUE(outcome.posted.isEmpty());
 
     EXPECT_EQ(requestCount(QStringLiteral("GET"), QStringLiteral("/worklog$")), 0);

@@ -201,3 +201,39 @@ int ServiceFixture::expectJiraConsistentWithLedger(const QStringList &issues)
     }
     return int(byMarker.size());
 }
+
+int ServiceFixture::expectNoSessionOverposted(const QVariantList &sessions, const QStringList &issues)
+{
+    QHash<QString, qint64> tracked;
+    for (const QVariant &item : sessions) {
+        const QVariantMap record = item.toMap();
+        tracked.insert(JRSourceKey(record),
+            (record.value(QStringLiteral("end_ms")).toLongLong()
+                - record.value(QStringLiteral("start_ms")).toLongLong())
+                / 1000);
+    }
+    QHash<QString, qint64> inJira;
+    for (const QString &issue : issues)
+        for (const QVariant &worklog : jiraWorklogs(issue)) {
+            const QVariantMap sources = JRLogSources(worklog.toMap());
+            for (auto it = sources.constBegin(); it != sources.constEnd(); ++it)
+                inJira[it.key()] += it.value().toLongLong();
+        }
+    int broken = 0;
+    for (auto it = inJira.constBegin(); it != inJira.constEnd(); ++it) {
+        EXPECT_LE(it.value(), tracked.value(it.key()))
+            << "session " << qPrintable(it.key()) << " is in Jira " << it.value() << " s for "
+            << tracked.value(it.key()) << " s tracked";
+        broken += it.value() > tracked.value(it.key()) ? 1 : 0;
+    }
+    return broken;
+}
+
+QString ServiceFixture::createLate(const standin::ReceivedRequest &post)
+{
+    const QString issue = post.path.section(QLatin1Char('/'), -2, -2);
+    const QJsonObject body = QJsonDocument::fromJson(post.body).object();
+    return m_server.addWorklog({issue, kAccount, JRDate(body.value(QStringLiteral("started")).toString()),
+        qint64(body.value(QStringLiteral("timeSpentSeconds")).toDouble()),
+        body.value(QStringLiteral("comment")).toObject(), body.value(QStringLiteral("properties")).toArray(), {}, {}});
+}

@@ -57,6 +57,13 @@ protected:
     // and every receipt agrees with what Jira holds. Returns the number of marked worklogs.
     int expectJiraConsistentWithLedger(const QStringList &issues);
 
+    // The product's promise: per tracked session, the seconds that all marked worklogs in Jira attribute to it
+    // add up to no more than it tracked. Returns the number of sessions that break it.
+    int expectNoSessionOverposted(const QVariantList &sessions, const QStringList &issues);
+    // Jira creates, after the program gave up on it, the worklog of a POST it received (one that a dropped
+    // connection never handled). Returns the new worklog's id.
+    QString createLate(const standin::ReceivedRequest &post);
+
     standin::Server m_server;
     QString m_token;
     QString m_directory;
