@@ -7,6 +7,7 @@
 #include "platform/wakenotifier.h"
 #include "source/history.h"
 #include "source/logparser.h"
+#include "source/logreader.h"
 #include "source/trackerdb.h"
 #include "summary/timesummary.h"
 
@@ -35,7 +36,6 @@
 namespace
 {
 
-constexpr qint64 kMiB = 1'048'576;
 constexpr int kDebounceMs = 250;
 constexpr int kTickMs = 15'000;
 constexpr qint64 kStartWindowMs = 60'000;
@@ -48,6 +48,11 @@ QString text(const std::string &bytes)
     QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
     QString decoded = decoder.decode(QByteArrayView(bytes.data(), qsizetype(bytes.size())));
     return decoder.hasError() ? QStringLiteral("(invalid text)") : decoded;
+}
+
+QString retainedError(const QString &message)
+{
+    return QStringLiteral("Source unavailable: %1. Previously captured history is retained.").arg(message);
 }
 
 QString statusText(const QString &path)
@@ -106,11 +111,7 @@ quint64 digest(const tracker::Activity &a)
 // Everything the scan body owns; touched only on the monitor's queue.
 struct StintwatchMonitor::Reader {
     QMap<QString, QString> fingerprints;
-    qint64 logOffset = 0;
-    ino_t logInode = 0;
-    QByteArray partial;
-    bool logSeen = false;
-    bool skipToNewline = false; // the first bytes read belong to a cut or dropped line
+    LogReader log;
 
     // What history.db holds, as far as this monitor wrote it; reset when the file is not the one written.
     using Digests = std::unordered_map<int64_t, quint64>;
@@ -127,84 +128,41 @@ struct StintwatchMonitor::Reader {
     std::atomic<int> storeReads {0};
 
     ScanResult scan(const QString &folder, const QString &store, bool full, const QDateTime &now);
-    void readLog(const QString &folder, QString &error, QVariantList &events);
+    void readLog(const QString &folder, ScanResult &result);
 };
 
 struct StintwatchMonitor::ScanResult {
     QString error;
+    int malformedLines = 0; // log lines skipped because they could not be understood
     QVariantList events;
     QVariantList rows;
     QVariantList summaryRows;
     bool hasSummary = false;
 };
 
-void StintwatchMonitor::Reader::readLog(const QString &folder, QString &error, QVariantList &events)
+void StintwatchMonitor::Reader::readLog(const QString &folder, ScanResult &result)
 {
-    const QByteArray path = QFile::encodeName(folder + QStringLiteral("/application.log"));
-    struct stat status {
-    };
-    if (::stat(path.constData(), &status) != 0) {
-        error = kLogUnavailable;
+    const LogReader::Result read = log.read(folder + QStringLiteral("/application.log"));
+    if (!read.available) {
+        result.error = kLogUnavailable;
         return;
     }
-    bool historical = false;
-    if (!logSeen || status.st_ino != logInode || status.st_size < logOffset) {
-        // A new, replaced or truncated log: only its last MiB is read, and what it says is history.
-        logOffset = std::max<qint64>(status.st_size, kMiB) - kMiB;
-        partial.clear();
-        logInode = status.st_ino;
-        skipToNewline = logOffset > 0;
-        historical = true;
-    }
-
-    const int fd = ::open(path.constData(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        throw std::runtime_error("Cannot read Stintwatch log");
-    QByteArray data;
-    char buffer[65536];
-    for (;;) {
-        const ssize_t got = ::pread(fd, buffer, sizeof buffer, logOffset + data.size());
-        if (got < 0) {
-            ::close(fd);
-            throw std::runtime_error("Cannot read Stintwatch log");
-        }
-        if (got == 0)
-            break;
-        data.append(buffer, got);
-    }
-    ::close(fd);
-    logOffset += data.size();
-
-    qsizetype begin = 0;
-    if (skipToNewline) {
-        const qsizetype newline = data.indexOf('\n');
-        begin = newline < 0 ? data.size() : newline + 1;
-        skipToNewline = newline < 0;
-    }
-    partial.append(data.constData() + begin, data.size() - begin);
-
-    qsizetype lineStart = 0;
-    for (qsizetype newline; (newline = partial.indexOf('\n', lineStart)) >= 0; lineStart = newline + 1) {
-        const tracker::Event event
-            = tracker::parseEvent(std::string(partial.constData() + lineStart, size_t(newline - lineStart)));
-        if (event.kind == 0)
-            continue;
-        events.append(QVariantMap {
+    for (const LogReader::Entry &entry : read.events) {
+        const tracker::Event &event = entry.event;
+        result.events.append(QVariantMap {
             {QStringLiteral("kind"), uint(event.kind)},
             {QStringLiteral("timestamp"), text(event.timestamp)},
             {QStringLiteral("project"), qint64(event.project)},
             {QStringLiteral("activity"), qint64(event.activity)},
             {QStringLiteral("description"), text(event.description)},
-            {QStringLiteral("historical"), historical},
+            {QStringLiteral("historical"), entry.historical},
         });
     }
-    partial.remove(0, lineStart);
-    if (partial.size() > kMiB) {
-        // A line this long is not the tracker's; it is dropped up to its end so reading never stalls.
-        partial.clear();
-        skipToNewline = true;
+    if (read.malformed > 0) {
+        // The lines are already behind the offset: this scan reports them once, the next one goes on.
+        result.malformedLines = read.malformed;
+        result.error = retainedError(QString::fromStdString(read.malformedReason));
     }
-    logSeen = true;
 }
 
 StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
@@ -213,10 +171,9 @@ StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
     ScanResult result;
     const QString historyPath = store + QStringLiteral("/history.db");
     try {
-        readLog(folder, result.error, result.events);
+        readLog(folder, result);
     } catch (const std::exception &failure) {
-        result.error = QStringLiteral("Source unavailable: %1. Previously captured history is retained.")
-                           .arg(QString::fromUtf8(failure.what()));
+        result.error = retainedError(QString::fromUtf8(failure.what()));
         result.events.clear();
         return result;
     }
@@ -323,8 +280,7 @@ StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
         result.hasSummary = true;
     } catch (const std::exception &failure) {
         readStore.clear();
-        result.error = QStringLiteral("Source unavailable: %1. Previously captured history is retained.")
-                           .arg(QString::fromUtf8(failure.what()));
+        result.error = retainedError(QString::fromUtf8(failure.what()));
         result.rows.clear();
     }
 
@@ -549,9 +505,14 @@ void StintwatchMonitor::publish(const ScanResult &result)
     // A launch or quit is only noticed here, after the fact; it is applied before the scan's events because
     // the tracker logged them after it started (a tracker that resumes tracking at launch is live at once).
     checkTrackerProcess();
-    if (m_error.isEmpty() != result.error.isEmpty())
+    // Skipped log lines are counted even while another problem is already shown; their content never is.
+    QVariantMap values;
+    if (result.malformedLines > 0)
+        values.insert(QStringLiteral("count"), result.malformedLines);
+    if (m_error.isEmpty() != result.error.isEmpty() || !values.isEmpty())
         DiagnosticLog::shared().record(
-            result.error.isEmpty() ? QStringLiteral("tracking_recovered") : QStringLiteral("tracking_unavailable"));
+            result.error.isEmpty() ? QStringLiteral("tracking_recovered") : QStringLiteral("tracking_unavailable"),
+            values);
     m_error = result.error;
     if (result.hasSummary)
         m_summaryRows = result.summaryRows;

@@ -271,6 +271,37 @@ TEST_F(MonitorTest, OverlongUnterminatedLineIsDroppedWithoutStalling)
     EXPECT_FALSE(journal().contains("\"project\":98"));
 }
 
+// A line the parser cannot convert fails one scan and is never read again: the lines after it, the tracker's
+// database and later scans go on. The diagnostic log counts it without its content.
+TEST_F(MonitorTest, MalformedLogLineFailsOneScanAndCaptureGoesOn)
+{
+    DiagnosticLog::setEnabled(true);
+    const QByteArray before = trackertest::fileBytes(DiagnosticLog::shared().path(0));
+    startMonitor(true);
+    ASSERT_TRUE(afterChange([&] {
+        m_sim->logLine(QStringLiteral("Info"), QStringLiteral("Tracking started (project id: 99999999999999999999)"));
+        m_sim->logLine(QStringLiteral("Info"), QStringLiteral("Tracking stopped (project id: 5)"));
+    }));
+    EXPECT_EQ(m_monitor->error(),
+        QStringLiteral("Source unavailable: number in log line does not fit in 64 bits. Previously captured "
+                       "history is retained."));
+    EXPECT_EQ(m_monitor->lastKind(), 2);
+    EXPECT_EQ(m_monitor->project(), 5);
+
+    ASSERT_TRUE(afterChange([&] { m_sim->start(42, QStringLiteral("ENG-4 After the bad line")); }));
+    ASSERT_TRUE(testenv::waitFor([&] { return m_monitor->rows().size() == 1; }));
+    EXPECT_TRUE(m_monitor->error().isEmpty()) << m_monitor->error().toStdString();
+    EXPECT_EQ(m_monitor->lastKind(), 1);
+    EXPECT_EQ(m_monitor->project(), 42);
+    EXPECT_TRUE(m_monitor->liveObserved());
+
+    const QByteArray recorded = trackertest::fileBytes(DiagnosticLog::shared().path(0)).mid(before.size());
+    EXPECT_EQ(recorded.count("\"event\":\"tracking_unavailable\""), 1) << recorded.constData();
+    EXPECT_TRUE(recorded.contains("\"count\":1")) << recorded.constData();
+    EXPECT_FALSE(recorded.contains("9999"));
+    EXPECT_EQ(recorded.count("tracking_recovered"), 1);
+}
+
 TEST_F(MonitorTest, UnreadableSourcesKeepTheRetainedRowsWithTheirStatus)
 {
     DiagnosticLog::setEnabled(true);
