@@ -2,6 +2,7 @@
 
 #include "diagnostics/diagnosticlog.h"
 #include "platform/appidentity.h"
+#include "platform/clock.h"
 #include "platform/processlookup.h"
 #include "platform/serialqueue.h"
 #include "platform/wakenotifier.h"
@@ -38,6 +39,8 @@ namespace
 
 constexpr int kDebounceMs = 250;
 constexpr int kTickMs = 15'000;
+// A timer may fire a little early; a tick that comes this much before the interval is up still scans.
+constexpr qint64 kTickToleranceMs = 1'000;
 constexpr qint64 kStartWindowMs = 60'000;
 constexpr qint64 kHeartbeatWindowMs = 90'000;
 
@@ -315,6 +318,7 @@ StintwatchMonitor::StintwatchMonitor(const QString &source, const QString &store
     connect(m_watcher, &QFileSystemWatcher::fileChanged, this, &StintwatchMonitor::watchedPathChanged);
     connect(m_watcher, &QFileSystemWatcher::directoryChanged, this, &StintwatchMonitor::watchedPathChanged);
     m_timer->setInterval(kTickMs);
+    m_timer->setTimerType(Qt::PreciseTimer);
     connect(m_timer, &QTimer::timeout, this, &StintwatchMonitor::tick);
 }
 
@@ -325,9 +329,14 @@ StintwatchMonitor::~StintwatchMonitor()
     m_queue.reset();
 }
 
-void StintwatchMonitor::setClock(Clock clock)
+void StintwatchMonitor::setClock(const Clock *clock)
 {
-    m_clock = std::move(clock);
+    m_clock = clock;
+}
+
+const Clock &StintwatchMonitor::clock() const
+{
+    return m_clock ? *m_clock : Clock::shared();
 }
 
 void StintwatchMonitor::setRunningCheck(std::function<bool()> running)
@@ -338,7 +347,7 @@ void StintwatchMonitor::setRunningCheck(std::function<bool()> running)
 
 QDateTime StintwatchMonitor::now() const
 {
-    return m_clock ? m_clock() : QDateTime::currentDateTime();
+    return clock().wallNow();
 }
 
 bool StintwatchMonitor::stintwatchRunning() const
@@ -448,8 +457,9 @@ void StintwatchMonitor::scheduleScan()
 
 void StintwatchMonitor::tick()
 {
-    const QDateTime current = now();
-    if (!m_lastFallback.isValid() || m_lastFallback.msecsTo(current) >= kTickMs) {
+    // Measured on the monotonic clock: setting the wall clock back or forward neither stops nor floods scanning.
+    const qint64 current = clock().monotonicMs();
+    if (!m_lastFallback || current - *m_lastFallback >= kTickMs - kTickToleranceMs) {
         m_lastFallback = current;
         installWatchers();
         scan(false);

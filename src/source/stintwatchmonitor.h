@@ -9,7 +9,9 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 
+class Clock;
 class QFileSystemWatcher;
 class QTimer;
 class SerialQueue;
@@ -23,8 +25,6 @@ class StintwatchMonitor : public QObject
 {
     Q_OBJECT
 public:
-    using Clock = std::function<QDateTime()>;
-
     StintwatchMonitor(const QString &source, const QString &store, QObject *parent = nullptr);
     ~StintwatchMonitor() override;
 
@@ -50,8 +50,9 @@ public:
     const std::function<void()> &onChange() const { return m_onChange; }
     void notifyChange();
 
-    // The instant the live-state windows are measured against; the system clock unless set.
-    void setClock(Clock clock);
+    // The clock for the live-state windows (wall time, compared with the log's timestamps) and for the
+    // fallback interval (monotonic time). Not owned; nullptr, the default, means Clock::shared().
+    void setClock(const Clock *clock);
     // How the tracker's process is looked up; /proc by executable name unless set.
     void setRunningCheck(std::function<bool()> running);
     // Scans published so far, and whether one is running: for tests and measurements.
@@ -81,6 +82,7 @@ private:
     void publish(const ScanResult &result);
     bool checkTrackerProcess(); // whether the tracker runs
     QDateTime now() const;
+    const Clock &clock() const;
 
     QVariantList m_rows;
     QVariantList m_summaryRows;
@@ -102,9 +104,9 @@ private:
     QHash<QString, QString> m_watchStatus; // status of each watched path when last seen
     QTimer *m_timer = nullptr;
     WakeNotifier *m_wake = nullptr;
-    QDateTime m_lastFallback;
+    std::optional<qint64> m_lastFallback; // monotonic ms of the last timer-driven rescan
     std::function<void()> m_onChange;
-    Clock m_clock;
+    const Clock *m_clock = nullptr;
     std::function<bool()> m_running;
     int m_trackerSeen = -1; // -1 unknown, else whether the tracker ran at the last look
     int m_scanCount = 0;

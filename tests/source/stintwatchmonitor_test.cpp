@@ -1,6 +1,7 @@
 #include "source/stintwatchmonitor.h"
 
 #include "diagnostics/diagnosticlog.h"
+#include "platform/clock.h"
 #include "simtracker.h"
 #include "source/logparser.h"
 #include "source/taskswitchobserver.h"
@@ -32,7 +33,8 @@ protected:
         m_folder = testenv::freshDir(QStringLiteral("tracker"));
         m_store = testenv::freshDir(QStringLiteral("store"));
         m_sim = std::make_unique<SimTracker>(m_folder);
-        m_sim->setClock([this] { return m_fixed ? m_now.addSecs(m_logAge) : QDateTime::currentDateTime(); });
+        m_sim->setClock(
+            [this] { return m_fixed ? m_clock.wallNow().addSecs(m_logAge) : QDateTime::currentDateTime(); });
         m_sim->create();
     }
 
@@ -40,10 +42,10 @@ protected:
     void startMonitor(bool fixedClock)
     {
         m_fixed = fixedClock;
-        m_now = QDateTime::currentDateTime();
+        m_clock.setWall(QDateTime::currentDateTime());
         m_monitor = std::make_unique<StintwatchMonitor>(m_folder, m_store);
         if (fixedClock)
-            m_monitor->setClock([this] { return m_now; });
+            m_monitor->setClock(&m_clock);
         m_monitor->setRunningCheck([this] { return m_running; });
         m_monitor->start();
         ASSERT_TRUE(waitIdle(1));
@@ -76,7 +78,7 @@ protected:
     std::unique_ptr<StintwatchMonitor> m_monitor;
     bool m_fixed = false;
     bool m_running = true;
-    QDateTime m_now;
+    TestClock m_clock;
     int m_logAge = 0; // seconds added to the monitor's clock for what the tracker writes
 };
 
@@ -395,7 +397,7 @@ TEST_F(MonitorTest, TickWakeAndTrackerQuitClearTheLiveState)
     const int sourceReads = m_monitor->sourceReads();
     const int storeReads = m_monitor->storeReads();
     scans = m_monitor->scanCount();
-    m_now = m_now.addSecs(20);
+    m_clock.advance(20'000);
     m_monitor->tick();
     ASSERT_TRUE(waitIdle(scans + 1));
     EXPECT_EQ(m_monitor->sourceReads(), sourceReads);
@@ -406,11 +408,51 @@ TEST_F(MonitorTest, TickWakeAndTrackerQuitClearTheLiveState)
 
     // Within fifteen seconds of the last fallback a tick does not scan again.
     scans = m_monitor->scanCount();
-    m_now = m_now.addSecs(10);
+    m_clock.advance(10'000);
     m_monitor->tick();
     testenv::waitFor([] { return false; }, 100);
     EXPECT_EQ(m_monitor->scanCount(), scans);
 }
+
+struct TickCase {
+    const char *name;
+    qint64 monotonicMs; // time that really passed since the last fallback scan
+    qint64 wallMs; // how far the wall clock moved meanwhile
+    bool scans;
+};
+
+class MonitorTickTest : public MonitorTest, public ::testing::WithParamInterface<TickCase>
+{
+};
+
+// The fallback interval is real elapsed time: a timer firing a little early still scans, and setting the
+// clock back or forward neither stops nor floods scanning.
+TEST_P(MonitorTickTest, FallbackScanFollowsElapsedTimeNotTheWallClock)
+{
+    const TickCase c = GetParam();
+    startMonitor(true);
+    int scans = m_monitor->scanCount();
+    m_monitor->tick();
+    ASSERT_TRUE(waitIdle(scans + 1)) << "the first tick always scans";
+
+    for (int round = 0; round < 3; ++round) {
+        scans = m_monitor->scanCount();
+        m_clock.advanceMonotonic(c.monotonicMs);
+        m_clock.advanceWall(c.wallMs);
+        m_monitor->tick();
+        if (c.scans) {
+            ASSERT_TRUE(waitIdle(scans + 1)) << c.name << " round " << round;
+        } else {
+            testenv::waitFor([] { return false; }, 100);
+            EXPECT_EQ(m_monitor->scanCount(), scans) << c.name << " round " << round;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Intervals, MonitorTickTest,
+    ::testing::Values(TickCase {"tick a little early", 14'990, 14'990, true},
+        TickCase {"clock set back an hour", 15'000, 15'000 - 3'600'000, true},
+        TickCase {"clock set forward an hour", 4'000, 3'600'000, false}));
 
 // A launch is only seen when a scan finds the process; what the tracker logged right after starting must not
 // be thrown away by that late notice.
@@ -477,7 +519,8 @@ TEST_F(MonitorTest, SessionRecordsAndSummaryRowsAreBuiltFromTheStore)
     startMonitor(true);
     const std::string db = QFile::encodeName(m_sim->databasePath()).toStdString();
     const qint64 since
-        = std::min(TimeSummary::summaryStart(m_now, 1), TimeSummary::summaryStart(m_now, 2)).toMSecsSinceEpoch();
+        = std::min(TimeSummary::summaryStart(m_clock.wallNow(), 1), TimeSummary::summaryStart(m_clock.wallNow(), 2))
+              .toMSecsSinceEpoch();
     const qint64 old = QDateTime(QDate(2024, 3, 5), QTime(19, 8, 9)).toMSecsSinceEpoch();
     const qint64 recent = since + 60'000;
     ASSERT_TRUE(afterChange([&] {
@@ -520,7 +563,7 @@ TEST_F(MonitorTest, HeartbeatTakesTheActiveRecordItExtends)
 {
     startMonitor(true);
     const std::string db = QFile::encodeName(m_sim->databasePath()).toStdString();
-    const qint64 nowMs = m_now.toMSecsSinceEpoch();
+    const qint64 nowMs = m_clock.wallMs();
     const qint64 begun = nowMs - 600'000;
     m_logAge = -600;
     ASSERT_TRUE(afterChange([&] {
