@@ -379,6 +379,7 @@ void StintwatchMonitor::notifyChange()
 
 void StintwatchMonitor::start()
 {
+    m_stopped = false;
     installWatchers();
     scan(true);
     m_timer->start();
@@ -391,6 +392,12 @@ void StintwatchMonitor::start()
 
 void StintwatchMonitor::stop()
 {
+    // Until the next start nothing watches or scans again: not a scan in flight when it ends, not its
+    // follow-up, not a debounced file event.
+    m_stopped = true;
+    m_pending = false;
+    m_forcePending = false;
+    m_reinstallPending = false;
     m_timer->stop();
     delete m_wake;
     m_wake = nullptr;
@@ -402,12 +409,16 @@ void StintwatchMonitor::stop()
 
 void StintwatchMonitor::refresh()
 {
+    if (m_stopped)
+        return;
     installWatchers();
     scan(true);
 }
 
 void StintwatchMonitor::installWatchers()
 {
+    if (m_stopped)
+        return;
     const QStringList watched = watchedPaths();
     if (!watched.isEmpty())
         m_watcher->removePaths(watched);
@@ -457,6 +468,8 @@ void StintwatchMonitor::scheduleScan()
 
 void StintwatchMonitor::tick()
 {
+    if (m_stopped)
+        return;
     // Measured on the monotonic clock: setting the wall clock back or forward neither stops nor floods scanning.
     const qint64 current = clock().monotonicMs();
     if (!m_lastFallback || current - *m_lastFallback >= kTickMs - kTickToleranceMs) {
@@ -471,6 +484,8 @@ void StintwatchMonitor::tick()
 
 void StintwatchMonitor::wake()
 {
+    if (m_stopped)
+        return;
     m_liveObserved = false;
     installWatchers();
     scan(true);
@@ -478,6 +493,8 @@ void StintwatchMonitor::wake()
 
 void StintwatchMonitor::processChanged()
 {
+    if (m_stopped)
+        return;
     m_liveObserved = false;
     installWatchers();
     scan(true);
@@ -497,6 +514,8 @@ bool StintwatchMonitor::checkTrackerProcess()
 
 void StintwatchMonitor::scan(bool full)
 {
+    if (m_stopped)
+        return;
     if (m_busy) {
         m_pending = true;
         m_forcePending = m_forcePending || full;
@@ -512,6 +531,9 @@ void StintwatchMonitor::scan(bool full)
 
 void StintwatchMonitor::publish(const ScanResult &result)
 {
+    m_busy = false;
+    if (m_stopped)
+        return; // stopped while the scan ran: its result and everything it would start are dropped
     // A launch or quit is only noticed here, after the fact; it is applied before the scan's events because
     // the tracker logged them after it started (a tracker that resumes tracking at launch is live at once).
     checkTrackerProcess();
@@ -568,7 +590,6 @@ void StintwatchMonitor::publish(const ScanResult &result)
     if (m_currentDescription.isEmpty() && !m_rows.isEmpty())
         m_currentDescription = m_rows.first().toMap().value(QStringLiteral("description")).toString();
 
-    m_busy = false;
     ++m_scanCount;
     notifyChange();
     if (m_pending) {

@@ -29,6 +29,8 @@ public:
     ~StintwatchMonitor() override;
 
     void start();
+    // Stops watching and scanning until the next start(); a scan already running is finished but its result is
+    // dropped. While stopped, refresh(), scan(), tick(), wake() and processChanged() do nothing.
     void stop();
     // Watches again and scans everything, after the user picked another folder.
     void refresh();
@@ -95,6 +97,7 @@ private:
     qint64 m_project = 0;
     int m_lastKind = 0;
     bool m_liveObserved = false;
+    bool m_stopped = false; // stop() was called and start() not since
     bool m_busy = false;
     bool m_pending = false;
     bool m_forcePending = false;

@@ -454,6 +454,32 @@ INSTANTIATE_TEST_SUITE_P(Intervals, MonitorTickTest,
         TickCase {"clock set back an hour", 15'000, 15'000 - 3'600'000, true},
         TickCase {"clock set forward an hour", 4'000, 3'600'000, false}));
 
+// The end of a scan that was running when the monitor stopped would notice the tracker quit (reinstalling
+// the watchers and scanning again) and run a waiting follow-up: stop wins over both.
+TEST_F(MonitorTest, StopWinsOverAScanInFlight)
+{
+    startMonitor(true);
+    m_running = false;
+    m_monitor->scan(true);
+    m_monitor->scan(false);
+    ASSERT_TRUE(m_monitor->isBusy());
+    m_monitor->stop();
+    EXPECT_TRUE(m_monitor->watchedPaths().isEmpty());
+
+    ASSERT_TRUE(testenv::waitFor([&] { return !m_monitor->isBusy(); }));
+    const int scans = m_monitor->scanCount();
+    m_sim->noise(1);
+    testenv::waitFor([] { return false; }, 400);
+    EXPECT_TRUE(m_monitor->watchedPaths().isEmpty());
+    EXPECT_FALSE(m_monitor->isBusy());
+    EXPECT_EQ(m_monitor->scanCount(), scans);
+
+    // Started again, it watches and scans as before.
+    m_monitor->start();
+    ASSERT_TRUE(waitIdle(scans + 1));
+    EXPECT_FALSE(m_monitor->watchedPaths().isEmpty());
+}
+
 // A launch is only seen when a scan finds the process; what the tracker logged right after starting must not
 // be thrown away by that late notice.
 TEST_F(MonitorTest, TrackerThatStartsTrackingAsItLaunchesIsLive)
