@@ -13,6 +13,7 @@
 #include "summary/timesummary.h"
 
 #include <QFile>
+#include <QFileInfo>
 #include <QFileSystemWatcher>
 #include <QHash>
 #include <QJsonDocument>
@@ -30,6 +31,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <exception>
 #include <string_view>
 #include <unordered_map>
@@ -131,12 +133,16 @@ struct StintwatchMonitor::Reader {
     std::atomic<int> storeReads {0};
 
     ScanResult scan(const QString &folder, const QString &store, bool full, const QDateTime &now);
+    bool readStores(const QString &folder, const QString &historyPath, bool full, const QDateTime &now,
+        ScanResult &result, std::vector<tracker::Activity> &activities, int &damage);
+    QString setAside(const QString &historyPath, const QDateTime &now);
     void readLog(const QString &folder, ScanResult &result);
 };
 
 struct StintwatchMonitor::ScanResult {
     QString error;
     int malformedLines = 0; // log lines skipped because they could not be understood
+    int storeDamage = 0; // SQLite's code for the damaged store that this scan set aside
     QVariantList events;
     QVariantList rows;
     QVariantList summaryRows;
@@ -168,19 +174,12 @@ void StintwatchMonitor::Reader::readLog(const QString &folder, ScanResult &resul
     }
 }
 
-StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
-    const QString &folder, const QString &store, bool full, const QDateTime &now)
+// Reads the tracker's database into the store when it changed, then the rows and summary from the store.
+// False when the store failed; `damaged` then tells whether SQLite found the file damaged.
+bool StintwatchMonitor::Reader::readStores(const QString &folder, const QString &historyPath, bool full,
+    const QDateTime &now, ScanResult &result, std::vector<tracker::Activity> &activities, int &damage)
 {
-    ScanResult result;
-    const QString historyPath = store + QStringLiteral("/history.db");
-    try {
-        readLog(folder, result);
-    } catch (const std::exception &failure) {
-        result.error = retainedError(QString::fromUtf8(failure.what()));
-        result.events.clear();
-        return result;
-    }
-
+    bool storeFailed = false;
     QMap<QString, QString> prints;
     for (const QString &name : {QStringLiteral("Stintwatch.db"), QStringLiteral("Stintwatch.db-wal")})
         prints.insert(name, statusText(folder + u'/' + name));
@@ -194,12 +193,13 @@ StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
         indexed = false;
     }
 
-    std::vector<tracker::Activity> activities;
     if (full || prints != fingerprints) {
+        bool sourceRead = false;
         try {
             ++sourceReads;
             activities
                 = tracker::readActivities(QFile::encodeName(folder + QStringLiteral("/Stintwatch.db")).toStdString());
+            sourceRead = true;
             std::vector<tracker::Activity> changed;
             std::vector<std::pair<Digests *, std::pair<int64_t, quint64>>> digests;
             Digests *table = nullptr;
@@ -232,27 +232,10 @@ StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
             savedStore = statusText(historyPath);
             fingerprints = prints;
         } catch (const std::exception &failure) {
+            storeFailed = sourceRead;
             result.error = QStringLiteral("Source unavailable: %1. Showing retained history.")
                                .arg(QString::fromUtf8(failure.what()));
         }
-    }
-
-    for (QVariant &item : result.events) {
-        QVariantMap event = item.toMap();
-        if (event.value(QStringLiteral("kind")).toUInt() != 4)
-            continue;
-        const int64_t id = event.value(QStringLiteral("activity")).toLongLong();
-        const tracker::Activity *best = nullptr;
-        for (const tracker::Activity &activity : activities) {
-            if (activity.id == id && activity.active != 0 && (!best || activity.changed_ms > best->changed_ms))
-                best = &activity;
-        }
-        if (!best)
-            continue;
-        event.insert(QStringLiteral("activity_start_ms"), qint64(best->start_ms));
-        event.insert(QStringLiteral("activity_project"), qint64(best->project));
-        event.insert(QStringLiteral("activity_description"), text(best->description));
-        item = event;
     }
 
     try {
@@ -282,9 +265,100 @@ StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
         result.summaryRows = readSummary;
         result.hasSummary = true;
     } catch (const std::exception &failure) {
+        storeFailed = true;
         readStore.clear();
         result.error = retainedError(QString::fromUtf8(failure.what()));
         result.rows.clear();
+    }
+
+    damage = storeFailed ? tracker::damage(QFile::encodeName(historyPath).toStdString()) : 0;
+    return !storeFailed;
+}
+
+// Moves the damaged store and its journal files to "history.db.damaged-<date>" (numbered when that day's
+// name is taken) and forgets what this reader knew of it. Returns the new path, or empty when it could not.
+QString StintwatchMonitor::Reader::setAside(const QString &historyPath, const QDateTime &now)
+{
+    const QString base = historyPath + QStringLiteral(".damaged-") + now.toString(QStringLiteral("yyyy-MM-dd"));
+    QString aside = base;
+    for (int n = 2; QFileInfo::exists(aside) || QFileInfo::exists(aside + QStringLiteral("-journal"))
+         || QFileInfo::exists(aside + QStringLiteral("-wal"));
+         ++n)
+        aside = base + u'-' + QString::number(n);
+    if (::rename(QFile::encodeName(historyPath).constData(), QFile::encodeName(aside).constData()) != 0)
+        return {};
+    // A journal left beside a fresh store would be applied to it: it goes with the file it belongs to.
+    for (const QString &suffix : {QStringLiteral("-journal"), QStringLiteral("-wal"), QStringLiteral("-shm")}) {
+        if (QFileInfo::exists(historyPath + suffix))
+            ::rename(
+                QFile::encodeName(historyPath + suffix).constData(), QFile::encodeName(aside + suffix).constData());
+    }
+    saved.clear();
+    savedStore.clear();
+    indexed = false;
+    fingerprints.clear();
+    readStore.clear();
+    return aside;
+}
+
+StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
+    const QString &folder, const QString &store, bool full, const QDateTime &now)
+{
+    ScanResult result;
+    const QString historyPath = store + QStringLiteral("/history.db");
+    try {
+        readLog(folder, result);
+    } catch (const std::exception &failure) {
+        result.error = retainedError(QString::fromUtf8(failure.what()));
+        result.events.clear();
+        return result;
+    }
+
+    std::vector<tracker::Activity> activities;
+    const QString logError = result.error;
+    int damage = 0;
+    if (!readStores(folder, historyPath, full, now, result, activities, damage) && damage != 0) {
+        // Everything the store held came from the tracker's database: set the damaged file aside (never
+        // deleted) and rebuild a fresh store from the tracker at once.
+        const QString aside = setAside(historyPath, now);
+        if (!aside.isEmpty()) {
+            result.storeDamage = damage;
+            result.error = logError;
+            activities.clear();
+            int again = 0;
+            if (readStores(folder, historyPath, true, now, result, activities, again) && result.error.isEmpty())
+                result.error = QStringLiteral("History store was damaged and has been set aside as %1. It was "
+                                              "rebuilt from Stintwatch's database.")
+                                   .arg(QFileInfo(aside).fileName());
+        }
+    }
+
+    // Each heartbeat names the activity it extends: the active one with that id that changed last (the first
+    // in reading order on a tie). One pass builds the index, so a log full of heartbeats stays linear.
+    std::unordered_map<int64_t, const tracker::Activity *> extended;
+    const auto isHeartbeat
+        = [](const QVariant &item) { return item.toMap().value(QStringLiteral("kind")).toUInt() == 4; };
+    if (std::any_of(result.events.cbegin(), result.events.cend(), isHeartbeat)) {
+        for (const tracker::Activity &activity : activities) {
+            if (activity.active == 0)
+                continue;
+            auto [slot, inserted] = extended.try_emplace(activity.id, &activity);
+            if (!inserted && activity.changed_ms > slot->second->changed_ms)
+                slot->second = &activity;
+        }
+    }
+    for (QVariant &item : result.events) {
+        if (!isHeartbeat(item))
+            continue;
+        const auto found = extended.find(item.toMap().value(QStringLiteral("activity")).toLongLong());
+        if (found == extended.end())
+            continue;
+        const tracker::Activity *best = found->second;
+        QVariantMap event = item.toMap();
+        event.insert(QStringLiteral("activity_start_ms"), qint64(best->start_ms));
+        event.insert(QStringLiteral("activity_project"), qint64(best->project));
+        event.insert(QStringLiteral("activity_description"), text(best->description));
+        item = event;
     }
 
     QByteArray journal;
@@ -541,6 +615,8 @@ void StintwatchMonitor::publish(const ScanResult &result)
     QVariantMap values;
     if (result.malformedLines > 0)
         values.insert(QStringLiteral("count"), result.malformedLines);
+    if (result.storeDamage != 0)
+        values.insert(QStringLiteral("error_code"), result.storeDamage);
     if (m_error.isEmpty() != result.error.isEmpty() || !values.isEmpty())
         DiagnosticLog::shared().record(
             result.error.isEmpty() ? QStringLiteral("tracking_recovered") : QStringLiteral("tracking_unavailable"),

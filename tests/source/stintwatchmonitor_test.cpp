@@ -3,8 +3,10 @@
 #include "diagnostics/diagnosticlog.h"
 #include "platform/clock.h"
 #include "simtracker.h"
+#include "source/history.h"
 #include "source/logparser.h"
 #include "source/taskswitchobserver.h"
+#include "source/trackerdb.h"
 #include "summary/timesummary.h"
 #include "support/testenv.h"
 #include "trackerfixture.h"
@@ -359,6 +361,55 @@ TEST_F(MonitorTest, UnreadableSourcesKeepTheRetainedRowsWithTheirStatus)
     EXPECT_EQ(recorded.count("tracking_unavailable"), 4);
     EXPECT_EQ(recorded.count("tracking_recovered"), 3);
 }
+
+class MonitorDamagedStoreTest : public MonitorTest, public ::testing::WithParamInterface<bool>
+{
+};
+
+// Everything in the store came from the tracker's database: a damaged store is set aside (kept), rebuilt at
+// once, and the status and the diagnostic log say so once. Garbage is "not a database"; a store whose table
+// pages were overwritten is "malformed".
+TEST_P(MonitorDamagedStoreTest, DamagedStoreIsSetAsideAndRebuiltFromTheTracker)
+{
+    const bool garbage = GetParam();
+    DiagnosticLog::setEnabled(true);
+    const QByteArray before = trackertest::fileBytes(DiagnosticLog::shared().path(0));
+    m_sim->generateHistory(300, 1);
+    const QString history = m_store + QStringLiteral("/history.db");
+    if (!garbage) {
+        tracker::saveActivities(QFile::encodeName(history).toStdString(),
+            tracker::readActivities(QFile::encodeName(m_sim->databasePath()).toStdString()));
+    }
+    {
+        QFile file(history);
+        ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+        const qint64 size = std::max<qint64>(file.size(), 65536);
+        if (!garbage)
+            file.seek(4096); // keep the header and the schema page
+        file.write(QByteArray(size - file.pos(), 'x'));
+    }
+    const QByteArray damaged = trackertest::fileBytes(history);
+
+    startMonitor(true);
+    const QString aside = QStringLiteral("history.db.damaged-") + m_clock.wallNow().toString(u"yyyy-MM-dd");
+    EXPECT_EQ(m_monitor->error(),
+        QStringLiteral("History store was damaged and has been set aside as %1. It was rebuilt from "
+                       "Stintwatch's database.")
+            .arg(aside));
+    EXPECT_EQ(m_monitor->rows().size(), 300);
+    EXPECT_EQ(trackertest::fileBytes(m_store + u'/' + aside), damaged) << "the damaged file is kept as it was";
+
+    ASSERT_TRUE(afterChange([&] { m_sim->noise(1); }));
+    EXPECT_TRUE(m_monitor->error().isEmpty()) << m_monitor->error().toStdString();
+    EXPECT_EQ(m_monitor->rows().size(), 300);
+
+    const QByteArray recorded = trackertest::fileBytes(DiagnosticLog::shared().path(0)).mid(before.size());
+    EXPECT_EQ(recorded.count("tracking_unavailable"), 1) << recorded.constData();
+    EXPECT_TRUE(recorded.contains(garbage ? "\"error_code\":26" : "\"error_code\":11")) << recorded.constData();
+    EXPECT_EQ(recorded.count("tracking_recovered"), 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Damage, MonitorDamagedStoreTest, ::testing::Bool());
 
 TEST_F(MonitorTest, ReplacedDatabaseIsPickedUp)
 {
