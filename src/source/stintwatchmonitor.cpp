@@ -50,6 +50,8 @@ const QString kLogUnavailable = QStringLiteral("Stintwatch log unavailable. Live
 
 QString text(const std::string &bytes)
 {
+    if (std::all_of(bytes.begin(), bytes.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; }))
+        return QString::fromLatin1(bytes.data(), qsizetype(bytes.size()));
     QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
     QString decoded = decoder.decode(QByteArrayView(bytes.data(), qsizetype(bytes.size())));
     return decoder.hasError() ? QStringLiteral("(invalid text)") : decoded;
@@ -111,6 +113,44 @@ quint64 digest(const tracker::Activity &a)
     return h;
 }
 
+// The instant of a log timestamp in ms since 1970, or -1 when it does not parse. Heartbeats come by the
+// thousand within one hour of text: the local time of the hour's start is worked out once and the minutes,
+// seconds and milliseconds added to it, which is what a full conversion gives within one hour.
+class EventClock
+{
+public:
+    qint64 msecs(const QString &timestamp)
+    {
+        if (timestamp.size() == 23 && !m_hour.isEmpty() && QStringView(timestamp).left(13) == m_hour) {
+            const auto digit = [&](int at) { return timestamp.at(at).unicode() - u'0'; };
+            bool digits = timestamp.at(13) == u':' && timestamp.at(16) == u':' && timestamp.at(19) == u'.';
+            for (const int at : {14, 15, 17, 18, 20, 21, 22})
+                digits = digits && digit(at) >= 0 && digit(at) <= 9;
+            const int minute = digit(14) * 10 + digit(15), second = digit(17) * 10 + digit(18);
+            if (digits && minute < 60 && second < 60)
+                return m_base + minute * 60'000 + second * 1000 + digit(20) * 100 + digit(21) * 10 + digit(22);
+        }
+        const QDateTime at = HLEventDate(timestamp);
+        if (!at.isValid())
+            return -1;
+        const QDateTime hour = QDateTime(at.date(), QTime(at.time().hour(), 0), Qt::LocalTime);
+        // Only where the hour is plain (no clock change within it) is the shortcut the same as the conversion.
+        if (hour.isValid() && hour.time().hour() == at.time().hour()
+            && hour.offsetFromUtc()
+                == at.addSecs(3599 - at.time().minute() * 60 - at.time().second()).offsetFromUtc()) {
+            m_hour = timestamp.left(13);
+            m_base = hour.toMSecsSinceEpoch();
+        } else {
+            m_hour.clear();
+        }
+        return at.toMSecsSinceEpoch();
+    }
+
+private:
+    QString m_hour; // "yyyy-MM-dd HH" of m_base
+    qint64 m_base = 0;
+};
+
 } // namespace
 
 // Everything the scan body owns; touched only on the monitor's queue.
@@ -136,7 +176,7 @@ struct StintwatchMonitor::Reader {
     bool readStores(const QString &folder, const QString &historyPath, bool full, const QDateTime &now,
         ScanResult &result, std::vector<tracker::Activity> &activities, int &damage);
     QString setAside(const QString &historyPath, const QDateTime &now);
-    void readLog(const QString &folder, ScanResult &result);
+    void readLog(const QString &folder, ScanResult &result, std::vector<LogReader::Entry> &events);
 };
 
 struct StintwatchMonitor::ScanResult {
@@ -149,24 +189,15 @@ struct StintwatchMonitor::ScanResult {
     bool hasSummary = false;
 };
 
-void StintwatchMonitor::Reader::readLog(const QString &folder, ScanResult &result)
+void StintwatchMonitor::Reader::readLog(
+    const QString &folder, ScanResult &result, std::vector<LogReader::Entry> &events)
 {
-    const LogReader::Result read = log.read(folder + QStringLiteral("/application.log"));
+    LogReader::Result read = log.read(folder + QStringLiteral("/application.log"));
     if (!read.available) {
         result.error = kLogUnavailable;
         return;
     }
-    for (const LogReader::Entry &entry : read.events) {
-        const tracker::Event &event = entry.event;
-        result.events.append(QVariantMap {
-            {QStringLiteral("kind"), uint(event.kind)},
-            {QStringLiteral("timestamp"), text(event.timestamp)},
-            {QStringLiteral("project"), qint64(event.project)},
-            {QStringLiteral("activity"), qint64(event.activity)},
-            {QStringLiteral("description"), text(event.description)},
-            {QStringLiteral("historical"), entry.historical},
-        });
-    }
+    events = std::move(read.events);
     if (read.malformed > 0) {
         // The lines are already behind the offset: this scan reports them once, the next one goes on.
         result.malformedLines = read.malformed;
@@ -306,11 +337,11 @@ StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
 {
     ScanResult result;
     const QString historyPath = store + QStringLiteral("/history.db");
+    std::vector<LogReader::Entry> events;
     try {
-        readLog(folder, result);
+        readLog(folder, result, events);
     } catch (const std::exception &failure) {
         result.error = retainedError(QString::fromUtf8(failure.what()));
-        result.events.clear();
         return result;
     }
 
@@ -336,9 +367,7 @@ StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
     // Each heartbeat names the activity it extends: the active one with that id that changed last (the first
     // in reading order on a tie). One pass builds the index, so a log full of heartbeats stays linear.
     std::unordered_map<int64_t, const tracker::Activity *> extended;
-    const auto isHeartbeat
-        = [](const QVariant &item) { return item.toMap().value(QStringLiteral("kind")).toUInt() == 4; };
-    if (std::any_of(result.events.cbegin(), result.events.cend(), isHeartbeat)) {
+    if (std::any_of(events.cbegin(), events.cend(), [](const LogReader::Entry &e) { return e.event.kind == 4; })) {
         for (const tracker::Activity &activity : activities) {
             if (activity.active == 0)
                 continue;
@@ -347,18 +376,28 @@ StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
                 slot->second = &activity;
         }
     }
-    for (QVariant &item : result.events) {
-        if (!isHeartbeat(item))
-            continue;
-        const auto found = extended.find(item.toMap().value(QStringLiteral("activity")).toLongLong());
-        if (found == extended.end())
-            continue;
-        const tracker::Activity *best = found->second;
-        QVariantMap event = item.toMap();
-        event.insert(QStringLiteral("activity_start_ms"), qint64(best->start_ms));
-        event.insert(QStringLiteral("activity_project"), qint64(best->project));
-        event.insert(QStringLiteral("activity_description"), text(best->description));
-        item = event;
+    result.events.reserve(qsizetype(events.size()));
+    for (const LogReader::Entry &entry : events) {
+        const tracker::Event &event = entry.event;
+        QVariantMap record {
+            {QStringLiteral("kind"), uint(event.kind)},
+            {QStringLiteral("timestamp"), text(event.timestamp)},
+            {QStringLiteral("activity"), qint64(event.activity)},
+            {QStringLiteral("historical"), entry.historical},
+        };
+        // Heartbeats carry neither project nor description of their own, and are never journaled; a log
+        // full of them stays a small list of small records.
+        if (event.kind != 4) {
+            record.insert(QStringLiteral("project"), qint64(event.project));
+            record.insert(QStringLiteral("description"), text(event.description));
+        } else {
+            if (const auto found = extended.find(event.activity); found != extended.end()) {
+                record.insert(QStringLiteral("activity_start_ms"), qint64(found->second->start_ms));
+                record.insert(QStringLiteral("activity_project"), qint64(found->second->project));
+                record.insert(QStringLiteral("activity_description"), text(found->second->description));
+            }
+        }
+        result.events.append(std::move(record));
     }
 
     QByteArray journal;
@@ -625,7 +664,8 @@ void StintwatchMonitor::publish(const ScanResult &result)
     if (result.hasSummary)
         m_summaryRows = result.summaryRows;
 
-    const QDateTime current = now();
+    const qint64 currentMs = now().toMSecsSinceEpoch();
+    EventClock eventClock;
     for (const QVariant &item : result.events) {
         const QVariantMap event = item.toMap();
         const uint kind = event.value(QStringLiteral("kind")).toUInt();
@@ -636,16 +676,19 @@ void StintwatchMonitor::publish(const ScanResult &result)
                 m_liveObserved = false;
             m_currentDescription = event.value(QStringLiteral("description")).toString();
         } else if (kind == 4) {
-            const QDateTime at = HLEventDate(timestamp);
-            if (m_lastKind != 1 || !at.isValid() || std::abs(at.msecsTo(current)) >= kHeartbeatWindowMs)
+            if (m_lastKind != 1)
+                continue;
+            const qint64 atMs = eventClock.msecs(timestamp);
+            if (atMs < 0 || std::abs(currentMs - atMs) >= kHeartbeatWindowMs)
                 continue;
             // Old heartbeats still tie the state to their activity but prove nothing about now.
             if (!historical)
                 m_liveObserved = true;
             if (event.contains(QStringLiteral("activity_start_ms"))) {
                 const qint64 startMs = event.value(QStringLiteral("activity_start_ms")).toLongLong();
-                if (startMs <= at.toMSecsSinceEpoch()) {
-                    m_start = QDateTime::fromMSecsSinceEpoch(startMs);
+                if (startMs <= atMs) {
+                    if (!m_start.isValid() || m_start.toMSecsSinceEpoch() != startMs)
+                        m_start = QDateTime::fromMSecsSinceEpoch(startMs);
                     m_project = event.value(QStringLiteral("activity_project")).toLongLong();
                     const QString description = event.value(QStringLiteral("activity_description")).toString();
                     if (!description.isEmpty())
@@ -657,7 +700,8 @@ void StintwatchMonitor::publish(const ScanResult &result)
             m_project = event.value(QStringLiteral("project")).toLongLong();
             m_lastTimestamp = timestamp;
             m_start = HLEventDate(timestamp);
-            m_liveObserved = !historical && m_start.isValid() && std::abs(m_start.msecsTo(current)) < kStartWindowMs;
+            m_liveObserved = !historical && m_start.isValid()
+                && std::abs(currentMs - m_start.toMSecsSinceEpoch()) < kStartWindowMs;
         }
     }
 
