@@ -452,12 +452,22 @@ const Clock &StintwatchMonitor::clock() const
     return m_clock ? *m_clock : Clock::shared();
 }
 
-void StintwatchMonitor::setRunningCheck(std::function<bool()> running)
+void StintwatchMonitor::setProcessCheck(std::function<HLProcessState()> check)
 {
-    m_running = std::move(running);
+    m_processCheck = std::move(check);
     m_trackerSeen = -1;
 }
 
+void StintwatchMonitor::setRunningCheck(std::function<bool()> running)
+{
+    setProcessCheck(
+        [running = std::move(running)] { return running() ? HLProcessState::Running : HLProcessState::NotRunning; });
+}
+
+HLProcessState StintwatchMonitor::trackerProcess() const
+{
+    return m_processCheck ? m_processCheck() : HLTrackerProcessState();
+}
 QDateTime StintwatchMonitor::now() const
 {
     return clock().wallNow();
@@ -465,7 +475,7 @@ QDateTime StintwatchMonitor::now() const
 
 bool StintwatchMonitor::stintwatchRunning() const
 {
-    return m_running ? m_running() : HLProcessRunning(HLTrackerExecutable());
+    return trackerProcess() == HLProcessState::Running;
 }
 
 int StintwatchMonitor::sourceReads() const
@@ -500,7 +510,8 @@ void StintwatchMonitor::start()
         m_wake = new WakeNotifier(this);
         connect(m_wake, &WakeNotifier::woke, this, &StintwatchMonitor::wake);
     }
-    m_trackerSeen = stintwatchRunning() ? 1 : 0;
+    const HLProcessState state = trackerProcess();
+    m_trackerSeen = state == HLProcessState::Unknown ? -1 : state == HLProcessState::Running ? 1 : 0;
 }
 
 void StintwatchMonitor::stop()
@@ -616,8 +627,14 @@ void StintwatchMonitor::processChanged()
 
 bool StintwatchMonitor::checkTrackerProcess()
 {
-    // Launch and quit are seen as a change of the process list between two looks.
-    const int running = stintwatchRunning() ? 1 : 0;
+    // Launch and quit are seen as a change of the process list between two looks. Where the process cannot
+    // be seen at all, nothing is concluded: the live state stays with what the log says.
+    const HLProcessState state = trackerProcess();
+    if (state == HLProcessState::Unknown) {
+        m_trackerSeen = -1;
+        return true;
+    }
+    const int running = state == HLProcessState::Running ? 1 : 0;
     const bool changedNow = m_trackerSeen >= 0 && running != m_trackerSeen;
     m_trackerSeen = running;
     if (changedNow)

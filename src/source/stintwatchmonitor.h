@@ -11,6 +11,8 @@
 #include <memory>
 #include <optional>
 
+#include "platform/processlookup.h"
+
 class Clock;
 class QFileSystemWatcher;
 class QTimer;
@@ -55,8 +57,13 @@ public:
     // The clock for the live-state windows (wall time, compared with the log's timestamps) and for the
     // fallback interval (monotonic time). Not owned; nullptr, the default, means Clock::shared().
     void setClock(const Clock *clock);
-    // How the tracker's process is looked up; /proc by executable name unless set.
+    // How the tracker's process is looked up; HLTrackerProcessState() unless set. Where the answer is
+    // "unknown" (a sandbox that cannot see the host's processes) the tracker's launch and quit are not
+    // inferred and the live state is left to the log's evidence alone.
+    void setProcessCheck(std::function<HLProcessState()> check);
+    // The same with a plain yes or no.
     void setRunningCheck(std::function<bool()> running);
+    HLProcessState trackerProcess() const;
     // Scans published so far, and whether one is running: for tests and measurements.
     int scanCount() const { return m_scanCount; }
     bool isBusy() const { return m_busy; }
@@ -82,7 +89,7 @@ private:
     void scheduleScan();
     void watchedPathChanged(const QString &path);
     void publish(const ScanResult &result);
-    bool checkTrackerProcess(); // whether the tracker runs
+    bool checkTrackerProcess(); // false only when the tracker is known not to run
     QDateTime now() const;
     const Clock &clock() const;
 
@@ -110,7 +117,7 @@ private:
     std::optional<qint64> m_lastFallback; // monotonic ms of the last timer-driven rescan
     std::function<void()> m_onChange;
     const Clock *m_clock = nullptr;
-    std::function<bool()> m_running;
+    std::function<HLProcessState()> m_processCheck;
     int m_trackerSeen = -1; // -1 unknown, else whether the tracker ran at the last look
     int m_scanCount = 0;
     // Owned by the queue's thread from the moment a scan is submitted; shared so queued work keeps it alive.

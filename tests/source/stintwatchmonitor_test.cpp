@@ -48,7 +48,10 @@ protected:
         m_monitor = std::make_unique<StintwatchMonitor>(m_folder, m_store);
         if (fixedClock)
             m_monitor->setClock(&m_clock);
-        m_monitor->setRunningCheck([this] { return m_running; });
+        if (m_processUnknown)
+            m_monitor->setProcessCheck([] { return HLProcessState::Unknown; });
+        else
+            m_monitor->setRunningCheck([this] { return m_running; });
         m_monitor->start();
         ASSERT_TRUE(waitIdle(1));
     }
@@ -80,6 +83,7 @@ protected:
     std::unique_ptr<StintwatchMonitor> m_monitor;
     bool m_fixed = false;
     bool m_running = true;
+    bool m_processUnknown = false; // the tracker's process cannot be seen (a sandbox without the host's)
     TestClock m_clock;
     int m_logAge = 0; // seconds added to the monitor's clock for what the tracker writes
 };
@@ -529,6 +533,31 @@ TEST_F(MonitorTest, StopWinsOverAScanInFlight)
     m_monitor->start();
     ASSERT_TRUE(waitIdle(scans + 1));
     EXPECT_FALSE(m_monitor->watchedPaths().isEmpty());
+}
+
+// Where the tracker's process cannot be seen, "not found" is no evidence: ticks and scans leave the live
+// state to what the log says, so it does not flicker off every 15 s.
+TEST_F(MonitorTest, UnseenTrackerProcessLeavesLivenessToTheLog)
+{
+    m_processUnknown = true;
+    startMonitor(true);
+    ASSERT_TRUE(afterChange([&] { m_sim->start(42, QStringLiteral("ENG-1 Live")); }));
+    ASSERT_TRUE(m_monitor->liveObserved());
+    EXPECT_EQ(m_monitor->trackerProcess(), HLProcessState::Unknown);
+    EXPECT_FALSE(m_monitor->stintwatchRunning());
+
+    for (int tick = 0; tick < 3; ++tick) {
+        const int scans = m_monitor->scanCount();
+        m_clock.advance(15'000);
+        m_monitor->tick();
+        EXPECT_TRUE(m_monitor->liveObserved()) << "tick " << tick;
+        ASSERT_TRUE(waitIdle(scans + 1));
+        EXPECT_TRUE(m_monitor->liveObserved()) << "tick " << tick;
+    }
+    ASSERT_TRUE(afterChange([&] { m_sim->stop(); }));
+    EXPECT_EQ(m_monitor->lastKind(), 2);
+    m_monitor->wake();
+    EXPECT_FALSE(m_monitor->liveObserved()) << "waking still clears it";
 }
 
 // A launch is only seen when a scan finds the process; what the tracker logged right after starting must not
