@@ -58,6 +58,7 @@ LogReader::Result LogReader::read(const QString &path)
         m_inode = status.st_ino;
         m_skipToNewline = m_offset > 0;
         historical = true;
+        result.reset = true;
     }
 
     const std::unique_ptr<char[]> buffer(new char[kChunk]);

@@ -25,6 +25,7 @@ public:
 
     struct Result {
         bool available = false; // the log's status could be had at all
+        bool reset = false; // this read started over: a new, replaced or truncated log
         std::vector<Entry> events;
         int malformed = 0; // event lines that could not be converted (a number too large, ...)
         std::string malformedReason; // the first such line's failure, without the line's content
