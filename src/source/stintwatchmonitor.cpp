@@ -206,7 +206,7 @@ void StintwatchMonitor::Reader::readLog(
 }
 
 // Reads the tracker's database into the store when it changed, then the rows and summary from the store.
-// False when the store failed; `damaged` then tells whether SQLite found the file damaged.
+// False when the store failed; `damage` then holds SQLite's code when it found the file damaged, else 0.
 bool StintwatchMonitor::Reader::readStores(const QString &folder, const QString &historyPath, bool full,
     const QDateTime &now, ScanResult &result, std::vector<tracker::Activity> &activities, int &damage)
 {
