@@ -1,9 +1,11 @@
 // Measures what the live monitor costs: a scan after the tracker changed one activity against the bare read
-// of the tracker's database, and a stretch of real time with the tracker writing heartbeats (CPU seconds,
-// scans, reads and resident memory of this process, the tracker running as a child process).
+// of the tracker's database, the first scan over a log full of heartbeats against one full of noise, the
+// memory a huge log append costs, and a stretch of real time with the tracker writing heartbeats (CPU
+// seconds, scans, reads and resident memory of this process, the tracker running as a child process).
 
 #include "simtracker.h"
 #include "source/history.h"
+#include "source/logreader.h"
 #include "source/stintwatchmonitor.h"
 #include "source/trackerdb.h"
 
@@ -131,6 +133,125 @@ void BM_SaveOneOfManyActivities(benchmark::State &state)
     }
 }
 BENCHMARK(BM_SaveOneOfManyActivities)->Arg(100'000)->Unit(benchmark::kMillisecond);
+
+// Lines as the tracker writes them, `bytes` in all: service heartbeats for random activities of a
+// `count`-activity database, or lines the monitor reads past.
+QByteArray logLines(qint64 bytes, bool heartbeats, int count, const QByteArray &timestamp)
+{
+    static const char *const kNoise[] = {"[Debug] Sync queue drained (0 pending)",
+        "[Info] Fetched 3 projects from server", "[Info] Idle detector armed (threshold 300 s)",
+        "[Error] Service timeout, updating activity end time (id: 1) failed: offline"};
+    QByteArray out;
+    out.reserve(bytes + 256);
+    for (int i = 0; out.size() < bytes; ++i) {
+        out += '[' + timestamp + "] [1a2c] ";
+        if (heartbeats)
+            out += "[Info] Service timeout, updating activity end time (id: "
+                + QByteArray::number(1 + (i * 7919) % count) + ')';
+        else
+            out += kNoise[i % std::size(kNoise)];
+        out += '\n';
+    }
+    return out;
+}
+
+// The first scan reads the last MiB of the log. Arg 1: a MiB of heartbeats (about 12,000, each naming one of
+// the 100,000 activities); arg 0: a MiB of noise, the floor. Each iteration starts from an empty store.
+void BM_FirstScanOverLog(benchmark::State &state)
+{
+    const bool heartbeats = state.range(1) != 0;
+    const int count = int(state.range(0));
+    static std::map<std::pair<int, bool>, std::unique_ptr<Folder>> folders;
+    auto &slot = folders[{count, heartbeats}];
+    if (!slot) {
+        slot = std::make_unique<Folder>();
+        QDir().mkpath(slot->store());
+        SimTracker sim(slot->tracker());
+        sim.create();
+        sim.generateHistory(count, 3);
+        // Tracking runs: its start lies inside the last MiB, so every heartbeat after it is looked at.
+        sim.appendLog(logLines(256 * 1024, false, count, sim.timestamp()));
+        sim.start(42, QStringLiteral("ENG-1 Benchmark"));
+        sim.appendLog(logLines(LogReader::kWindow - 64 * 1024, heartbeats, count, sim.timestamp()));
+    }
+    double cpu = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        QFile::remove(slot->store() + QStringLiteral("/history.db"));
+        auto monitor = std::make_unique<StintwatchMonitor>(slot->tracker(), slot->store());
+        monitor->setRunningCheck([] { return true; });
+        const double cpuStart = cpuSeconds();
+        state.ResumeTiming();
+        monitor->scan(true);
+        waitForScan(*monitor, 1);
+        state.PauseTiming();
+        cpu += cpuSeconds() - cpuStart;
+        if (!monitor->error().isEmpty())
+            state.SkipWithError(qPrintable(monitor->error()));
+        monitor.reset();
+        state.ResumeTiming();
+    }
+    // CPU seconds of both threads per scan: steadier than wall time on a busy machine.
+    state.counters["cpu_ms"] = benchmark::Counter(cpu * 1000, benchmark::Counter::kAvgIterations);
+    state.counters["heartbeat_lines"]
+        = heartbeats ? double(logLines(LogReader::kWindow - 64 * 1024, true, count, "x").count('\n')) : 0;
+}
+BENCHMARK(BM_FirstScanOverLog)->Args({100'000, 0})->Args({100'000, 1})->Unit(benchmark::kMillisecond);
+
+// Resets the peak resident size of this process (VmHWM) and reads it back, in MiB.
+void resetPeakResident()
+{
+    QFile refs(QStringLiteral("/proc/self/clear_refs"));
+    if (refs.open(QIODevice::WriteOnly))
+        refs.write("5");
+}
+
+double peakSinceResetMiB()
+{
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly))
+        return 0;
+    for (const QByteArray &line : status.readAll().split('\n')) {
+        if (line.startsWith("VmHWM:"))
+            return line.mid(6).trimmed().split(' ').first().toDouble() / 1024.0;
+    }
+    return 0;
+}
+
+// A 100 MiB append of noise read by one scan: the peak resident memory of this process during that scan,
+// against the resident memory just before it (the floor).
+void BM_LargeAppendPeakMemory(benchmark::State &state)
+{
+    const qint64 appended = state.range(0) * 1'048'576;
+    for (auto _ : state) {
+        Folder folder;
+        QDir().mkpath(folder.store());
+        SimTracker sim(folder.tracker());
+        sim.create();
+        sim.generateHistory(1000, 1);
+        StintwatchMonitor monitor(folder.tracker(), folder.store());
+        monitor.setRunningCheck([] { return true; });
+        monitor.scan(true);
+        waitForScan(monitor, 1);
+        {
+            const QByteArray block = logLines(1'048'576, false, 1000, sim.timestamp());
+            QFile log(sim.logPath());
+            log.open(QIODevice::Append);
+            for (qint64 written = 0; written < appended; written += block.size())
+                log.write(block);
+        }
+        const double before = residentMiB();
+        resetPeakResident();
+        monitor.scan(false);
+        waitForScan(monitor, 2);
+        state.counters["rss_before_MiB"] = before;
+        state.counters["peak_during_MiB"] = peakSinceResetMiB();
+        state.counters["appended_MiB"] = double(appended) / 1'048'576.0;
+        if (!monitor.error().isEmpty())
+            state.SkipWithError(qPrintable(monitor.error()));
+    }
+}
+BENCHMARK(BM_LargeAppendPeakMemory)->Arg(100)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 // Real time: the tracker (a child process) writes a heartbeat every 10 s over a 10,000-activity database
 // while the monitor runs with its watchers and 15 s tick. HOURLOOM_BENCH_IDLE_SECONDS sets the length

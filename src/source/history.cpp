@@ -240,6 +240,36 @@ std::vector<Activity> history(const std::string &path)
     return activities;
 }
 
+int damage(const std::string &path)
+{
+    sqlite3 *db = nullptr;
+    const auto verdict = [&db](int code) {
+        const int primary = code & 0xff;
+        return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB ? primary : 0;
+    };
+    int result = 0;
+    int code = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr);
+    if (code == SQLITE_OK) {
+        sqlite3_busy_timeout(db, 300);
+        sqlite3_stmt *check = nullptr;
+        code = sqlite3_prepare_v2(db, "PRAGMA quick_check(1)", -1, &check, nullptr);
+        if (code == SQLITE_OK) {
+            code = sqlite3_step(check);
+            if (code == SQLITE_ROW) {
+                const auto *answer = reinterpret_cast<const char *>(sqlite3_column_text(check, 0));
+                result = answer && std::strcmp(answer, "ok") == 0 ? 0 : SQLITE_CORRUPT;
+            } else {
+                result = verdict(sqlite3_extended_errcode(db));
+            }
+        } else {
+            result = verdict(sqlite3_extended_errcode(db));
+        }
+        sqlite3_finalize(check);
+    }
+    sqlite3_close(db);
+    return result;
+}
+
 std::vector<std::array<int64_t, 3>> summaryHistory(const std::string &path, int64_t since)
 {
     DB db(path, SQLITE_OPEN_READONLY);

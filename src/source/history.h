@@ -20,4 +20,8 @@ std::vector<Activity> history(const std::string &path);
 // (project, start_ms, end_ms) of every stored activity that starts or ends at or after `since`.
 std::vector<std::array<int64_t, 3>> summaryHistory(const std::string &path, int64_t since);
 
+// SQLite's verdict on the history database at `path`: SQLITE_CORRUPT or SQLITE_NOTADB when the file is
+// damaged, 0 when it passes a quick check or cannot be judged (missing, locked, not openable). Never writes.
+int damage(const std::string &path);
+
 } // namespace tracker

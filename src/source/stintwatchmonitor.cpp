@@ -2,15 +2,18 @@
 
 #include "diagnostics/diagnosticlog.h"
 #include "platform/appidentity.h"
+#include "platform/clock.h"
 #include "platform/processlookup.h"
 #include "platform/serialqueue.h"
 #include "platform/wakenotifier.h"
 #include "source/history.h"
 #include "source/logparser.h"
+#include "source/logreader.h"
 #include "source/trackerdb.h"
 #include "summary/timesummary.h"
 
 #include <QFile>
+#include <QFileInfo>
 #include <QFileSystemWatcher>
 #include <QHash>
 #include <QJsonDocument>
@@ -28,6 +31,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <exception>
 #include <string_view>
 #include <unordered_map>
@@ -35,9 +39,10 @@
 namespace
 {
 
-constexpr qint64 kMiB = 1'048'576;
 constexpr int kDebounceMs = 250;
 constexpr int kTickMs = 15'000;
+// A timer may fire a little early; a tick that comes this much before the interval is up still scans.
+constexpr qint64 kTickToleranceMs = 1'000;
 constexpr qint64 kStartWindowMs = 60'000;
 constexpr qint64 kHeartbeatWindowMs = 90'000;
 
@@ -45,9 +50,16 @@ const QString kLogUnavailable = QStringLiteral("Stintwatch log unavailable. Live
 
 QString text(const std::string &bytes)
 {
+    if (std::all_of(bytes.begin(), bytes.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; }))
+        return QString::fromLatin1(bytes.data(), qsizetype(bytes.size()));
     QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
     QString decoded = decoder.decode(QByteArrayView(bytes.data(), qsizetype(bytes.size())));
     return decoder.hasError() ? QStringLiteral("(invalid text)") : decoded;
+}
+
+QString retainedError(const QString &message)
+{
+    return QStringLiteral("Source unavailable: %1. Previously captured history is retained.").arg(message);
 }
 
 QString statusText(const QString &path)
@@ -101,16 +113,50 @@ quint64 digest(const tracker::Activity &a)
     return h;
 }
 
+// The instant of a log timestamp in ms since 1970, or -1 when it does not parse. Heartbeats come by the
+// thousand within one hour of text: the local time of the hour's start is worked out once and the minutes,
+// seconds and milliseconds added to it, which is what a full conversion gives within one hour.
+class EventClock
+{
+public:
+    qint64 msecs(const QString &timestamp)
+    {
+        if (timestamp.size() == 23 && !m_hour.isEmpty() && QStringView(timestamp).left(13) == m_hour) {
+            const auto digit = [&](int at) { return timestamp.at(at).unicode() - u'0'; };
+            bool digits = timestamp.at(13) == u':' && timestamp.at(16) == u':' && timestamp.at(19) == u'.';
+            for (const int at : {14, 15, 17, 18, 20, 21, 22})
+                digits = digits && digit(at) >= 0 && digit(at) <= 9;
+            const int minute = digit(14) * 10 + digit(15), second = digit(17) * 10 + digit(18);
+            if (digits && minute < 60 && second < 60)
+                return m_base + minute * 60'000 + second * 1000 + digit(20) * 100 + digit(21) * 10 + digit(22);
+        }
+        const QDateTime at = HLEventDate(timestamp);
+        if (!at.isValid())
+            return -1;
+        const QDateTime hour = QDateTime(at.date(), QTime(at.time().hour(), 0), Qt::LocalTime);
+        // Only where the hour is plain (no clock change within it) is the shortcut the same as the conversion.
+        if (hour.isValid() && hour.time().hour() == at.time().hour()
+            && hour.offsetFromUtc()
+                == at.addSecs(3599 - at.time().minute() * 60 - at.time().second()).offsetFromUtc()) {
+            m_hour = timestamp.left(13);
+            m_base = hour.toMSecsSinceEpoch();
+        } else {
+            m_hour.clear();
+        }
+        return at.toMSecsSinceEpoch();
+    }
+
+private:
+    QString m_hour; // "yyyy-MM-dd HH" of m_base
+    qint64 m_base = 0;
+};
+
 } // namespace
 
 // Everything the scan body owns; touched only on the monitor's queue.
 struct StintwatchMonitor::Reader {
     QMap<QString, QString> fingerprints;
-    qint64 logOffset = 0;
-    ino_t logInode = 0;
-    QByteArray partial;
-    bool logSeen = false;
-    bool skipToNewline = false; // the first bytes read belong to a cut or dropped line
+    LogReader log;
 
     // What history.db holds, as far as this monitor wrote it; reset when the file is not the one written.
     using Digests = std::unordered_map<int64_t, quint64>;
@@ -127,100 +173,44 @@ struct StintwatchMonitor::Reader {
     std::atomic<int> storeReads {0};
 
     ScanResult scan(const QString &folder, const QString &store, bool full, const QDateTime &now);
-    void readLog(const QString &folder, QString &error, QVariantList &events);
+    bool readStores(const QString &folder, const QString &historyPath, bool full, const QDateTime &now,
+        ScanResult &result, std::vector<tracker::Activity> &activities, int &damage);
+    QString setAside(const QString &historyPath, const QDateTime &now);
+    void readLog(const QString &folder, ScanResult &result, std::vector<LogReader::Entry> &events);
 };
 
 struct StintwatchMonitor::ScanResult {
     QString error;
+    int malformedLines = 0; // log lines skipped because they could not be understood
+    int storeDamage = 0; // SQLite's code for the damaged store that this scan set aside
     QVariantList events;
     QVariantList rows;
     QVariantList summaryRows;
     bool hasSummary = false;
 };
 
-void StintwatchMonitor::Reader::readLog(const QString &folder, QString &error, QVariantList &events)
+void StintwatchMonitor::Reader::readLog(
+    const QString &folder, ScanResult &result, std::vector<LogReader::Entry> &events)
 {
-    const QByteArray path = QFile::encodeName(folder + QStringLiteral("/application.log"));
-    struct stat status {
-    };
-    if (::stat(path.constData(), &status) != 0) {
-        error = kLogUnavailable;
+    LogReader::Result read = log.read(folder + QStringLiteral("/application.log"));
+    if (!read.available) {
+        result.error = kLogUnavailable;
         return;
     }
-    bool historical = false;
-    if (!logSeen || status.st_ino != logInode || status.st_size < logOffset) {
-        // A new, replaced or truncated log: only its last MiB is read, and what it says is history.
-        logOffset = std::max<qint64>(status.st_size, kMiB) - kMiB;
-        partial.clear();
-        logInode = status.st_ino;
-        skipToNewline = logOffset > 0;
-        historical = true;
+    events = std::move(read.events);
+    if (read.malformed > 0) {
+        // The lines are already behind the offset: this scan reports them once, the next one goes on.
+        result.malformedLines = read.malformed;
+        result.error = retainedError(QString::fromStdString(read.malformedReason));
     }
-
-    const int fd = ::open(path.constData(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        throw std::runtime_error("Cannot read Stintwatch log");
-    QByteArray data;
-    char buffer[65536];
-    for (;;) {
-        const ssize_t got = ::pread(fd, buffer, sizeof buffer, logOffset + data.size());
-        if (got < 0) {
-            ::close(fd);
-            throw std::runtime_error("Cannot read Stintwatch log");
-        }
-        if (got == 0)
-            break;
-        data.append(buffer, got);
-    }
-    ::close(fd);
-    logOffset += data.size();
-
-    qsizetype begin = 0;
-    if (skipToNewline) {
-        const qsizetype newline = data.indexOf('\n');
-        begin = newline < 0 ? data.size() : newline + 1;
-        skipToNewline = newline < 0;
-    }
-    partial.append(data.constData() + begin, data.size() - begin);
-
-    qsizetype lineStart = 0;
-    for (qsizetype newline; (newline = partial.indexOf('\n', lineStart)) >= 0; lineStart = newline + 1) {
-        const tracker::Event event
-            = tracker::parseEvent(std::string(partial.constData() + lineStart, size_t(newline - lineStart)));
-        if (event.kind == 0)
-            continue;
-        events.append(QVariantMap {
-            {QStringLiteral("kind"), uint(event.kind)},
-            {QStringLiteral("timestamp"), text(event.timestamp)},
-            {QStringLiteral("project"), qint64(event.project)},
-            {QStringLiteral("activity"), qint64(event.activity)},
-            {QStringLiteral("description"), text(event.description)},
-            {QStringLiteral("historical"), historical},
-        });
-    }
-    partial.remove(0, lineStart);
-    if (partial.size() > kMiB) {
-        // A line this long is not the tracker's; it is dropped up to its end so reading never stalls.
-        partial.clear();
-        skipToNewline = true;
-    }
-    logSeen = true;
 }
 
-StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
-    const QString &folder, const QString &store, bool full, const QDateTime &now)
+// Reads the tracker's database into the store when it changed, then the rows and summary from the store.
+// False when the store failed; `damage` then holds SQLite's code when it found the file damaged, else 0.
+bool StintwatchMonitor::Reader::readStores(const QString &folder, const QString &historyPath, bool full,
+    const QDateTime &now, ScanResult &result, std::vector<tracker::Activity> &activities, int &damage)
 {
-    ScanResult result;
-    const QString historyPath = store + QStringLiteral("/history.db");
-    try {
-        readLog(folder, result.error, result.events);
-    } catch (const std::exception &failure) {
-        result.error = QStringLiteral("Source unavailable: %1. Previously captured history is retained.")
-                           .arg(QString::fromUtf8(failure.what()));
-        result.events.clear();
-        return result;
-    }
-
+    bool storeFailed = false;
     QMap<QString, QString> prints;
     for (const QString &name : {QStringLiteral("Stintwatch.db"), QStringLiteral("Stintwatch.db-wal")})
         prints.insert(name, statusText(folder + u'/' + name));
@@ -234,12 +224,13 @@ StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
         indexed = false;
     }
 
-    std::vector<tracker::Activity> activities;
     if (full || prints != fingerprints) {
+        bool sourceRead = false;
         try {
             ++sourceReads;
             activities
                 = tracker::readActivities(QFile::encodeName(folder + QStringLiteral("/Stintwatch.db")).toStdString());
+            sourceRead = true;
             std::vector<tracker::Activity> changed;
             std::vector<std::pair<Digests *, std::pair<int64_t, quint64>>> digests;
             Digests *table = nullptr;
@@ -272,27 +263,10 @@ StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
             savedStore = statusText(historyPath);
             fingerprints = prints;
         } catch (const std::exception &failure) {
+            storeFailed = sourceRead;
             result.error = QStringLiteral("Source unavailable: %1. Showing retained history.")
                                .arg(QString::fromUtf8(failure.what()));
         }
-    }
-
-    for (QVariant &item : result.events) {
-        QVariantMap event = item.toMap();
-        if (event.value(QStringLiteral("kind")).toUInt() != 4)
-            continue;
-        const int64_t id = event.value(QStringLiteral("activity")).toLongLong();
-        const tracker::Activity *best = nullptr;
-        for (const tracker::Activity &activity : activities) {
-            if (activity.id == id && activity.active != 0 && (!best || activity.changed_ms > best->changed_ms))
-                best = &activity;
-        }
-        if (!best)
-            continue;
-        event.insert(QStringLiteral("activity_start_ms"), qint64(best->start_ms));
-        event.insert(QStringLiteral("activity_project"), qint64(best->project));
-        event.insert(QStringLiteral("activity_description"), text(best->description));
-        item = event;
     }
 
     try {
@@ -322,10 +296,108 @@ StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
         result.summaryRows = readSummary;
         result.hasSummary = true;
     } catch (const std::exception &failure) {
+        storeFailed = true;
         readStore.clear();
-        result.error = QStringLiteral("Source unavailable: %1. Previously captured history is retained.")
-                           .arg(QString::fromUtf8(failure.what()));
+        result.error = retainedError(QString::fromUtf8(failure.what()));
         result.rows.clear();
+    }
+
+    damage = storeFailed ? tracker::damage(QFile::encodeName(historyPath).toStdString()) : 0;
+    return !storeFailed;
+}
+
+// Moves the damaged store and its journal files to "history.db.damaged-<date>" (numbered when that day's
+// name is taken) and forgets what this reader knew of it. Returns the new path, or empty when it could not.
+QString StintwatchMonitor::Reader::setAside(const QString &historyPath, const QDateTime &now)
+{
+    const QString base = historyPath + QStringLiteral(".damaged-") + now.toString(QStringLiteral("yyyy-MM-dd"));
+    QString aside = base;
+    for (int n = 2; QFileInfo::exists(aside) || QFileInfo::exists(aside + QStringLiteral("-journal"))
+         || QFileInfo::exists(aside + QStringLiteral("-wal"));
+         ++n)
+        aside = base + u'-' + QString::number(n);
+    if (::rename(QFile::encodeName(historyPath).constData(), QFile::encodeName(aside).constData()) != 0)
+        return {};
+    // A journal left beside a fresh store would be applied to it: it goes with the file it belongs to.
+    for (const QString &suffix : {QStringLiteral("-journal"), QStringLiteral("-wal"), QStringLiteral("-shm")}) {
+        if (QFileInfo::exists(historyPath + suffix))
+            ::rename(
+                QFile::encodeName(historyPath + suffix).constData(), QFile::encodeName(aside + suffix).constData());
+    }
+    saved.clear();
+    savedStore.clear();
+    indexed = false;
+    fingerprints.clear();
+    readStore.clear();
+    return aside;
+}
+
+StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
+    const QString &folder, const QString &store, bool full, const QDateTime &now)
+{
+    ScanResult result;
+    const QString historyPath = store + QStringLiteral("/history.db");
+    std::vector<LogReader::Entry> events;
+    try {
+        readLog(folder, result, events);
+    } catch (const std::exception &failure) {
+        result.error = retainedError(QString::fromUtf8(failure.what()));
+        return result;
+    }
+
+    std::vector<tracker::Activity> activities;
+    const QString logError = result.error;
+    int damage = 0;
+    if (!readStores(folder, historyPath, full, now, result, activities, damage) && damage != 0) {
+        // Everything the store held came from the tracker's database: set the damaged file aside (never
+        // deleted) and rebuild a fresh store from the tracker at once.
+        const QString aside = setAside(historyPath, now);
+        if (!aside.isEmpty()) {
+            result.storeDamage = damage;
+            result.error = logError;
+            activities.clear();
+            int again = 0;
+            if (readStores(folder, historyPath, true, now, result, activities, again) && result.error.isEmpty())
+                result.error = QStringLiteral("History store was damaged and has been set aside as %1. It was "
+                                              "rebuilt from Stintwatch's database.")
+                                   .arg(QFileInfo(aside).fileName());
+        }
+    }
+
+    // Each heartbeat names the activity it extends: the active one with that id that changed last (the first
+    // in reading order on a tie). One pass builds the index, so a log full of heartbeats stays linear.
+    std::unordered_map<int64_t, const tracker::Activity *> extended;
+    if (std::any_of(events.cbegin(), events.cend(), [](const LogReader::Entry &e) { return e.event.kind == 4; })) {
+        for (const tracker::Activity &activity : activities) {
+            if (activity.active == 0)
+                continue;
+            auto [slot, inserted] = extended.try_emplace(activity.id, &activity);
+            if (!inserted && activity.changed_ms > slot->second->changed_ms)
+                slot->second = &activity;
+        }
+    }
+    result.events.reserve(qsizetype(events.size()));
+    for (const LogReader::Entry &entry : events) {
+        const tracker::Event &event = entry.event;
+        QVariantMap record {
+            {QStringLiteral("kind"), uint(event.kind)},
+            {QStringLiteral("timestamp"), text(event.timestamp)},
+            {QStringLiteral("activity"), qint64(event.activity)},
+            {QStringLiteral("historical"), entry.historical},
+        };
+        // Heartbeats carry neither project nor description of their own, and are never journaled; a log
+        // full of them stays a small list of small records.
+        if (event.kind != 4) {
+            record.insert(QStringLiteral("project"), qint64(event.project));
+            record.insert(QStringLiteral("description"), text(event.description));
+        } else {
+            if (const auto found = extended.find(event.activity); found != extended.end()) {
+                record.insert(QStringLiteral("activity_start_ms"), qint64(found->second->start_ms));
+                record.insert(QStringLiteral("activity_project"), qint64(found->second->project));
+                record.insert(QStringLiteral("activity_description"), text(found->second->description));
+            }
+        }
+        result.events.append(std::move(record));
     }
 
     QByteArray journal;
@@ -359,6 +431,7 @@ StintwatchMonitor::StintwatchMonitor(const QString &source, const QString &store
     connect(m_watcher, &QFileSystemWatcher::fileChanged, this, &StintwatchMonitor::watchedPathChanged);
     connect(m_watcher, &QFileSystemWatcher::directoryChanged, this, &StintwatchMonitor::watchedPathChanged);
     m_timer->setInterval(kTickMs);
+    m_timer->setTimerType(Qt::PreciseTimer);
     connect(m_timer, &QTimer::timeout, this, &StintwatchMonitor::tick);
 }
 
@@ -369,25 +442,40 @@ StintwatchMonitor::~StintwatchMonitor()
     m_queue.reset();
 }
 
-void StintwatchMonitor::setClock(Clock clock)
+void StintwatchMonitor::setClock(const Clock *clock)
 {
-    m_clock = std::move(clock);
+    m_clock = clock;
+}
+
+const Clock &StintwatchMonitor::clock() const
+{
+    return m_clock ? *m_clock : Clock::shared();
+}
+
+void StintwatchMonitor::setProcessCheck(std::function<HLProcessState()> check)
+{
+    m_processCheck = std::move(check);
+    m_trackerSeen = -1;
 }
 
 void StintwatchMonitor::setRunningCheck(std::function<bool()> running)
 {
-    m_running = std::move(running);
-    m_trackerSeen = -1;
+    setProcessCheck(
+        [running = std::move(running)] { return running() ? HLProcessState::Running : HLProcessState::NotRunning; });
 }
 
+HLProcessState StintwatchMonitor::trackerProcess() const
+{
+    return m_processCheck ? m_processCheck() : HLTrackerProcessState();
+}
 QDateTime StintwatchMonitor::now() const
 {
-    return m_clock ? m_clock() : QDateTime::currentDateTime();
+    return clock().wallNow();
 }
 
 bool StintwatchMonitor::stintwatchRunning() const
 {
-    return m_running ? m_running() : HLProcessRunning(HLTrackerExecutable());
+    return trackerProcess() == HLProcessState::Running;
 }
 
 int StintwatchMonitor::sourceReads() const
@@ -414,6 +502,7 @@ void StintwatchMonitor::notifyChange()
 
 void StintwatchMonitor::start()
 {
+    m_stopped = false;
     installWatchers();
     scan(true);
     m_timer->start();
@@ -421,11 +510,18 @@ void StintwatchMonitor::start()
         m_wake = new WakeNotifier(this);
         connect(m_wake, &WakeNotifier::woke, this, &StintwatchMonitor::wake);
     }
-    m_trackerSeen = stintwatchRunning() ? 1 : 0;
+    const HLProcessState state = trackerProcess();
+    m_trackerSeen = state == HLProcessState::Unknown ? -1 : state == HLProcessState::Running ? 1 : 0;
 }
 
 void StintwatchMonitor::stop()
 {
+    // Until the next start nothing watches or scans again: not a scan in flight when it ends, not its
+    // follow-up, not a debounced file event.
+    m_stopped = true;
+    m_pending = false;
+    m_forcePending = false;
+    m_reinstallPending = false;
     m_timer->stop();
     delete m_wake;
     m_wake = nullptr;
@@ -437,12 +533,16 @@ void StintwatchMonitor::stop()
 
 void StintwatchMonitor::refresh()
 {
+    if (m_stopped)
+        return;
     installWatchers();
     scan(true);
 }
 
 void StintwatchMonitor::installWatchers()
 {
+    if (m_stopped)
+        return;
     const QStringList watched = watchedPaths();
     if (!watched.isEmpty())
         m_watcher->removePaths(watched);
@@ -492,8 +592,11 @@ void StintwatchMonitor::scheduleScan()
 
 void StintwatchMonitor::tick()
 {
-    const QDateTime current = now();
-    if (!m_lastFallback.isValid() || m_lastFallback.msecsTo(current) >= kTickMs) {
+    if (m_stopped)
+        return;
+    // Measured on the monotonic clock: setting the wall clock back or forward neither stops nor floods scanning.
+    const qint64 current = clock().monotonicMs();
+    if (!m_lastFallback || current - *m_lastFallback >= kTickMs - kTickToleranceMs) {
         m_lastFallback = current;
         installWatchers();
         scan(false);
@@ -505,6 +608,8 @@ void StintwatchMonitor::tick()
 
 void StintwatchMonitor::wake()
 {
+    if (m_stopped)
+        return;
     m_liveObserved = false;
     installWatchers();
     scan(true);
@@ -512,6 +617,8 @@ void StintwatchMonitor::wake()
 
 void StintwatchMonitor::processChanged()
 {
+    if (m_stopped)
+        return;
     m_liveObserved = false;
     installWatchers();
     scan(true);
@@ -520,8 +627,14 @@ void StintwatchMonitor::processChanged()
 
 bool StintwatchMonitor::checkTrackerProcess()
 {
-    // Launch and quit are seen as a change of the process list between two looks.
-    const int running = stintwatchRunning() ? 1 : 0;
+    // Launch and quit are seen as a change of the process list between two looks. Where the process cannot
+    // be seen at all, nothing is concluded: the live state stays with what the log says.
+    const HLProcessState state = trackerProcess();
+    if (state == HLProcessState::Unknown) {
+        m_trackerSeen = -1;
+        return true;
+    }
+    const int running = state == HLProcessState::Running ? 1 : 0;
     const bool changedNow = m_trackerSeen >= 0 && running != m_trackerSeen;
     m_trackerSeen = running;
     if (changedNow)
@@ -531,6 +644,8 @@ bool StintwatchMonitor::checkTrackerProcess()
 
 void StintwatchMonitor::scan(bool full)
 {
+    if (m_stopped)
+        return;
     if (m_busy) {
         m_pending = true;
         m_forcePending = m_forcePending || full;
@@ -546,17 +661,28 @@ void StintwatchMonitor::scan(bool full)
 
 void StintwatchMonitor::publish(const ScanResult &result)
 {
+    m_busy = false;
+    if (m_stopped)
+        return; // stopped while the scan ran: its result and everything it would start are dropped
     // A launch or quit is only noticed here, after the fact; it is applied before the scan's events because
     // the tracker logged them after it started (a tracker that resumes tracking at launch is live at once).
     checkTrackerProcess();
-    if (m_error.isEmpty() != result.error.isEmpty())
+    // Skipped log lines are counted even while another problem is already shown; their content never is.
+    QVariantMap values;
+    if (result.malformedLines > 0)
+        values.insert(QStringLiteral("count"), result.malformedLines);
+    if (result.storeDamage != 0)
+        values.insert(QStringLiteral("error_code"), result.storeDamage);
+    if (m_error.isEmpty() != result.error.isEmpty() || !values.isEmpty())
         DiagnosticLog::shared().record(
-            result.error.isEmpty() ? QStringLiteral("tracking_recovered") : QStringLiteral("tracking_unavailable"));
+            result.error.isEmpty() ? QStringLiteral("tracking_recovered") : QStringLiteral("tracking_unavailable"),
+            values);
     m_error = result.error;
     if (result.hasSummary)
         m_summaryRows = result.summaryRows;
 
-    const QDateTime current = now();
+    const qint64 currentMs = now().toMSecsSinceEpoch();
+    EventClock eventClock;
     for (const QVariant &item : result.events) {
         const QVariantMap event = item.toMap();
         const uint kind = event.value(QStringLiteral("kind")).toUInt();
@@ -567,16 +693,19 @@ void StintwatchMonitor::publish(const ScanResult &result)
                 m_liveObserved = false;
             m_currentDescription = event.value(QStringLiteral("description")).toString();
         } else if (kind == 4) {
-            const QDateTime at = HLEventDate(timestamp);
-            if (m_lastKind != 1 || !at.isValid() || std::abs(at.msecsTo(current)) >= kHeartbeatWindowMs)
+            if (m_lastKind != 1)
+                continue;
+            const qint64 atMs = eventClock.msecs(timestamp);
+            if (atMs < 0 || std::abs(currentMs - atMs) >= kHeartbeatWindowMs)
                 continue;
             // Old heartbeats still tie the state to their activity but prove nothing about now.
             if (!historical)
                 m_liveObserved = true;
             if (event.contains(QStringLiteral("activity_start_ms"))) {
                 const qint64 startMs = event.value(QStringLiteral("activity_start_ms")).toLongLong();
-                if (startMs <= at.toMSecsSinceEpoch()) {
-                    m_start = QDateTime::fromMSecsSinceEpoch(startMs);
+                if (startMs <= atMs) {
+                    if (!m_start.isValid() || m_start.toMSecsSinceEpoch() != startMs)
+                        m_start = QDateTime::fromMSecsSinceEpoch(startMs);
                     m_project = event.value(QStringLiteral("activity_project")).toLongLong();
                     const QString description = event.value(QStringLiteral("activity_description")).toString();
                     if (!description.isEmpty())
@@ -588,7 +717,8 @@ void StintwatchMonitor::publish(const ScanResult &result)
             m_project = event.value(QStringLiteral("project")).toLongLong();
             m_lastTimestamp = timestamp;
             m_start = HLEventDate(timestamp);
-            m_liveObserved = !historical && m_start.isValid() && std::abs(m_start.msecsTo(current)) < kStartWindowMs;
+            m_liveObserved = !historical && m_start.isValid()
+                && std::abs(currentMs - m_start.toMSecsSinceEpoch()) < kStartWindowMs;
         }
     }
 
@@ -597,7 +727,6 @@ void StintwatchMonitor::publish(const ScanResult &result)
     if (m_currentDescription.isEmpty() && !m_rows.isEmpty())
         m_currentDescription = m_rows.first().toMap().value(QStringLiteral("description")).toString();
 
-    m_busy = false;
     ++m_scanCount;
     notifyChange();
     if (m_pending) {

@@ -9,7 +9,11 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 
+#include "platform/processlookup.h"
+
+class Clock;
 class QFileSystemWatcher;
 class QTimer;
 class SerialQueue;
@@ -23,12 +27,12 @@ class StintwatchMonitor : public QObject
 {
     Q_OBJECT
 public:
-    using Clock = std::function<QDateTime()>;
-
     StintwatchMonitor(const QString &source, const QString &store, QObject *parent = nullptr);
     ~StintwatchMonitor() override;
 
     void start();
+    // Stops watching and scanning until the next start(); a scan already running is finished but its result is
+    // dropped. While stopped, refresh(), scan(), tick(), wake() and processChanged() do nothing.
     void stop();
     // Watches again and scans everything, after the user picked another folder.
     void refresh();
@@ -50,10 +54,16 @@ public:
     const std::function<void()> &onChange() const { return m_onChange; }
     void notifyChange();
 
-    // The instant the live-state windows are measured against; the system clock unless set.
-    void setClock(Clock clock);
-    // How the tracker's process is looked up; /proc by executable name unless set.
+    // The clock for the live-state windows (wall time, compared with the log's timestamps) and for the
+    // fallback interval (monotonic time). Not owned; nullptr, the default, means Clock::shared().
+    void setClock(const Clock *clock);
+    // How the tracker's process is looked up; HLTrackerProcessState() unless set. Where the answer is
+    // "unknown" (a sandbox that cannot see the host's processes) the tracker's launch and quit are not
+    // inferred and the live state is left to the log's evidence alone.
+    void setProcessCheck(std::function<HLProcessState()> check);
+    // The same with a plain yes or no.
     void setRunningCheck(std::function<bool()> running);
+    HLProcessState trackerProcess() const;
     // Scans published so far, and whether one is running: for tests and measurements.
     int scanCount() const { return m_scanCount; }
     bool isBusy() const { return m_busy; }
@@ -79,8 +89,9 @@ private:
     void scheduleScan();
     void watchedPathChanged(const QString &path);
     void publish(const ScanResult &result);
-    bool checkTrackerProcess(); // whether the tracker runs
+    bool checkTrackerProcess(); // false only when the tracker is known not to run
     QDateTime now() const;
+    const Clock &clock() const;
 
     QVariantList m_rows;
     QVariantList m_summaryRows;
@@ -93,6 +104,7 @@ private:
     qint64 m_project = 0;
     int m_lastKind = 0;
     bool m_liveObserved = false;
+    bool m_stopped = false; // stop() was called and start() not since
     bool m_busy = false;
     bool m_pending = false;
     bool m_forcePending = false;
@@ -102,10 +114,10 @@ private:
     QHash<QString, QString> m_watchStatus; // status of each watched path when last seen
     QTimer *m_timer = nullptr;
     WakeNotifier *m_wake = nullptr;
-    QDateTime m_lastFallback;
+    std::optional<qint64> m_lastFallback; // monotonic ms of the last timer-driven rescan
     std::function<void()> m_onChange;
-    Clock m_clock;
-    std::function<bool()> m_running;
+    const Clock *m_clock = nullptr;
+    std::function<HLProcessState()> m_processCheck;
     int m_trackerSeen = -1; // -1 unknown, else whether the tracker ran at the last look
     int m_scanCount = 0;
     // Owned by the queue's thread from the moment a scan is submitted; shared so queued work keeps it alive.

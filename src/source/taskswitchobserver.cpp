@@ -1,5 +1,8 @@
 #include "source/taskswitchobserver.h"
 
+#include "platform/clock.h"
+
+#include <algorithm>
 #include <cmath>
 
 namespace
@@ -15,6 +18,11 @@ qint64 integer(const QVariantMap &record, const QString &key)
 }
 
 } // namespace
+
+TaskSwitchObserver::TaskSwitchObserver(const Clock *clock)
+    : m_clock(clock)
+{
+}
 
 QString TaskSwitchObserver::identity(const QVariantMap &session)
 {
@@ -38,12 +46,15 @@ QDateTime TaskSwitchObserver::settlesAt() const
 {
     if (m_pending.isEmpty() || !m_changed.isValid())
         return {};
-    return m_changed.addMSecs(kSettleMs);
+    const Clock &clock = m_clock ? *m_clock : Clock::shared();
+    const qint64 left = std::max<qint64>(0, kSettleMs - (clock.monotonicMs() - m_changedMonotonic));
+    return clock.wallNow().addMSecs(left);
 }
 
 QVariantMap TaskSwitchObserver::observe(const QVariantList &sessions, bool active, bool live, const QString &issue,
     double started, qint64 project, const QDateTime &now)
 {
+    const qint64 monotonic = (m_clock ? *m_clock : Clock::shared()).monotonicMs();
     if (!live) {
         reset();
         return {};
@@ -66,6 +77,7 @@ QVariantMap TaskSwitchObserver::observe(const QVariantList &sessions, bool activ
     if (m_wasActive && (!active || issue != m_issue)) {
         m_pending = m_previous;
         m_changed = now;
+        m_changedMonotonic = monotonic;
     }
 
     m_wasActive = active;
@@ -76,7 +88,7 @@ QVariantMap TaskSwitchObserver::observe(const QVariantList &sessions, bool activ
     if (m_pending.isEmpty())
         return {};
 
-    const qint64 sinceChange = m_changed.msecsTo(now);
+    const qint64 sinceChange = monotonic - m_changedMonotonic;
     if (sinceChange > kStaleMs) {
         m_pending.clear();
         return {};

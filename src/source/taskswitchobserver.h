@@ -6,11 +6,17 @@
 #include <QVariantList>
 #include <QVariantMap>
 
+class Clock;
+
 // Turns changes of the tracked issue into at most one offer per finished session. The application feeds it
 // after every monitor update; nothing is decided without a live confirmation from the monitor.
 class TaskSwitchObserver
 {
 public:
+    // The clock's monotonic time measures how long ago the switch was, so that setting the wall clock does not
+    // hold back or hurry an offer. Not owned; nullptr means Clock::shared().
+    explicit TaskSwitchObserver(const Clock *clock = nullptr);
+
     // Returns the session record that has just ended and may be offered for logging, or an empty map.
     // `started` is the current interval's start in ms since 1970.
     QVariantMap observe(const QVariantList &sessions, bool active, bool live, const QString &issue, double started,
@@ -21,7 +27,7 @@ public:
 
     // The finished record waiting for the settling time to pass, or an empty map.
     QVariantMap settling() const { return m_settling; }
-    // When the caller should observe again while a switch is pending; invalid otherwise.
+    // When the caller should observe again while a switch is pending (wall time); invalid otherwise.
     QDateTime settlesAt() const;
 
     // "source_account|project|local_id|start_ms", the key that says two records are the same session.
@@ -32,7 +38,9 @@ private:
     QVariantMap m_pending;
     QString m_issue;
     bool m_wasActive = false;
-    QDateTime m_changed;
+    QDateTime m_changed; // wall time of the switch, compared with the ends the tracker writes
+    qint64 m_changedMonotonic = 0; // monotonic time of the switch, for how long ago it was
+    const Clock *m_clock = nullptr;
     QSet<QString> m_offered;
     QVariantMap m_settling;
 };

@@ -1,9 +1,12 @@
 #include "source/stintwatchmonitor.h"
 
 #include "diagnostics/diagnosticlog.h"
+#include "platform/clock.h"
 #include "simtracker.h"
+#include "source/history.h"
 #include "source/logparser.h"
 #include "source/taskswitchobserver.h"
+#include "source/trackerdb.h"
 #include "summary/timesummary.h"
 #include "support/testenv.h"
 #include "trackerfixture.h"
@@ -32,7 +35,8 @@ protected:
         m_folder = testenv::freshDir(QStringLiteral("tracker"));
         m_store = testenv::freshDir(QStringLiteral("store"));
         m_sim = std::make_unique<SimTracker>(m_folder);
-        m_sim->setClock([this] { return m_fixed ? m_now.addSecs(m_logAge) : QDateTime::currentDateTime(); });
+        m_sim->setClock(
+            [this] { return m_fixed ? m_clock.wallNow().addSecs(m_logAge) : QDateTime::currentDateTime(); });
         m_sim->create();
     }
 
@@ -40,11 +44,14 @@ protected:
     void startMonitor(bool fixedClock)
     {
         m_fixed = fixedClock;
-        m_now = QDateTime::currentDateTime();
+        m_clock.setWall(QDateTime::currentDateTime());
         m_monitor = std::make_unique<StintwatchMonitor>(m_folder, m_store);
         if (fixedClock)
-            m_monitor->setClock([this] { return m_now; });
-        m_monitor->setRunningCheck([this] { return m_running; });
+            m_monitor->setClock(&m_clock);
+        if (m_processUnknown)
+            m_monitor->setProcessCheck([] { return HLProcessState::Unknown; });
+        else
+            m_monitor->setRunningCheck([this] { return m_running; });
         m_monitor->start();
         ASSERT_TRUE(waitIdle(1));
     }
@@ -76,7 +83,8 @@ protected:
     std::unique_ptr<StintwatchMonitor> m_monitor;
     bool m_fixed = false;
     bool m_running = true;
-    QDateTime m_now;
+    bool m_processUnknown = false; // the tracker's process cannot be seen (a sandbox without the host's)
+    TestClock m_clock;
     int m_logAge = 0; // seconds added to the monitor's clock for what the tracker writes
 };
 
@@ -271,6 +279,37 @@ TEST_F(MonitorTest, OverlongUnterminatedLineIsDroppedWithoutStalling)
     EXPECT_FALSE(journal().contains("\"project\":98"));
 }
 
+// A line the parser cannot convert fails one scan and is never read again: the lines after it, the tracker's
+// database and later scans go on. The diagnostic log counts it without its content.
+TEST_F(MonitorTest, MalformedLogLineFailsOneScanAndCaptureGoesOn)
+{
+    DiagnosticLog::setEnabled(true);
+    const QByteArray before = trackertest::fileBytes(DiagnosticLog::shared().path(0));
+    startMonitor(true);
+    ASSERT_TRUE(afterChange([&] {
+        m_sim->logLine(QStringLiteral("Info"), QStringLiteral("Tracking started (project id: 99999999999999999999)"));
+        m_sim->logLine(QStringLiteral("Info"), QStringLiteral("Tracking stopped (project id: 5)"));
+    }));
+    EXPECT_EQ(m_monitor->error(),
+        QStringLiteral("Source unavailable: number in log line does not fit in 64 bits. Previously captured "
+                       "history is retained."));
+    EXPECT_EQ(m_monitor->lastKind(), 2);
+    EXPECT_EQ(m_monitor->project(), 5);
+
+    ASSERT_TRUE(afterChange([&] { m_sim->start(42, QStringLiteral("ENG-4 After the bad line")); }));
+    ASSERT_TRUE(testenv::waitFor([&] { return m_monitor->rows().size() == 1; }));
+    EXPECT_TRUE(m_monitor->error().isEmpty()) << m_monitor->error().toStdString();
+    EXPECT_EQ(m_monitor->lastKind(), 1);
+    EXPECT_EQ(m_monitor->project(), 42);
+    EXPECT_TRUE(m_monitor->liveObserved());
+
+    const QByteArray recorded = trackertest::fileBytes(DiagnosticLog::shared().path(0)).mid(before.size());
+    EXPECT_EQ(recorded.count("\"event\":\"tracking_unavailable\""), 1) << recorded.constData();
+    EXPECT_TRUE(recorded.contains("\"count\":1")) << recorded.constData();
+    EXPECT_FALSE(recorded.contains("9999"));
+    EXPECT_EQ(recorded.count("tracking_recovered"), 1);
+}
+
 TEST_F(MonitorTest, UnreadableSourcesKeepTheRetainedRowsWithTheirStatus)
 {
     DiagnosticLog::setEnabled(true);
@@ -327,6 +366,55 @@ TEST_F(MonitorTest, UnreadableSourcesKeepTheRetainedRowsWithTheirStatus)
     EXPECT_EQ(recorded.count("tracking_recovered"), 3);
 }
 
+class MonitorDamagedStoreTest : public MonitorTest, public ::testing::WithParamInterface<bool>
+{
+};
+
+// Everything in the store came from the tracker's database: a damaged store is set aside (kept), rebuilt at
+// once, and the status and the diagnostic log say so once. Garbage is "not a database"; a store whose table
+// pages were overwritten is "malformed".
+TEST_P(MonitorDamagedStoreTest, DamagedStoreIsSetAsideAndRebuiltFromTheTracker)
+{
+    const bool garbage = GetParam();
+    DiagnosticLog::setEnabled(true);
+    const QByteArray before = trackertest::fileBytes(DiagnosticLog::shared().path(0));
+    m_sim->generateHistory(300, 1);
+    const QString history = m_store + QStringLiteral("/history.db");
+    if (!garbage) {
+        tracker::saveActivities(QFile::encodeName(history).toStdString(),
+            tracker::readActivities(QFile::encodeName(m_sim->databasePath()).toStdString()));
+    }
+    {
+        QFile file(history);
+        ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+        const qint64 size = std::max<qint64>(file.size(), 65536);
+        if (!garbage)
+            file.seek(4096); // keep the header and the schema page
+        file.write(QByteArray(size - file.pos(), 'x'));
+    }
+    const QByteArray damaged = trackertest::fileBytes(history);
+
+    startMonitor(true);
+    const QString aside = QStringLiteral("history.db.damaged-") + m_clock.wallNow().toString(u"yyyy-MM-dd");
+    EXPECT_EQ(m_monitor->error(),
+        QStringLiteral("History store was damaged and has been set aside as %1. It was rebuilt from "
+                       "Stintwatch's database.")
+            .arg(aside));
+    EXPECT_EQ(m_monitor->rows().size(), 300);
+    EXPECT_EQ(trackertest::fileBytes(m_store + u'/' + aside), damaged) << "the damaged file is kept as it was";
+
+    ASSERT_TRUE(afterChange([&] { m_sim->noise(1); }));
+    EXPECT_TRUE(m_monitor->error().isEmpty()) << m_monitor->error().toStdString();
+    EXPECT_EQ(m_monitor->rows().size(), 300);
+
+    const QByteArray recorded = trackertest::fileBytes(DiagnosticLog::shared().path(0)).mid(before.size());
+    EXPECT_EQ(recorded.count("tracking_unavailable"), 1) << recorded.constData();
+    EXPECT_TRUE(recorded.contains(garbage ? "\"error_code\":26" : "\"error_code\":11")) << recorded.constData();
+    EXPECT_EQ(recorded.count("tracking_recovered"), 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Damage, MonitorDamagedStoreTest, ::testing::Bool());
+
 TEST_F(MonitorTest, ReplacedDatabaseIsPickedUp)
 {
     m_sim->generateHistory(2, 1);
@@ -364,7 +452,7 @@ TEST_F(MonitorTest, TickWakeAndTrackerQuitClearTheLiveState)
     const int sourceReads = m_monitor->sourceReads();
     const int storeReads = m_monitor->storeReads();
     scans = m_monitor->scanCount();
-    m_now = m_now.addSecs(20);
+    m_clock.advance(20'000);
     m_monitor->tick();
     ASSERT_TRUE(waitIdle(scans + 1));
     EXPECT_EQ(m_monitor->sourceReads(), sourceReads);
@@ -375,10 +463,101 @@ TEST_F(MonitorTest, TickWakeAndTrackerQuitClearTheLiveState)
 
     // Within fifteen seconds of the last fallback a tick does not scan again.
     scans = m_monitor->scanCount();
-    m_now = m_now.addSecs(10);
+    m_clock.advance(10'000);
     m_monitor->tick();
     testenv::waitFor([] { return false; }, 100);
     EXPECT_EQ(m_monitor->scanCount(), scans);
+}
+
+struct TickCase {
+    const char *name;
+    qint64 monotonicMs; // time that really passed since the last fallback scan
+    qint64 wallMs; // how far the wall clock moved meanwhile
+    bool scans;
+};
+
+class MonitorTickTest : public MonitorTest, public ::testing::WithParamInterface<TickCase>
+{
+};
+
+// The fallback interval is real elapsed time: a timer firing a little early still scans, and setting the
+// clock back or forward neither stops nor floods scanning.
+TEST_P(MonitorTickTest, FallbackScanFollowsElapsedTimeNotTheWallClock)
+{
+    const TickCase c = GetParam();
+    startMonitor(true);
+    int scans = m_monitor->scanCount();
+    m_monitor->tick();
+    ASSERT_TRUE(waitIdle(scans + 1)) << "the first tick always scans";
+
+    for (int round = 0; round < 3; ++round) {
+        scans = m_monitor->scanCount();
+        m_clock.advanceMonotonic(c.monotonicMs);
+        m_clock.advanceWall(c.wallMs);
+        m_monitor->tick();
+        if (c.scans) {
+            ASSERT_TRUE(waitIdle(scans + 1)) << c.name << " round " << round;
+        } else {
+            testenv::waitFor([] { return false; }, 100);
+            EXPECT_EQ(m_monitor->scanCount(), scans) << c.name << " round " << round;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Intervals, MonitorTickTest,
+    ::testing::Values(TickCase {"tick a little early", 14'990, 14'990, true},
+        TickCase {"clock set back an hour", 15'000, 15'000 - 3'600'000, true},
+        TickCase {"clock set forward an hour", 4'000, 3'600'000, false}));
+
+// The end of a scan that was running when the monitor stopped would notice the tracker quit (reinstalling
+// the watchers and scanning again) and run a waiting follow-up: stop wins over both.
+TEST_F(MonitorTest, StopWinsOverAScanInFlight)
+{
+    startMonitor(true);
+    m_running = false;
+    m_monitor->scan(true);
+    m_monitor->scan(false);
+    ASSERT_TRUE(m_monitor->isBusy());
+    m_monitor->stop();
+    EXPECT_TRUE(m_monitor->watchedPaths().isEmpty());
+
+    ASSERT_TRUE(testenv::waitFor([&] { return !m_monitor->isBusy(); }));
+    const int scans = m_monitor->scanCount();
+    m_sim->noise(1);
+    testenv::waitFor([] { return false; }, 400);
+    EXPECT_TRUE(m_monitor->watchedPaths().isEmpty());
+    EXPECT_FALSE(m_monitor->isBusy());
+    EXPECT_EQ(m_monitor->scanCount(), scans);
+
+    // Started again, it watches and scans as before.
+    m_monitor->start();
+    ASSERT_TRUE(waitIdle(scans + 1));
+    EXPECT_FALSE(m_monitor->watchedPaths().isEmpty());
+}
+
+// Where the tracker's process cannot be seen, "not found" is no evidence: ticks and scans leave the live
+// state to what the log says, so it does not flicker off every 15 s.
+TEST_F(MonitorTest, UnseenTrackerProcessLeavesLivenessToTheLog)
+{
+    m_processUnknown = true;
+    startMonitor(true);
+    ASSERT_TRUE(afterChange([&] { m_sim->start(42, QStringLiteral("ENG-1 Live")); }));
+    ASSERT_TRUE(m_monitor->liveObserved());
+    EXPECT_EQ(m_monitor->trackerProcess(), HLProcessState::Unknown);
+    EXPECT_FALSE(m_monitor->stintwatchRunning());
+
+    for (int tick = 0; tick < 3; ++tick) {
+        const int scans = m_monitor->scanCount();
+        m_clock.advance(15'000);
+        m_monitor->tick();
+        EXPECT_TRUE(m_monitor->liveObserved()) << "tick " << tick;
+        ASSERT_TRUE(waitIdle(scans + 1));
+        EXPECT_TRUE(m_monitor->liveObserved()) << "tick " << tick;
+    }
+    ASSERT_TRUE(afterChange([&] { m_sim->stop(); }));
+    EXPECT_EQ(m_monitor->lastKind(), 2);
+    m_monitor->wake();
+    EXPECT_FALSE(m_monitor->liveObserved()) << "waking still clears it";
 }
 
 // A launch is only seen when a scan finds the process; what the tracker logged right after starting must not
@@ -446,7 +625,8 @@ TEST_F(MonitorTest, SessionRecordsAndSummaryRowsAreBuiltFromTheStore)
     startMonitor(true);
     const std::string db = QFile::encodeName(m_sim->databasePath()).toStdString();
     const qint64 since
-        = std::min(TimeSummary::summaryStart(m_now, 1), TimeSummary::summaryStart(m_now, 2)).toMSecsSinceEpoch();
+        = std::min(TimeSummary::summaryStart(m_clock.wallNow(), 1), TimeSummary::summaryStart(m_clock.wallNow(), 2))
+              .toMSecsSinceEpoch();
     const qint64 old = QDateTime(QDate(2024, 3, 5), QTime(19, 8, 9)).toMSecsSinceEpoch();
     const qint64 recent = since + 60'000;
     ASSERT_TRUE(afterChange([&] {
@@ -489,7 +669,7 @@ TEST_F(MonitorTest, HeartbeatTakesTheActiveRecordItExtends)
 {
     startMonitor(true);
     const std::string db = QFile::encodeName(m_sim->databasePath()).toStdString();
-    const qint64 nowMs = m_now.toMSecsSinceEpoch();
+    const qint64 nowMs = m_clock.wallMs();
     const qint64 begun = nowMs - 600'000;
     m_logAge = -600;
     ASSERT_TRUE(afterChange([&] {

@@ -1,5 +1,7 @@
 #include "source/taskswitchobserver.h"
 
+#include "platform/clock.h"
+
 #include <gtest/gtest.h>
 
 namespace
@@ -33,9 +35,18 @@ protected:
         m_records = {m_second, m_first};
     }
 
+    // Observes at `now`, with real time passing as the wall clock says unless a test moved the wall clock.
+    QVariantMap observe(const QVariantList &records, bool active, bool live, const QString &issue, double started,
+        qint64 project, const QDateTime &now)
+    {
+        m_clock.setMonotonic(m_wallOffsetMs + kBase.msecsTo(now));
+        m_clock.setWall(now);
+        return m_observer.observe(records, active, live, issue, started, project, now);
+    }
+
     QVariantMap observeActive(const QVariantList &records, const QString &issue, qint64 startMs, const QDateTime &now)
     {
-        return m_observer.observe(records, true, true, issue, double(startMs), 42, now);
+        return observe(records, true, true, issue, double(startMs), 42, now);
     }
 
     QVariantMap observeSecond(const QDateTime &now)
@@ -43,7 +54,9 @@ protected:
         return observeActive(m_records, QStringLiteral("ENG-2"), kBase.toMSecsSinceEpoch(), now);
     }
 
-    TaskSwitchObserver m_observer;
+    TestClock m_clock;
+    qint64 m_wallOffsetMs = 0; // how far the wall clock was set back
+    TaskSwitchObserver m_observer {&m_clock};
     QVariantMap m_first, m_second;
     QVariantList m_records;
 };
@@ -63,11 +76,23 @@ TEST_F(TaskSwitchObserverTest, OffersTheFinishedSessionOnceAfterSettling)
     EXPECT_TRUE(observeSecond(at(3)).isEmpty());
 }
 
+// The user sets the clock back an hour just after the switch: the offer still comes two seconds later, and
+// the caller is told to look again at the right moment of the new wall time.
+TEST_F(TaskSwitchObserverTest, ClockSetBackDoesNotHoldBackTheOffer)
+{
+    trackFirstThenSwitch(at(1).toMSecsSinceEpoch());
+    EXPECT_TRUE(observeSecond(at(0)).isEmpty());
+    m_wallOffsetMs = 3'600'000;
+    EXPECT_TRUE(observeSecond(at(-3600 + 1)).isEmpty());
+    EXPECT_EQ(m_observer.settlesAt(), at(-3600 + 2));
+    EXPECT_EQ(observeSecond(at(-3600 + 2)), m_first);
+}
+
 TEST_F(TaskSwitchObserverTest, StoppingAlsoOffersTheSession)
 {
     trackFirstThenSwitch(at(0.5).toMSecsSinceEpoch());
-    EXPECT_TRUE(m_observer.observe({m_first}, false, true, QString(), 0, 0, at(0)).isEmpty());
-    EXPECT_EQ(m_observer.observe({m_first}, false, true, QString(), 0, 0, at(2.5)), m_first);
+    EXPECT_TRUE(observe({m_first}, false, true, QString(), 0, 0, at(0)).isEmpty());
+    EXPECT_EQ(observe({m_first}, false, true, QString(), 0, 0, at(2.5)), m_first);
 }
 
 TEST_F(TaskSwitchObserverTest, KeepsWaitingWhileTheOldSessionIsStillOpenOrMissing)
@@ -91,7 +116,7 @@ TEST_F(TaskSwitchObserverTest, DropsSwitchesThatDoNotBelongToThisSession)
 
     // The finished session was reassigned to another issue meanwhile.
     TaskSwitchObserver &observer = m_observer;
-    observer = TaskSwitchObserver();
+    observer = TaskSwitchObserver(&m_clock);
     trackFirstThenSwitch(at(1).toMSecsSinceEpoch());
     EXPECT_TRUE(observeSecond(at(0)).isEmpty());
     m_records = {m_second,
@@ -101,7 +126,7 @@ TEST_F(TaskSwitchObserverTest, DropsSwitchesThatDoNotBelongToThisSession)
     EXPECT_FALSE(m_observer.settlesAt().isValid());
 
     // A switch first looked at more than a minute later is too old to prompt for.
-    observer = TaskSwitchObserver();
+    observer = TaskSwitchObserver(&m_clock);
     trackFirstThenSwitch(kBase.addSecs(-601).toMSecsSinceEpoch());
     EXPECT_TRUE(observeSecond(at(0)).isEmpty());
     m_first[QStringLiteral("end_ms")] = at(1).toMSecsSinceEpoch();
@@ -133,7 +158,7 @@ TEST_F(TaskSwitchObserverTest, LosingTheLiveFlagClearsEverythingButTheOfferedSet
     EXPECT_TRUE(observeSecond(at(1.5)).isEmpty());
     ASSERT_FALSE(m_observer.settling().isEmpty());
 
-    EXPECT_TRUE(m_observer.observe(m_records, true, false, QStringLiteral("ENG-2"), 0, 42, at(1.8)).isEmpty());
+    EXPECT_TRUE(observe(m_records, true, false, QStringLiteral("ENG-2"), 0, 42, at(1.8)).isEmpty());
     EXPECT_TRUE(m_observer.settling().isEmpty());
     EXPECT_FALSE(m_observer.settlesAt().isValid());
     // Live again on the same issue: there is no switch to finish.
@@ -161,17 +186,17 @@ TEST_F(TaskSwitchObserverTest, NeverOffersTheSameSessionTwiceUntilTheCapIsPassed
         QVariantMap open = session(id, QStringLiteral("ENG-1"), start, start - 1);
         ASSERT_TRUE(observeActive({open}, QStringLiteral("ENG-1"), start, now).isEmpty());
         open[QStringLiteral("end_ms")] = now.toMSecsSinceEpoch();
-        ASSERT_TRUE(m_observer.observe({open}, false, true, QString(), 0, 0, now).isEmpty());
-        ASSERT_EQ(m_observer.observe({open}, false, true, QString(), 0, 0, now.addSecs(2)), open);
+        ASSERT_TRUE(observe({open}, false, true, QString(), 0, 0, now).isEmpty());
+        ASSERT_EQ(observe({open}, false, true, QString(), 0, 0, now.addSecs(2)), open);
         now = now.addSecs(10);
     }
     const QDateTime later = now.addSecs(100);
     QVariantMap reopened = m_first;
     reopened[QStringLiteral("end_ms")] = s1 - 1;
     EXPECT_TRUE(observeActive({reopened}, QStringLiteral("ENG-1"), s1, later).isEmpty());
-    EXPECT_TRUE(m_observer.observe({m_first}, false, true, QString(), 0, 0, later).isEmpty());
+    EXPECT_TRUE(observe({m_first}, false, true, QString(), 0, 0, later).isEmpty());
     m_first[QStringLiteral("end_ms")] = later.toMSecsSinceEpoch();
-    EXPECT_EQ(m_observer.observe({m_first}, false, true, QString(), 0, 0, later.addSecs(2)), m_first);
+    EXPECT_EQ(observe({m_first}, false, true, QString(), 0, 0, later.addSecs(2)), m_first);
 }
 
 } // namespace
