@@ -66,6 +66,7 @@ struct Call {
     QByteArray body;
     QString caFile;
     long timeoutMs = 10000;
+    QByteArray contentType = "Content-Type: application/json";
 };
 
 Reply fetch(const QString &url, const Call &call)
@@ -90,7 +91,7 @@ Reply fetch(const QString &url, const Call &call)
     if (!call.token.isEmpty())
         headers = curl_slist_append(headers, authorization.constData());
     if (!call.body.isNull()) {
-        headers = curl_slist_append(headers, "Content-Type: application/json");
+        headers = curl_slist_append(headers, call.contentType.constData());
         curl_easy_setopt(curl, CURLOPT_POSTFIELDS, call.body.constData());
         curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, long(call.body.size()));
     }
@@ -427,6 +428,12 @@ TEST_F(SignInTest, ApprovesWhenTheAuthorizationPageIsFetched)
 
 TEST_F(SignInTest, RotatesRefreshTokensAndRevokesTheFamilyOnReuse)
 {
+    // Within Atlassian's leeway of 600 s (the default) a rotated token still works once more.
+    const QString again = signIn()[QStringLiteral("refresh_token")].toString();
+    ASSERT_EQ(refresh(again).status, 200);
+    EXPECT_EQ(refresh(again).status, 200);
+
+    m_server.setRefreshReuseLeeway(0);
     const QJsonObject first = signIn();
     const QString original = first[QStringLiteral("refresh_token")].toString();
     const Reply rotated = refresh(original);
@@ -444,12 +451,29 @@ TEST_F(SignInTest, RotatesRefreshTokensAndRevokesTheFamilyOnReuse)
     EXPECT_EQ(refresh(next).status, 403);
     EXPECT_EQ(get(api(QStringLiteral("/myself")), access).status, 401);
     EXPECT_EQ(refresh(QString()).status, 403);
+}
 
-    // Within the leeway a rotated token still works.
-    m_server.setRefreshReuseLeeway(600);
-    const QString again = signIn()[QStringLiteral("refresh_token")].toString();
-    ASSERT_EQ(refresh(again).status, 200);
-    EXPECT_EQ(refresh(again).status, 200);
+TEST_F(SignInTest, RefusesMalformedChallengesAndExpiredSignIns)
+{
+    const QString startURL = m_server.origin() + QStringLiteral("/oauth/start");
+    const QString digest = base64Url(QByteArray(32, 'd'));
+    // 43 characters whose last one carries bits a 32-byte digest cannot have; 42 and 44 characters; base64 "+".
+    for (const QString &challenge : QStringList {digest.chopped(1) + QLatin1Char('B'), digest.chopped(1),
+             digest + QLatin1Char('A'), QString(digest).replace(0, 1, QLatin1Char('+'))})
+        EXPECT_EQ(post(startURL, json({{QStringLiteral("challenge"), challenge}})).status, 400)
+            << qPrintable(challenge);
+    // Without a JSON content type the body is not read at all.
+    const QByteArray valid = json({{QStringLiteral("challenge"), digest}});
+    for (const QByteArray &type : {QByteArray("Content-Type:"), QByteArray("Content-Type: text/plain")})
+        EXPECT_EQ(fetch(startURL, {QStringLiteral("POST"), {}, valid, m_server.caFile(), 10000, type}).status, 415);
+    EXPECT_EQ(post(startURL, valid).status, 200);
+
+    m_server.setSignInLifetime(0);
+    QString verifier;
+    const QJsonObject started = start(&verifier);
+    EXPECT_TRUE(m_server.pendingSignIns().isEmpty());
+    EXPECT_EQ(get(started[QStringLiteral("authorization_url")].toString()).status, 400);
+    EXPECT_EQ(poll(started[QStringLiteral("state")].toString(), verifier).status, 400);
 }
 
 TEST_F(StandinTest, AppliesStatusFaultsForTheirCountOnly)

@@ -118,7 +118,7 @@ Fault faultFromJson(const QJsonObject &object, QString *error)
     } else if (kind == QLatin1String("tooManyRequestsHtml")) {
         fault = Fault::tooManyRequestsHtml(method, path, times);
     } else if (kind == QLatin1String("serviceUnavailable")) {
-        fault = Fault::serviceUnavailable(method, path, times);
+        fault = Fault::serviceUnavailable(method, path, times, object.value(QStringLiteral("retryAfter")).toInt(-1));
     } else if (kind == QLatin1String("payloadTooLarge")) {
         fault = Fault::payloadTooLarge(method, path, times);
     } else if (kind == QLatin1String("scopeMismatch")) {
