@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QDateTime>
 #include <QString>
 #include <QVariant>
 
@@ -18,6 +19,16 @@ public:
         std::chrono::milliseconds backstop {std::chrono::seconds(30)}; // the caller never waits longer
     };
 
+    // What a rate-limited or unavailable service says about when to come back.
+    struct RetryHint {
+        qint64 retryAfterSeconds = -1; // "Retry-After" in seconds; -1: none or not a number of seconds
+        QDateTime rateLimitReset; // "X-RateLimit-Reset" (UTC); invalid: none
+    };
+
+    // Answers are refused above this size: a page of 1000 worklogs is about 2 MB, so anything near this is no
+    // answer the program asked for, and decoding it would take memory out of all proportion.
+    static constexpr qint64 kMaxResponseBytes = 8 * 1024 * 1024;
+
     HTTPTransport();
     explicit HTTPTransport(const Limits &limits);
     ~HTTPTransport();
@@ -29,6 +40,9 @@ public:
     // non-2xx answer carries no JSON. `status` receives the HTTP status. Throws "JiraError" (HLServiceFail).
     QVariant request(
         const QString &url, const QString &method, const QVariant &body, const QString &token, qint64 &status) const;
+    // The same, also reporting the answer's retry headers.
+    QVariant request(const QString &url, const QString &method, const QVariant &body, const QString &token,
+        qint64 &status, RetryHint &hint) const;
 
     const Limits &limits() const { return m_limits; }
 
