@@ -242,10 +242,24 @@ TEST_F(JiraClientTest, ReadsWaitAsJiraAsksAndAreSentAgain)
     m_server.addFault(standin::Fault::tooManyRequests(get, path, 3600));
     EXPECT_EQ(failure([&] { m_client->identity(kCloud); }), limited);
     EXPECT_TRUE(waits.isEmpty());
+    // Without Retry-After, the reset time: already past means a short pause, far ahead means reporting.
+    const auto resetAt = [&](qint64 seconds) {
+        const QByteArray reset = QDateTime::currentDateTimeUtc()
+                                     .addSecs(seconds)
+                                     .toString(QStringLiteral("yyyy-MM-ddTHH:mm'Z'"))
+                                     .toLatin1();
+        m_server.addFault(standin::Fault::statusReply(get, path, 429, {}, {{"X-RateLimit-Reset", reset}}));
+    };
+    resetAt(-120);
+    resetAt(600);
+    EXPECT_EQ(failure([&] { m_client->identity(kCloud); }), limited);
+    EXPECT_EQ(waits, (QList<qint64> {1000}));
+    waits.clear();
+    m_server.clearRequests();
     m_server.addFault(standin::Fault::tooManyRequests(get, path, 45, -1));
     EXPECT_EQ(failure([&] { m_client->identity(kCloud); }), limited);
     EXPECT_EQ(waits, (QList<qint64> {45000, 45000, 45000, 45000}));
-    EXPECT_EQ(m_server.requests(get, path).size(), 6);
+    EXPECT_EQ(m_server.requests(get, path).size(), 5);
 }
 
 TEST_F(JiraClientTest, HeavyDayCompletesPacedUnderTheBurstLimit)

@@ -2,6 +2,7 @@
 
 #include "diagnostics/diagnosticlog.h"
 #include "jira/keychainstore.h"
+#include "platform/endpoints.h"
 #include "support/testenv.h"
 
 #include <QDateTime>
@@ -81,6 +82,8 @@ void StandinTest::SetUp()
     qputenv("HOURLOOM_TEST_GATEWAY", m_server.origin().toUtf8());
     qputenv("HOURLOOM_TEST_BROKER", m_server.origin().toUtf8());
     qputenv("HOURLOOM_TEST_AUTH_HOST", "127.0.0.1");
+    // Without the overrides compiled in, the tests would talk to the real services.
+    ASSERT_EQ(endpoints::gatewayOrigin(), m_server.origin()) << "configure with -DHOURLOOM_TEST_HOOKS=ON";
 }
 
 void StandinTest::TearDown()
