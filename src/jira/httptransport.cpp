@@ -119,6 +119,8 @@ size_t collectHeader(char *data, size_t size, size_t count, void *target)
         if (!reset.isValid())
             reset = QDateTime::fromString(QString::fromLatin1(value), QStringLiteral("yyyy-MM-ddTHH:mmZ"));
         received->hint.rateLimitReset = reset.toUTC();
+    } else if (name == "x-ratelimit-nearlimit") {
+        received->hint.nearLimit = value.compare("true", Qt::CaseInsensitive) == 0;
     }
     return bytes;
 }

@@ -23,6 +23,7 @@ public:
     struct RetryHint {
         qint64 retryAfterSeconds = -1; // "Retry-After" in seconds; -1: none or not a number of seconds
         QDateTime rateLimitReset; // "X-RateLimit-Reset" (UTC); invalid: none
+        bool nearLimit = false; // "X-RateLimit-NearLimit: true": little of the request budget is left
     };
 
     // Answers are refused above this size: a page of 1000 worklogs is about 2 MB, so anything near this is no

@@ -112,8 +112,12 @@ QVariant JiraClient::api(const QString &path, const QString &method, const QVari
         qint64 status = 0;
         HTTPTransport::RetryHint hint;
         const QVariant answer = m_session.transport().request(url, method, body, token, status, hint);
-        if (status >= 200 && status < 300)
+        if (status >= 200 && status < 300) {
+            // Paced before Jira has to refuse: the next request waits for a fresh budget.
+            if (hint.nearLimit)
+                pause(kPacingPause);
             return answer;
+        }
         // A token Jira refuses before its local expiry was revoked or superseded: renewed once, then reported.
         if (read && status == 401 && !renewed) {
             renewed = true;
@@ -138,10 +142,7 @@ QVariant JiraClient::api(const QString &path, const QString &method, const QVari
                     m_waitNotice(status == 429
                             ? QStringLiteral("Jira is limiting requests; trying again in %1 s.").arg(seconds)
                             : QStringLiteral("Jira is unavailable; trying again in %1 s.").arg(seconds));
-                if (m_sleeper)
-                    m_sleeper(delay);
-                else
-                    QThread::msleep(static_cast<unsigned long>(delay.count()));
+                pause(delay);
                 waited += delay;
                 continue;
             }
@@ -149,6 +150,14 @@ QVariant JiraClient::api(const QString &path, const QString &method, const QVari
         HLServiceFail(
             QStringLiteral("Jira returned HTTP %1. %2").arg(status).arg(statusHint(status)), jiraReason(answer));
     }
+}
+
+void JiraClient::pause(std::chrono::milliseconds delay)
+{
+    if (m_sleeper)
+        m_sleeper(delay);
+    else
+        QThread::msleep(static_cast<unsigned long>(delay.count()));
 }
 
 std::chrono::milliseconds JiraClient::retryDelay(qint64 status, const HTTPTransport::RetryHint &hint, int attempt) const

@@ -27,6 +27,9 @@ public:
     static constexpr std::chrono::seconds kLongestWait {60};
     static constexpr std::chrono::seconds kLongestTotalWait {180};
     static constexpr int kMostAttempts = 8;
+    // The pause after an answer that says little of the request budget is left: Jira's burst limits count per
+    // second, so a request after it starts a fresh second.
+    static constexpr std::chrono::seconds kPacingPause {1};
     // Jira keeps at most this many characters in one worklog property value.
     static constexpr qsizetype kMaxPropertyLength = 32768;
 
@@ -80,6 +83,7 @@ public:
     QVariantMap post(const QVariantMap &payload, const QString &issue, const QString &cloud, const QString &mode);
 
 private:
+    void pause(std::chrono::milliseconds delay);
     std::chrono::milliseconds retryDelay(qint64 status, const HTTPTransport::RetryHint &hint, int attempt) const;
 
     OAuthSession m_session;

@@ -336,6 +336,33 @@ TEST_F(StandinTest, HoldsPropertiesToJirasLengthLimits)
     EXPECT_EQ(m_server.worklogCount(QStringLiteral("ED-1")), 1);
 }
 
+TEST_F(StandinTest, LimitsBurstsAndWritesPerIssueWithRetryAfter)
+{
+    m_server.setBurstLimit(3, 60000);
+    const QString myself = api(QStringLiteral("/myself"));
+    EXPECT_TRUE(get(myself, m_token).header("X-RateLimit-NearLimit").isEmpty());
+    EXPECT_EQ(get(myself, m_token).header("X-RateLimit-Remaining"), QByteArray("1"));
+    EXPECT_EQ(get(myself, m_token).header("X-RateLimit-NearLimit"), QByteArray("true"));
+    const Reply refused = get(myself, m_token);
+    EXPECT_EQ(refused.status, 429);
+    const int retryAfter = refused.header("Retry-After").toInt();
+    EXPECT_GE(retryAfter, 1);
+    EXPECT_LE(retryAfter, 60);
+    EXPECT_EQ(refused.header("RateLimit-Reason"), QByteArray("jira-burst-based"));
+    // The sign-in service is not part of the gateway's budget.
+    EXPECT_EQ(post(m_server.origin() + QStringLiteral("/oauth/refresh"), R"({"refresh_token":"x"})").status, 403);
+
+    m_server.setBurstLimit(0);
+    m_server.setIssueWriteLimit(1, 60000);
+    const QJsonObject body {{QStringLiteral("started"), QStringLiteral("2026-03-02T09:00:00.000+0100")},
+        {QStringLiteral("timeSpentSeconds"), 600}};
+    EXPECT_EQ(postWorklog(body).status, 201);
+    const Reply limited = postWorklog(body);
+    EXPECT_EQ(limited.status, 429);
+    EXPECT_EQ(limited.header("RateLimit-Reason"), QByteArray("jira-per-issue-on-write"));
+    EXPECT_EQ(m_server.worklogCount(QStringLiteral("ED-1")), 1);
+}
+
 TEST_F(StandinTest, AcceptsTimeSpentTextAndTheSixtySecondMinimum)
 {
     EXPECT_EQ(postWorklog({{QStringLiteral("started"), QStringLiteral("2026-03-02T09:00:00.000-0330")},

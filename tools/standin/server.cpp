@@ -731,6 +731,12 @@ bool Server::State::withinLimit(
         times.pop_front();
     if (qsizetype(times.size()) < limit) {
         times.push_back(now);
+        // As Jira does, the answer tells how much of the budget is left and warns below a fifth of it.
+        const qsizetype remaining = limit - qsizetype(times.size());
+        res.set_header("X-RateLimit-Limit", std::to_string(limit));
+        res.set_header("X-RateLimit-Remaining", std::to_string(remaining));
+        if (remaining * 5 < limit)
+            res.set_header("X-RateLimit-NearLimit", "true");
         return true;
     }
     // Whole seconds, rounded up, as Jira sends them: the client may come back exactly then.
