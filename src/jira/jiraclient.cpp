@@ -294,8 +294,10 @@ QVariantMap JiraClient::post(
     // sessions would then fail at the last step. Refused here, before anything is sent.
     for (const QVariant &property : payload.value(QStringLiteral("properties")).toList()) {
         const QJsonValue value = QJsonValue::fromVariant(property.toMap().value(QStringLiteral("value")));
-        const QByteArray text = value.isObject() ? QJsonDocument(value.toObject()).toJson(QJsonDocument::Compact)
-                                                 : QJsonDocument(QJsonArray {value}).toJson(QJsonDocument::Compact);
+        // A value that is not an object is measured as the one element of an array, without the brackets.
+        const QByteArray text = value.isObject()
+            ? QJsonDocument(value.toObject()).toJson(QJsonDocument::Compact)
+            : QJsonDocument(QJsonArray {value}).toJson(QJsonDocument::Compact).chopped(1).mid(1);
         if (QString::fromUtf8(text).size() > kMaxPropertyLength)
             HLServiceFail(QStringLiteral("This worklog combines too many sessions for Jira to keep their record; post "
                                          "fewer sessions at a time."));

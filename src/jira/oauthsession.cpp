@@ -303,7 +303,8 @@ QString OAuthSession::token(const QString &rejected)
     if (m_record.isEmpty())
         HLServiceFail(kConnectFirst);
     if (m_unsaved)
-        keepRecord();
+        keepRecord(1); // once per call: a store still refusing must not slow every request
+
     if (usable(m_record))
         return m_record.value(QStringLiteral("access_token")).toString();
 
@@ -319,7 +320,7 @@ QString OAuthSession::token(const QString &rejected)
     }
     m_record = refreshed(m_record);
     m_unsaved = true;
-    keepRecord();
+    keepRecord(kStoreAttempts);
     return m_record.value(QStringLiteral("access_token")).toString();
 }
 
@@ -353,17 +354,17 @@ QVariantMap OAuthSession::refreshed(const QVariantMap &record)
     return tokenRecord(answer.toMap(), broker);
 }
 
-bool OAuthSession::keepRecord()
+bool OAuthSession::keepRecord(int attempts)
 {
     // The old refresh token stopped working with this refresh: the new pair is kept in memory and written
     // again until the store takes it, or it would be lost with the process.
-    for (int attempt = 1; attempt <= kStoreAttempts; ++attempt) {
+    for (int attempt = 1; attempt <= attempts; ++attempt) {
         try {
             m_keychain.save(m_record);
             m_unsaved = false;
             return true;
         } catch (const NamedFailure &) {
-            if (attempt < kStoreAttempts)
+            if (attempt < attempts)
                 QThread::msleep(static_cast<unsigned long>(m_storeRetryPause.count()));
         }
     }

@@ -78,7 +78,7 @@ private:
     QVariantMap tokenRecord(const QVariantMap &answer, const QString &broker) const;
     QString token(const QString &rejected);
     QVariantMap refreshed(const QVariantMap &record);
-    bool keepRecord();
+    bool keepRecord(int attempts);
 
     std::unique_ptr<QObject> m_mainContext; // lives on the creating (main) thread; targets of queued calls
     HTTPTransport m_transport;
