@@ -21,7 +21,6 @@
 namespace
 {
 
-constexpr qint64 kMaxResponseBytes = 64 * 1024 * 1024;
 constexpr int kTimedOutCode = -1001; // the "timed out" code the backstop reports, as the networking layer's
 
 const QString kOnlyHTTPS = QStringLiteral("Only HTTPS connections are supported.");
@@ -30,6 +29,8 @@ const QString kTimedOut = QStringLiteral("Network request timed out. For a submi
 const QString kFailed = QStringLiteral("Network request failed. For a submitted worklog, the outcome may be "
                                        "unknown; check Jira again before any retry.");
 const QString kInvalid = QStringLiteral("The service returned an invalid response.");
+const QString kBadHeader = QStringLiteral("Jira authorization contains invalid characters. Connect again.");
+const QString kTooLarge = QStringLiteral("The service's answer was too large to read safely (over 8 MB).");
 
 void initialiseCurl()
 {
@@ -79,22 +80,60 @@ QByteArray systemCAPath()
     return path;
 }
 
-struct Sink {
-    QByteArray buffer;
-    qint64 maxBytes = kMaxResponseBytes;
-    bool overflowed = false;
+struct Received {
+    QByteArray body;
+    qint64 maxBytes = HTTPTransport::kMaxResponseBytes;
+    bool tooLarge = false;
+    HTTPTransport::RetryHint hint;
 };
 
 size_t collect(char *data, size_t size, size_t count, void *target)
 {
-    auto *sink = static_cast<Sink *>(target);
+    auto *received = static_cast<Received *>(target);
     const size_t bytes = size * count;
-    if (sink->buffer.size() + qint64(bytes) > sink->maxBytes) {
-        sink->overflowed = true;
+    if (received->body.size() + qint64(bytes) > received->maxBytes) {
+        received->tooLarge = true;
         return 0; // aborts the transfer
     }
-    sink->buffer.append(data, qsizetype(bytes));
+    received->body.append(data, qsizetype(bytes));
     return bytes;
+}
+
+// Keeps the two headers that say when a limited service takes requests again.
+size_t collectHeader(char *data, size_t size, size_t count, void *target)
+{
+    auto *received = static_cast<Received *>(target);
+    const size_t bytes = size * count;
+    const QByteArray line(data, qsizetype(bytes));
+    const qsizetype colon = line.indexOf(':');
+    if (colon <= 0)
+        return bytes;
+    const QByteArray name = line.left(colon).trimmed().toLower();
+    const QByteArray value = line.mid(colon + 1).trimmed();
+    if (name == "retry-after") {
+        // Seconds only; Atlassian sends seconds, and an HTTP date would need a trusted clock to mean anything.
+        bool number = false;
+        const qint64 seconds = value.toLongLong(&number);
+        received->hint.retryAfterSeconds = number && seconds >= 0 ? seconds : -1;
+    } else if (name == "x-ratelimit-reset") {
+        QDateTime reset = QDateTime::fromString(QString::fromLatin1(value), Qt::ISODate);
+        if (!reset.isValid())
+            reset = QDateTime::fromString(QString::fromLatin1(value), QStringLiteral("yyyy-MM-ddTHH:mmZ"));
+        received->hint.rateLimitReset = reset.toUTC();
+    } else if (name == "x-ratelimit-nearlimit") {
+        received->hint.nearLimit = value.compare("true", Qt::CaseInsensitive) == 0;
+    }
+    return bytes;
+}
+
+// A header value with a control character (a line break above all) could end the header early and smuggle
+// another one into the request.
+bool safeHeaderLine(const QByteArray &line)
+{
+    return std::none_of(line.cbegin(), line.cend(), [](char c) {
+        const auto byte = static_cast<unsigned char>(c);
+        return byte < 0x20 || byte == 0x7f;
+    });
 }
 
 bool acceptableURL(const QString &text, const QUrl &url)
@@ -217,15 +256,22 @@ HTTPTransport::~HTTPTransport() = default;
 QVariant HTTPTransport::request(
     const QString &url, const QString &method, const QVariant &body, const QString &token, qint64 &status) const
 {
+    RetryHint ignored;
+    return request(url, method, body, token, status, ignored);
+}
+
+QVariant HTTPTransport::request(const QString &url, const QString &method, const QVariant &body, const QString &token,
+    qint64 &status, RetryHint &hint) const
+{
     QByteArray payload;
     const bool hasBody = body.isValid() && !body.isNull();
     if (hasBody)
         payload = serialisedBody(body);
     bool tooLarge = false;
     const QByteArray received = perform(url, method.toUtf8(), hasBody ? &payload : nullptr, token, "application/json",
-        kMaxResponseBytes, status, tooLarge);
+        kMaxResponseBytes, status, tooLarge, hint);
     if (tooLarge)
-        HLServiceFail(kFailed);
+        HLServiceFail(kTooLarge);
     if (!received.isEmpty()) {
         QJsonParseError error;
         const QJsonDocument document = QJsonDocument::fromJson(received, &error);
@@ -239,16 +285,23 @@ QVariant HTTPTransport::request(
 
 QByteArray HTTPTransport::get(const QString &url, qint64 maxBytes, qint64 &status, bool &tooLarge) const
 {
-    return perform(url, "GET", nullptr, QString(), "*/*", std::max<qint64>(0, maxBytes), status, tooLarge);
+    RetryHint ignored;
+    return perform(url, "GET", nullptr, QString(), "*/*", std::max<qint64>(0, maxBytes), status, tooLarge, ignored);
 }
 
 QByteArray HTTPTransport::perform(const QString &url, const QByteArray &verb, const QByteArray *payload,
-    const QString &token, const char *accept, qint64 maxBytes, qint64 &status, bool &tooLarge) const
+    const QString &token, const char *accept, qint64 maxBytes, qint64 &status, bool &tooLarge, RetryHint &hint) const
 {
     tooLarge = false;
     const QUrl parsed(url, QUrl::StrictMode);
     if (!acceptableURL(url, parsed))
         HLServiceFail(kOnlyHTTPS);
+    QByteArray authorization;
+    if (!token.isNull()) {
+        authorization = "Authorization: Bearer " + token.toUtf8();
+        if (!safeHeaderLine(authorization))
+            HLServiceFail(kBadHeader);
+    }
 
     std::unique_ptr<CURL, EasyDeleter> easy(curl_easy_init());
     if (!easy)
@@ -296,18 +349,17 @@ QByteArray HTTPTransport::perform(const QString &url, const QByteArray &verb, co
     // libcurl would otherwise add a form content type to every POST and an Expect header to large ones.
     rawHeaders = curl_slist_append(rawHeaders, hasBody ? "Content-Type: application/json" : "Content-Type:");
     rawHeaders = curl_slist_append(rawHeaders, "Expect:");
-    QByteArray authorization;
-    if (!token.isNull()) {
-        authorization = "Authorization: Bearer " + token.toUtf8();
+    if (!authorization.isEmpty())
         rawHeaders = curl_slist_append(rawHeaders, authorization.constData());
-    }
     std::unique_ptr<curl_slist, ListDeleter> headers(rawHeaders);
     curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
 
-    Sink sink;
-    sink.maxBytes = maxBytes;
+    Received received;
+    received.maxBytes = maxBytes;
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, collect);
-    curl_easy_setopt(handle, CURLOPT_WRITEDATA, &sink);
+    curl_easy_setopt(handle, CURLOPT_WRITEDATA, &received);
+    curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, collectHeader);
+    curl_easy_setopt(handle, CURLOPT_HEADERDATA, &received);
 
     QElapsedTimer clock; // monotonic
     clock.start();
@@ -325,20 +377,19 @@ QByteArray HTTPTransport::perform(const QString &url, const QByteArray &verb, co
 
     long responseCode = 0;
     curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &responseCode);
-    if (result == CURLE_WRITE_ERROR && sink.overflowed) {
-        DiagnosticLog::shared().record(
-            QStringLiteral("network_failed"), networkValues(durationMs, responseCode, qint64(result)));
-        status = responseCode;
-        tooLarge = true;
-        return {};
-    }
     if (result != CURLE_OK) {
         DiagnosticLog::shared().record(
             QStringLiteral("network_failed"), networkValues(durationMs, responseCode, qint64(result)));
+        if (result == CURLE_WRITE_ERROR && received.tooLarge) {
+            status = responseCode;
+            tooLarge = true;
+            return {};
+        }
         HLServiceFail(kFailed);
     }
     DiagnosticLog::shared().record(QStringLiteral("network_completed"), networkValues(durationMs, responseCode, 0));
 
     status = responseCode;
-    return sink.buffer;
+    hint = received.hint;
+    return received.body;
 }

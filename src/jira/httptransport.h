@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QDateTime>
 #include <QString>
 #include <QVariant>
 
@@ -19,6 +20,17 @@ public:
         std::chrono::milliseconds backstop {std::chrono::seconds(30)}; // the caller never waits longer
     };
 
+    // What a rate-limited or unavailable service says about when to come back.
+    struct RetryHint {
+        qint64 retryAfterSeconds = -1; // "Retry-After" in seconds; -1: none or not a number of seconds
+        QDateTime rateLimitReset; // "X-RateLimit-Reset" (UTC); invalid: none
+        bool nearLimit = false; // "X-RateLimit-NearLimit: true": little of the request budget is left
+    };
+
+    // Answers are refused above this size: a page of 1000 worklogs is about 2 MB, so anything near this is no
+    // answer the program asked for, and decoding it would take memory out of all proportion.
+    static constexpr qint64 kMaxResponseBytes = 8 * 1024 * 1024;
+
     HTTPTransport();
     explicit HTTPTransport(const Limits &limits);
     ~HTTPTransport();
@@ -30,6 +42,9 @@ public:
     // non-2xx answer carries no JSON. `status` receives the HTTP status. Throws "JiraError" (HLServiceFail).
     QVariant request(
         const QString &url, const QString &method, const QVariant &body, const QString &token, qint64 &status) const;
+    // The same, also reporting the answer's retry headers.
+    QVariant request(const QString &url, const QString &method, const QVariant &body, const QString &token,
+        qint64 &status, RetryHint &hint) const;
 
     // A GET whose body the caller reads itself (an appcast, a download, an answer whose size matters), with
     // the same TLS, limits and redirect refusal. Returns the body; `status` receives the HTTP status. A body
@@ -41,7 +56,7 @@ public:
 
 private:
     QByteArray perform(const QString &url, const QByteArray &verb, const QByteArray *payload, const QString &token,
-        const char *accept, qint64 maxBytes, qint64 &status, bool &tooLarge) const;
+        const char *accept, qint64 maxBytes, qint64 &status, bool &tooLarge, RetryHint &hint) const;
 
     Limits m_limits;
     QByteArray m_caBundle; // system CAs plus the test CA file, when one is configured and no CA folder exists

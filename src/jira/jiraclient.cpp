@@ -4,7 +4,11 @@
 #include "jira/servicefail.h"
 #include "platform/endpoints.h"
 
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QRegularExpression>
+#include <QThread>
 
 #include <cmath>
 
@@ -26,6 +30,40 @@ QString statusHint(qint64 status)
     default:
         return QStringLiteral("Review the issue and check Jira again before retrying.");
     }
+}
+
+constexpr qsizetype kMaxDetailLength = 1000;
+
+// Jira's own explanation from an error document ("errorMessages" and the per-field "errors"), as one line of
+// plain text; empty when there is none.
+QString jiraReason(const QVariant &answer)
+{
+    const QVariantMap document = answer.toMap();
+    QStringList parts;
+    for (const QVariant &message : document.value(QStringLiteral("errorMessages")).toList()) {
+        if (message.typeId() == QMetaType::QString && !message.toString().trimmed().isEmpty())
+            parts.append(message.toString().trimmed());
+    }
+    const QVariantMap errors = document.value(QStringLiteral("errors")).toMap();
+    for (auto it = errors.cbegin(); it != errors.cend(); ++it) {
+        if (it.value().typeId() == QMetaType::QString && !it.value().toString().trimmed().isEmpty())
+            parts.append(it.key() + QStringLiteral(": ") + it.value().toString().trimmed());
+    }
+    QString reason = parts.join(QLatin1Char(' '));
+    for (QChar &c : reason) {
+        if (c.category() == QChar::Other_Control)
+            c = QLatin1Char(' ');
+    }
+    if (reason.size() > kMaxDetailLength)
+        reason = reason.left(kMaxDetailLength - 1) + QChar(0x2026);
+    return reason;
+}
+
+// A limited Jira (429) is always waited for; an unavailable one (503) only when it says how long: without
+// that, an outage is reported rather than waited out.
+bool retryableRead(qint64 status, const HTTPTransport::RetryHint &hint)
+{
+    return status == 429 || (status == 503 && hint.retryAfterSeconds >= 0);
 }
 
 } // namespace
@@ -66,12 +104,73 @@ bool JiraClient::connected() const
 QVariant JiraClient::api(const QString &path, const QString &method, const QVariant &body)
 {
     const QString url = endpoints::gatewayOrigin() + path;
-    const QString token = access();
-    qint64 status = 0;
-    const QVariant answer = request(url, method, body, token, status);
-    if (status < 200 || status >= 300)
-        HLServiceFail(QStringLiteral("Jira returned HTTP %1. %2").arg(status).arg(statusHint(status)));
-    return answer;
+    const bool read = method == QLatin1String("GET");
+    QString token = access();
+    bool renewed = false;
+    std::chrono::milliseconds waited {0};
+    for (int attempt = 1;; ++attempt) {
+        qint64 status = 0;
+        HTTPTransport::RetryHint hint;
+        const QVariant answer = m_session.transport().request(url, method, body, token, status, hint);
+        if (status >= 200 && status < 300) {
+            // Paced before Jira has to refuse: the next request waits for a fresh budget.
+            if (hint.nearLimit)
+                pause(kPacingPause);
+            return answer;
+        }
+        // A token Jira refuses before its local expiry was revoked or superseded: renewed once, then reported.
+        if (read && status == 401 && !renewed) {
+            renewed = true;
+            try {
+                token = m_session.accessAfterRejection(token);
+                continue;
+            } catch (const NamedFailure &failure) {
+                // A renewal the sign-in service refused means the same as Jira's 401; an unreachable service
+                // is its own news.
+                if (failure.reason() != OAuthSession::kUnreachable)
+                    HLServiceFail(
+                        QStringLiteral("Jira returned HTTP 401. %1").arg(statusHint(401)), jiraReason(answer));
+                throw;
+            }
+        }
+        // Only reads are sent again: a write Jira limited may still be checked for, never repeated blindly.
+        if (read && retryableRead(status, hint) && attempt < kMostAttempts) {
+            const std::chrono::milliseconds delay = retryDelay(status, hint, attempt);
+            if (delay <= kLongestWait && waited + delay <= kLongestTotalWait) {
+                const qint64 seconds = (delay.count() + 999) / 1000;
+                if (m_waitNotice)
+                    m_waitNotice(status == 429
+                            ? QStringLiteral("Jira is limiting requests; trying again in %1 s.").arg(seconds)
+                            : QStringLiteral("Jira is unavailable; trying again in %1 s.").arg(seconds));
+                pause(delay);
+                waited += delay;
+                continue;
+            }
+        }
+        HLServiceFail(
+            QStringLiteral("Jira returned HTTP %1. %2").arg(status).arg(statusHint(status)), jiraReason(answer));
+    }
+}
+
+void JiraClient::pause(std::chrono::milliseconds delay)
+{
+    if (m_sleeper)
+        m_sleeper(delay);
+    else
+        QThread::msleep(static_cast<unsigned long>(delay.count()));
+}
+
+std::chrono::milliseconds JiraClient::retryDelay(qint64 status, const HTTPTransport::RetryHint &hint, int attempt) const
+{
+    using namespace std::chrono;
+    // Jira's own word first; without one, a doubling pause (2, 4, 8 ... s) as Atlassian advises.
+    if (hint.retryAfterSeconds >= 0)
+        return seconds(std::max<qint64>(1, hint.retryAfterSeconds));
+    if (status == 429 && hint.rateLimitReset.isValid()) {
+        const qint64 until = QDateTime::currentDateTimeUtc().msecsTo(hint.rateLimitReset);
+        return milliseconds(std::max<qint64>(1000, until));
+    }
+    return seconds(qint64(1) << std::min(attempt, 10));
 }
 
 QString JiraClient::prefix(const QString &cloud)
@@ -191,6 +290,18 @@ QVariantList JiraClient::worklogs(const QString &issue, const QString &cloud)
 QVariantMap JiraClient::post(
     const QVariantMap &payload, const QString &issue, const QString &cloud, const QString &mode)
 {
+    // Jira refuses a property value over its limit only after the request; a combined worklog of very many
+    // sessions would then fail at the last step. Refused here, before anything is sent.
+    for (const QVariant &property : payload.value(QStringLiteral("properties")).toList()) {
+        const QJsonValue value = QJsonValue::fromVariant(property.toMap().value(QStringLiteral("value")));
+        // A value that is not an object is measured as the one element of an array, without the brackets.
+        const QByteArray text = value.isObject()
+            ? QJsonDocument(value.toObject()).toJson(QJsonDocument::Compact)
+            : QJsonDocument(QJsonArray {value}).toJson(QJsonDocument::Compact).chopped(1).mid(1);
+        if (QString::fromUtf8(text).size() > kMaxPropertyLength)
+            HLServiceFail(QStringLiteral("This worklog combines too many sessions for Jira to keep their record; post "
+                                         "fewer sessions at a time."));
+    }
     const QString adjust = mode == QLatin1String("auto") ? QStringLiteral("auto") : QStringLiteral("leave");
     const QString path = prefix(cloud) + QStringLiteral("/issue/") + safeIssue(issue)
         + QStringLiteral("/worklog?adjustEstimate=") + adjust + QStringLiteral("&notifyUsers=false");

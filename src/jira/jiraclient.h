@@ -9,6 +9,7 @@
 #include <QVariantMap>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 
 // Every Jira Cloud REST call the program makes, through the API gateway with the session's bearer token.
@@ -18,6 +19,19 @@ class JiraClient
 {
 public:
     using Progress = std::function<void(qint64 page, qint64 pages)>;
+    using Sleeper = std::function<void(std::chrono::milliseconds)>;
+    using WaitNotice = std::function<void(const QString &text)>;
+
+    // How long a read waits for a rate-limited or unavailable Jira: one wait at most, all waits of one request
+    // together at most, and the most attempts.
+    static constexpr std::chrono::seconds kLongestWait {60};
+    static constexpr std::chrono::seconds kLongestTotalWait {180};
+    static constexpr int kMostAttempts = 8;
+    // The pause after an answer that says little of the request budget is left: Jira's burst limits count per
+    // second, so a request after it starts a fresh second.
+    static constexpr std::chrono::seconds kPacingPause {1};
+    // Jira keeps at most this many characters in one worklog property value.
+    static constexpr qsizetype kMaxPropertyLength = 32768;
 
     JiraClient();
     // Keeps the credentials under another secret-store service (tests that run side by side).
@@ -41,8 +55,15 @@ public:
     // Set on the main thread, only ever from false to true.
     void setOffline(bool offline) { m_offline.store(offline); }
 
-    // Gateway origin + `path` with the current token; a non-2xx status throws "Jira returned HTTP ...".
+    // Gateway origin + `path` with the current token; a non-2xx status throws "Jira returned HTTP ...", with
+    // Jira's own reason as the failure's detail. A read that Jira limits (429, 503) waits as Jira asks and is
+    // sent again; a read refused with 401 is sent once more with a renewed token. A write is never resent.
     QVariant api(const QString &path, const QString &method, const QVariant &body = {});
+
+    // Told (on the work queue) each time a read waits for Jira, with the text to show. Set before any call.
+    void setWaitNotice(WaitNotice notice) { m_waitNotice = std::move(notice); }
+    // Replaces the pause of those waits (tests). Set before any call.
+    void setSleeper(Sleeper sleeper) { m_sleeper = std::move(sleeper); }
 
     // "/ex/jira/<cloud>/rest/api/3"; throws when the identifier is empty or outside [A-Za-z0-9-].
     static QString prefix(const QString &cloud);
@@ -62,6 +83,11 @@ public:
     QVariantMap post(const QVariantMap &payload, const QString &issue, const QString &cloud, const QString &mode);
 
 private:
+    void pause(std::chrono::milliseconds delay);
+    std::chrono::milliseconds retryDelay(qint64 status, const HTTPTransport::RetryHint &hint, int attempt) const;
+
     OAuthSession m_session;
     std::atomic<bool> m_offline {false};
+    WaitNotice m_waitNotice;
+    Sleeper m_sleeper;
 };

@@ -8,11 +8,18 @@
 #include <QCryptographicHash>
 #include <QDateTime>
 #include <QDesktopServices>
+#include <QDir>
+#include <QFile>
 #include <QMetaObject>
 #include <QObject>
+#include <QStandardPaths>
 #include <QThread>
 
 #include <openssl/rand.h>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 namespace
 {
@@ -29,6 +36,12 @@ const QString kDenied = QStringLiteral("Authorization was denied, expired, or fa
 const QString kInvalidCredentials = QStringLiteral("Authorization timed out or returned invalid credentials.");
 const QString kConnectFirst = QStringLiteral("Connect Jira first.");
 const QString kExpired = QStringLiteral("Jira authorization expired. Connect again.");
+const QString kRefreshBusy
+    = QStringLiteral("Another Hourloom process is renewing the Jira authorization. Try again in a moment.");
+
+// Longer than one refresh request can take (its 30 s backstop, twice), so a live holder is always waited for.
+constexpr int kRefreshLockWaitMs = 75000;
+constexpr int kStoreAttempts = 4;
 
 double nowSeconds()
 {
@@ -78,7 +91,47 @@ QUrl authorizationURL(const QVariant &value)
     return url;
 }
 
+// One refresh at a time across processes. Refresh tokens rotate: two processes refreshing with the same token
+// would either lose one pair or, outside the service's reuse leeway, get the whole family revoked. The lock is
+// an flock on a file beside the submission lock; the system drops it when its holder ends, even after a crash.
+class RefreshLock
+{
+public:
+    explicit RefreshLock(const QString &directory)
+    {
+        if (directory.isEmpty() || !QDir().mkpath(directory))
+            return;
+        const QByteArray path = QFile::encodeName(directory + QStringLiteral("/jira-refresh.lock"));
+        m_descriptor = ::open(path.constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        if (m_descriptor < 0)
+            return; // an unusable folder must not stop the sign-in; the store re-read still protects most cases
+        for (int waited = 0; ::flock(m_descriptor, LOCK_EX | LOCK_NB) != 0; waited += 50) {
+            if (waited >= kRefreshLockWaitMs) {
+                ::close(m_descriptor);
+                m_descriptor = -1;
+                HLServiceFail(kRefreshBusy);
+            }
+            QThread::msleep(50);
+        }
+    }
+    ~RefreshLock()
+    {
+        if (m_descriptor >= 0) {
+            ::flock(m_descriptor, LOCK_UN);
+            ::close(m_descriptor);
+        }
+    }
+    RefreshLock(const RefreshLock &) = delete;
+    RefreshLock &operator=(const RefreshLock &) = delete;
+
+private:
+    int m_descriptor = -1;
+};
+
 } // namespace
+
+const QString OAuthSession::kUnreachable
+    = QStringLiteral("The sign-in service could not be reached to renew the Jira authorization. Try again later.");
 
 QString Base64URL(const QByteArray &data)
 {
@@ -99,6 +152,8 @@ OAuthSession::OAuthSession()
 OAuthSession::OAuthSession(const QString &credentialService)
     : m_mainContext(std::make_unique<QObject>())
     , m_keychain(credentialService, QStringLiteral("oauth"))
+    , m_lockDirectory(
+          QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) + QStringLiteral("/Hourloom"))
     , m_queue(std::make_unique<SerialQueue>(HLApplicationIdentifier() + QStringLiteral(".jira")))
 {
 }
@@ -208,6 +263,7 @@ void OAuthSession::disconnect()
     ++m_generation;
     m_queue->async([this] {
         m_record.clear();
+        m_unsaved = false;
         try {
             m_keychain.remove();
         } catch (const NamedFailure &) {
@@ -227,24 +283,92 @@ bool OAuthSession::connected() const
 
 QString OAuthSession::access()
 {
+    return token(QString());
+}
+
+QString OAuthSession::accessAfterRejection(const QString &rejected)
+{
+    return token(rejected);
+}
+
+QString OAuthSession::token(const QString &rejected)
+{
+    const auto usable = [&rejected](const QVariantMap &record) {
+        const QString access = record.value(QStringLiteral("access_token")).toString();
+        return record.value(QStringLiteral("expires_at")).toDouble() - nowSeconds() >= kRefreshMargin
+            && (rejected.isNull() || access != rejected);
+    };
     if (m_record.isEmpty())
         m_record = load();
     if (m_record.isEmpty())
         HLServiceFail(kConnectFirst);
+    if (m_unsaved)
+        keepRecord(1); // once per call: a store still refusing must not slow every request
 
-    if (m_record.value(QStringLiteral("expires_at")).toDouble() - nowSeconds() >= kRefreshMargin)
+    if (usable(m_record))
         return m_record.value(QStringLiteral("access_token")).toString();
 
+    RefreshLock lock(m_lockDirectory);
+    // Another process may have refreshed while this one waited or since it last read the store: its pair is
+    // the live one, and this process's refresh token has been rotated out.
+    if (!m_unsaved) {
+        const QVariantMap stored = load();
+        if (!stored.isEmpty())
+            m_record = stored;
+        if (usable(m_record))
+            return m_record.value(QStringLiteral("access_token")).toString();
+    }
+    m_record = refreshed(m_record);
+    m_unsaved = true;
+    keepRecord(kStoreAttempts);
+    return m_record.value(QStringLiteral("access_token")).toString();
+}
+
+QVariantMap OAuthSession::refreshed(const QVariantMap &record)
+{
     // The refresh goes to the broker that issued the tokens, not to the one chosen in the settings now.
-    const QString broker = m_record.value(QStringLiteral("broker")).toString();
+    const QString broker = record.value(QStringLiteral("broker")).toString();
+    const QVariantMap body {
+        {QStringLiteral("refresh_token"), record.value(QStringLiteral("refresh_token")).toString()}};
+    QVariant answer;
     qint64 status = 0;
-    const QVariant answer = m_transport.request(broker + QStringLiteral("/oauth/refresh"), QStringLiteral("POST"),
-        QVariantMap {{QStringLiteral("refresh_token"), m_record.value(QStringLiteral("refresh_token")).toString()}},
-        QString(), status);
+    // A lost answer may still have rotated the token; the service accepts the rotated one again for a while
+    // (Atlassian: 10 minutes), so one prompt second attempt recovers the pair instead of losing it.
+    for (int attempt = 1;; ++attempt) {
+        bool reached = true;
+        try {
+            answer = m_transport.request(
+                broker + QStringLiteral("/oauth/refresh"), QStringLiteral("POST"), body, QString(), status);
+        } catch (const NamedFailure &) {
+            reached = false;
+        }
+        const bool unavailable = !reached || status >= 500 || status == 429;
+        if (!unavailable)
+            break;
+        // An outage is not an expired sign-in: the stored tokens stay as they are.
+        if (attempt == 2)
+            HLServiceFail(kUnreachable);
+    }
     if (status != 200 || !isMap(answer) || !validTokenAnswer(answer.toMap()))
         HLServiceFail(kExpired);
-    save(tokenRecord(answer.toMap(), broker));
-    return m_record.value(QStringLiteral("access_token")).toString();
+    return tokenRecord(answer.toMap(), broker);
+}
+
+bool OAuthSession::keepRecord(int attempts)
+{
+    // The old refresh token stopped working with this refresh: the new pair is kept in memory and written
+    // again until the store takes it, or it would be lost with the process.
+    for (int attempt = 1; attempt <= attempts; ++attempt) {
+        try {
+            m_keychain.save(m_record);
+            m_unsaved = false;
+            return true;
+        } catch (const NamedFailure &) {
+            if (attempt < attempts)
+                QThread::msleep(static_cast<unsigned long>(m_storeRetryPause.count()));
+        }
+    }
+    return false;
 }
 
 QVariantMap OAuthSession::load() const
@@ -256,6 +380,7 @@ void OAuthSession::save(const QVariantMap &record)
 {
     m_keychain.save(record);
     m_record = record;
+    m_unsaved = false;
 }
 
 QVariant OAuthSession::request(

@@ -10,6 +10,7 @@
 #include <QVariantMap>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 
@@ -25,6 +26,9 @@ class OAuthSession
 {
 public:
     using Completion = std::function<void(const PlatformError &error)>; // no error (isError() false) = success
+
+    // The failure when the sign-in service cannot be reached to renew the tokens; they stay as they are.
+    static const QString kUnreachable;
 
     OAuthSession();
     // Keeps the credentials under another secret-store service (tests that run side by side).
@@ -46,6 +50,15 @@ public:
     bool connected() const;
     // The current access token, refreshed when it expires within 60 s. Call on `queue()`. Throws "JiraError".
     QString access();
+    // After Jira refused `rejected` (revoked or superseded before its local expiry): a token other than it,
+    // refreshed unless another refresh already replaced it. Call on `queue()`. Throws "JiraError".
+    QString accessAfterRejection(const QString &rejected);
+
+    // Where the cross-process refresh lock "jira-refresh.lock" lives: the program's support folder unless set.
+    void setLockDirectory(const QString &directory) { m_lockDirectory = directory; }
+    QString lockDirectory() const { return m_lockDirectory; }
+    // Pauses between attempts to keep a refreshed pair in the secret store; replaceable so tests do not wait.
+    void setStoreRetryPause(std::chrono::milliseconds pause) { m_storeRetryPause = pause; }
 
     QVariantMap load() const;
     // Writes the record to the secret store, then caches it.
@@ -63,11 +76,17 @@ private:
     void runConnect(const QString &origin, qint64 attempt);
     void openBrowser(const QUrl &url, qint64 attempt);
     QVariantMap tokenRecord(const QVariantMap &answer, const QString &broker) const;
+    QString token(const QString &rejected);
+    QVariantMap refreshed(const QVariantMap &record);
+    bool keepRecord(int attempts);
 
     std::unique_ptr<QObject> m_mainContext; // lives on the creating (main) thread; targets of queued calls
     HTTPTransport m_transport;
     KeychainStore m_keychain;
     QVariantMap m_record; // used on the queue only
+    bool m_unsaved = false; // m_record is a refreshed pair the secret store has not taken yet
+    QString m_lockDirectory;
+    std::chrono::milliseconds m_storeRetryPause {250};
     std::atomic<qint64> m_generation {0};
     std::unique_ptr<SerialQueue> m_queue; // declared last: destroyed first, so queued work never outlives the rest
 };

@@ -3,8 +3,8 @@
 #include "diagnostics/diagnosticlog.h"
 #include "platform/failure.h"
 
-void HLServiceFail(const QString &message)
+void HLServiceFail(const QString &message, const QString &detail)
 {
     DiagnosticLog::shared().record(QStringLiteral("jira_operation_failed"));
-    throw NamedFailure(QStringLiteral("JiraError"), message);
+    throw NamedFailure(QStringLiteral("JiraError"), message, detail);
 }

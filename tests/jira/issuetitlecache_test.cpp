@@ -145,7 +145,7 @@ TEST_F(IssueTitleCacheTest, NeverFetchesForNothingToShow)
 
 TEST_F(IssueTitleCacheTest, BacksOffForFifteenMinutesAfterAFailure)
 {
-    m_server.addFault(standin::Fault::serviceUnavailable(QStringLiteral("GET"), kIssuePath));
+    m_server.addFault(standin::Fault::statusReply(QStringLiteral("GET"), kIssuePath, 500, "{}"));
     titleAndSettle(QStringLiteral("ED-1"));
     EXPECT_EQ(issueRequests(), 1);
     EXPECT_EQ(m_changes, 1);

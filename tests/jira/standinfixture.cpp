@@ -2,6 +2,7 @@
 
 #include "diagnostics/diagnosticlog.h"
 #include "jira/keychainstore.h"
+#include "platform/endpoints.h"
 #include "support/testenv.h"
 
 #include <QDateTime>
@@ -66,9 +67,9 @@ QStringList filesContaining(const QByteArray &needle)
     return found;
 }
 
-QVariantMap tokenRecord(const QString &token, const QString &broker, double expiresIn)
+QVariantMap tokenRecord(const QString &token, const QString &broker, double expiresIn, const QString &refreshToken)
 {
-    return {{QStringLiteral("access_token"), token}, {QStringLiteral("refresh_token"), QStringLiteral("unused")},
+    return {{QStringLiteral("access_token"), token}, {QStringLiteral("refresh_token"), refreshToken},
         {QStringLiteral("expires_in"), expiresIn}, {QStringLiteral("broker"), broker},
         {QStringLiteral("expires_at"), double(QDateTime::currentMSecsSinceEpoch()) / 1000.0 + expiresIn}};
 }
@@ -81,6 +82,8 @@ void StandinTest::SetUp()
     qputenv("HOURLOOM_TEST_GATEWAY", m_server.origin().toUtf8());
     qputenv("HOURLOOM_TEST_BROKER", m_server.origin().toUtf8());
     qputenv("HOURLOOM_TEST_AUTH_HOST", "127.0.0.1");
+    // Without the overrides compiled in, the tests would talk to the real services.
+    ASSERT_EQ(endpoints::gatewayOrigin(), m_server.origin()) << "configure with -DHOURLOOM_TEST_HOOKS=ON";
 }
 
 void StandinTest::TearDown()
@@ -142,8 +145,11 @@ void SignedInTest::TearDown()
 
 void SignedInTest::signIn(const QStringList &scopes)
 {
-    m_token = m_server.issueAccessToken(QString::fromLatin1(kAccount), scopes);
-    m_client->queue().sync([&] { m_client->session().save(tokenRecord(m_token, m_server.origin())); });
+    const QJsonObject pair = m_server.issueTokenPair(QString::fromLatin1(kAccount), scopes);
+    m_token = pair.value(QStringLiteral("access_token")).toString();
+    m_refreshToken = pair.value(QStringLiteral("refresh_token")).toString();
+    m_client->queue().sync(
+        [&] { m_client->session().save(tokenRecord(m_token, m_server.origin(), 3600, m_refreshToken)); });
 }
 
 } // namespace jiratest

@@ -36,7 +36,8 @@ QByteArray diagnosticsText();
 QStringList filesContaining(const QByteArray &needle);
 
 // A token record as the session stores it, for `token` issued by the stand-in.
-QVariantMap tokenRecord(const QString &token, const QString &broker, double expiresIn = 3600);
+QVariantMap tokenRecord(const QString &token, const QString &broker, double expiresIn = 3600,
+    const QString &refreshToken = QStringLiteral("unused"));
 
 // Starts the stand-in on a free port and points the program's endpoints at it.
 class StandinTest : public ::testing::Test
@@ -66,11 +67,12 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    // Replaces the stored token with one the stand-in issues for `scopes`.
+    // Replaces the stored record with a token pair the stand-in issues for `scopes` (a refresh token included).
     void signIn(const QStringList &scopes);
 
     QString m_service;
     QString m_token;
+    QString m_refreshToken;
     std::unique_ptr<JiraClient> m_client;
 };
 

@@ -118,7 +118,7 @@ Fault faultFromJson(const QJsonObject &object, QString *error)
     } else if (kind == QLatin1String("tooManyRequestsHtml")) {
         fault = Fault::tooManyRequestsHtml(method, path, times);
     } else if (kind == QLatin1String("serviceUnavailable")) {
-        fault = Fault::serviceUnavailable(method, path, times);
+        fault = Fault::serviceUnavailable(method, path, times, object.value(QStringLiteral("retryAfter")).toInt(-1));
     } else if (kind == QLatin1String("payloadTooLarge")) {
         fault = Fault::payloadTooLarge(method, path, times);
     } else if (kind == QLatin1String("scopeMismatch")) {
@@ -233,6 +233,14 @@ void handleAdmin(Server &server, const httplib::Request &req, httplib::Response 
             server.setAuthorizationUrlBase(body.value(QStringLiteral("authorizationUrlBase")).toString());
         if (body.contains(QStringLiteral("tokenLifetime")))
             server.setTokenLifetime(qint64(body.value(QStringLiteral("tokenLifetime")).toDouble()));
+        if (body.contains(QStringLiteral("burstLimit")))
+            server.setBurstLimit(body.value(QStringLiteral("burstLimit")).toInt(),
+                body.value(QStringLiteral("burstWindowMs")).toInt(1000));
+        if (body.contains(QStringLiteral("issueWriteLimit")))
+            server.setIssueWriteLimit(body.value(QStringLiteral("issueWriteLimit")).toInt(),
+                body.value(QStringLiteral("issueWriteWindowMs")).toInt(1000));
+        if (body.contains(QStringLiteral("signInLifetime")))
+            server.setSignInLifetime(qint64(body.value(QStringLiteral("signInLifetime")).toDouble()));
         if (body.contains(QStringLiteral("refreshReuseLeeway")))
             server.setRefreshReuseLeeway(qint64(body.value(QStringLiteral("refreshReuseLeeway")).toDouble()));
         if (body.contains(QStringLiteral("signIn"))) {

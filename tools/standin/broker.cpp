@@ -35,15 +35,19 @@ void Server::State::oauthStart(const httplib::Request &req, httplib::Response &r
 {
     const QJsonObject body = QJsonDocument::fromJson(QByteArray::fromStdString(req.body)).object();
     const QString challenge = body.value(QStringLiteral("challenge")).toString();
+    // The base64url form of a SHA-256 digest: 43 characters that decode to exactly 32 bytes.
     static const QRegularExpression challengePattern(QStringLiteral("^[A-Za-z0-9_-]{43}$"));
-    if (!challengePattern.match(challenge).hasMatch()) {
+    const auto decoded = QByteArray::fromBase64Encoding(challenge.toLatin1(),
+        QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals | QByteArray::AbortOnBase64DecodingErrors);
+    if (!challengePattern.match(challenge).hasMatch() || !decoded || decoded.decoded.size() != 32
+        || base64Url(decoded.decoded) != challenge) {
         answerJson(res, 400,
             QJsonObject {{QStringLiteral("error"), QStringLiteral("invalid_request")},
                 {QStringLiteral("error_description"), QStringLiteral("A S256 challenge is required.")}});
         return;
     }
     const QString state = randomHex(16);
-    signIns.insert(state, {challenge, SignIn::Stage::Pending});
+    signIns.insert(state, {challenge, SignIn::Stage::Pending, QDateTime::currentDateTimeUtc()});
     const QString base
         = authUrlBase.isEmpty() ? QStringLiteral("https://%1:%2/authorize").arg(authHost).arg(port) : authUrlBase;
     QUrlQuery query;
@@ -64,6 +68,8 @@ void Server::State::authorize(const httplib::Request &req, httplib::Response &re
 {
     const QString state = fromStd(req.get_param_value("state"));
     auto it = signIns.find(state);
+    if (it != signIns.end() && it->started.secsTo(QDateTime::currentDateTimeUtc()) >= signInLifetime)
+        it->stage = SignIn::Stage::Done; // expired: the link no longer works
     if (it == signIns.end() || it->stage != SignIn::Stage::Pending) {
         answer(
             res, 400, "<html><body><h1>This sign-in link is not valid.</h1></body></html>", "text/html;charset=UTF-8");
@@ -80,6 +86,10 @@ void Server::State::oauthPoll(const httplib::Request &req, httplib::Response &re
     const QString state = body.value(QStringLiteral("state")).toString();
     const QString verifier = body.value(QStringLiteral("verifier")).toString();
     auto it = signIns.find(state);
+    // A sign-in not completed within its lifetime is forgotten, approved or not.
+    if (it != signIns.end() && it->stage != SignIn::Stage::Done
+        && it->started.secsTo(QDateTime::currentDateTimeUtc()) >= signInLifetime)
+        it->stage = SignIn::Stage::Done;
     if (it == signIns.end() || it->stage == SignIn::Stage::Done) {
         answerJson(res, 400,
             QJsonObject {{QStringLiteral("error"), QStringLiteral("invalid_grant")},

@@ -14,6 +14,79 @@
 // The Jira Cloud API gateway: accessible resources and /ex/jira/{cloud}/rest/api/3/....
 namespace standin
 {
+namespace
+{
+
+const QString kTimeTrackingOff = QStringLiteral("Time tracking is not enabled.");
+constexpr qsizetype kMaxPropertyKey = 255;
+constexpr qsizetype kMaxPropertyValue = 32768;
+
+// The fields Jira's worklog knows; anything else fails to deserialise.
+const QStringList &worklogFields()
+{
+    static const QStringList fields = {QStringLiteral("self"), QStringLiteral("author"), QStringLiteral("updateAuthor"),
+        QStringLiteral("comment"), QStringLiteral("created"), QStringLiteral("updated"), QStringLiteral("visibility"),
+        QStringLiteral("started"), QStringLiteral("timeSpent"), QStringLiteral("timeSpentSeconds"),
+        QStringLiteral("id"), QStringLiteral("issueId"), QStringLiteral("properties")};
+    return fields;
+}
+
+// Atlassian Document Format as Jira checks it for a worklog comment: a "doc" of version 1 with a non-empty
+// content array; every node has a type, block nodes a content array, text nodes a non-empty text.
+bool validNode(const QJsonValue &value, int depth)
+{
+    if (!value.isObject() || depth > 32)
+        return false;
+    const QJsonObject node = value.toObject();
+    const QString type = node.value(QStringLiteral("type")).toString();
+    if (type.isEmpty())
+        return false;
+    if (type == QLatin1String("text"))
+        return !node.value(QStringLiteral("text")).toString().isEmpty();
+    if (type == QLatin1String("hardBreak") || type == QLatin1String("rule"))
+        return true;
+    const QJsonValue content = node.value(QStringLiteral("content"));
+    if (content.isUndefined())
+        return type == QLatin1String("paragraph");
+    if (!content.isArray())
+        return false;
+    for (const QJsonValue &child : content.toArray()) {
+        if (!validNode(child, depth + 1))
+            return false;
+    }
+    return true;
+}
+
+bool validDocument(const QJsonValue &value)
+{
+    const QJsonObject doc = value.toObject();
+    const QJsonValue content = doc.value(QStringLiteral("content"));
+    return value.isObject() && doc.value(QStringLiteral("type")) == QLatin1String("doc")
+        && doc.value(QStringLiteral("version")) == QJsonValue(1) && content.isArray() && !content.toArray().isEmpty()
+        && validNode(
+            QJsonObject {{QStringLiteral("type"), QStringLiteral("doc")}, {QStringLiteral("content"), content}}, 0);
+}
+
+// Jira's message for a property it refuses, or empty.
+QString propertyProblem(const QJsonValue &property)
+{
+    if (!property.isObject() || !property[QStringLiteral("key")].isString())
+        return QStringLiteral("Worklog properties must be key and value pairs.");
+    const QString key = property[QStringLiteral("key")].toString();
+    if (key.isEmpty() || key.size() > kMaxPropertyKey)
+        return QStringLiteral("The property key can't be longer than 255 characters.");
+    const QJsonValue value = property[QStringLiteral("value")];
+    if (value.isUndefined() || value.isNull())
+        return QStringLiteral("The property value must be a valid, non-empty JSON value.");
+    const QByteArray text = value.isObject() ? QJsonDocument(value.toObject()).toJson(QJsonDocument::Compact)
+        : value.isArray()                    ? QJsonDocument(value.toArray()).toJson(QJsonDocument::Compact)
+                          : QJsonDocument(QJsonArray {value}).toJson(QJsonDocument::Compact).mid(1).chopped(1);
+    if (QString::fromUtf8(text).size() > kMaxPropertyValue)
+        return QStringLiteral("The property value can't be longer than 32768 characters.");
+    return {};
+}
+
+} // namespace
 
 const Site *Server::State::findSite(const QString &cloudId) const
 {
@@ -239,6 +312,10 @@ void Server::State::listWorklogs(
         answerJson(res, 404, jiraErrors({kNoIssue}));
         return;
     }
+    if (untrackedIssues.contains(found->key)) {
+        answerJson(res, 404, jiraErrors({kTimeTrackingOff}));
+        return;
+    }
     // Jira answers a non-numeric paging value like a missing issue.
     auto numberParam = [&](const char *name, qint64 fallback, bool *ok) -> qint64 {
         if (!req.has_param(name))
@@ -293,6 +370,20 @@ void Server::State::createWorklog(
         answerJson(res, 404, jiraErrors({kNoIssue}));
         return;
     }
+    if (untrackedIssues.contains(found->key)) {
+        answerJson(res, 404, jiraErrors({kTimeTrackingOff}));
+        return;
+    }
+    if (noWorkPermission.contains({found->key, token.accountId})) {
+        answerJson(res, 403,
+            jiraErrors({QStringLiteral("You do not have the permission to associate a worklog to this issue.")}));
+        return;
+    }
+    if (closedIssues.contains(found->key)) {
+        answerJson(res, 400,
+            jiraErrors({QStringLiteral("You can not edit the issue as it is in a non-editable workflow state.")}));
+        return;
+    }
     const QString adjust
         = req.has_param("adjustEstimate") ? fromStd(req.get_param_value("adjustEstimate")) : QStringLiteral("auto");
     static const QStringList modes
@@ -313,6 +404,15 @@ void Server::State::createWorklog(
         return;
     }
     const QJsonObject body = document.object();
+    for (auto it = body.constBegin(); it != body.constEnd(); ++it) {
+        if (!worklogFields().contains(it.key())) {
+            answerJson(res, 400,
+                jiraErrors({QStringLiteral("Unrecognized field \"%1\" (class com.atlassian.jira.rest.v2.issue."
+                                           "worklog.WorklogJsonBean), not marked as ignorable")
+                                .arg(it.key())}));
+            return;
+        }
+    }
 
     const QDateTime started = parseJiraDateTime(body.value(QStringLiteral("started")).toString());
     if (!started.isValid()) {
@@ -350,18 +450,21 @@ void Server::State::createWorklog(
         return;
     }
     const QJsonValue comment = body.value(QStringLiteral("comment"));
-    if (!comment.isUndefined() && !(comment.isObject() && comment[QStringLiteral("type")] == QLatin1String("doc"))) {
+    if (!comment.isUndefined() && !validDocument(comment)) {
         answerJson(res, 400,
             jiraErrors({}, {{QStringLiteral("comment"), QStringLiteral("Comment must be an Atlassian Document.")}}));
         return;
     }
     const QJsonValue properties = body.value(QStringLiteral("properties"));
     if (!properties.isUndefined()) {
-        bool valid = properties.isArray();
-        for (const QJsonValue &property : properties.toArray())
-            valid = valid && property.isObject() && property[QStringLiteral("key")].isString();
-        if (!valid) {
-            answerJson(res, 400, jiraErrors({QStringLiteral("Worklog properties must be key and value pairs.")}));
+        QString problem
+            = properties.isArray() ? QString() : QStringLiteral("Worklog properties must be key and value pairs.");
+        for (const QJsonValue &property : properties.toArray()) {
+            if (problem.isEmpty())
+                problem = propertyProblem(property);
+        }
+        if (!problem.isEmpty()) {
+            answerJson(res, 400, jiraErrors({problem}));
             return;
         }
     }
@@ -373,6 +476,9 @@ void Server::State::createWorklog(
                             .arg(worklogLimit)}));
         return;
     }
+
+    if (!withinLimit(issueWrites[found->key], issueWriteLimit, issueWriteWindowMs, res, "jira-per-issue-on-write"))
+        return;
 
     Worklog worklog;
     worklog.issueKey = found->key;

@@ -33,8 +33,10 @@ int main(int argc, char *argv[])
         QStringLiteral("Profile time zone of the demo user (IANA name)."), QStringLiteral("zone"));
     const QCommandLineOption authHostOption(QStringLiteral("auth-host"),
         QStringLiteral("Host of the authorization URLs the sign-in service hands out."), QStringLiteral("host"));
-    const QCommandLineOption noAdminOption(QStringLiteral("no-admin"), QStringLiteral("Do not serve /__admin/."));
-    parser.addOptions({portOption, seedOption, pageOption, zoneOption, authHostOption, noAdminOption});
+    // Off unless asked: whoever reaches the port could otherwise rewrite the stand-in's data and tokens.
+    const QCommandLineOption adminOption(
+        QStringLiteral("admin"), QStringLiteral("Serve the /__admin/ control endpoints."));
+    parser.addOptions({portOption, seedOption, pageOption, zoneOption, authHostOption, adminOption});
     parser.process(app);
 
     bool ok = false;
@@ -44,7 +46,7 @@ int main(int argc, char *argv[])
         return 2;
     }
     standin::Server server;
-    server.setAdminEnabled(!parser.isSet(noAdminOption));
+    server.setAdminEnabled(parser.isSet(adminOption));
     if (parser.isSet(pageOption))
         server.setPageSize(parser.value(pageOption).toInt());
     if (parser.isSet(authHostOption))

@@ -147,10 +147,13 @@ Fault Fault::tooManyRequestsHtml(const QString &method, const QString &pathPatte
     return fault;
 }
 
-Fault Fault::serviceUnavailable(const QString &method, const QString &pathPattern, int times)
+Fault Fault::serviceUnavailable(const QString &method, const QString &pathPattern, int times, int retryAfterSeconds)
 {
-    Fault fault = statusReply(
-        method, pathPattern, 503, "<html><body>Service Unavailable</body></html>", {{"Retry-After", "2"}}, times);
+    QList<QPair<QByteArray, QByteArray>> headers;
+    if (retryAfterSeconds >= 0)
+        headers.append({"Retry-After", QByteArray::number(retryAfterSeconds)});
+    Fault fault
+        = statusReply(method, pathPattern, 503, "<html><body>Service Unavailable</body></html>", headers, times);
     fault.contentType = "text/html;charset=UTF-8";
     return fault;
 }
@@ -522,6 +525,64 @@ void Server::revokeAccessToken(const QString &token)
     d->accessTokens.remove(token);
 }
 
+QJsonObject Server::issueTokenPair(const QString &accountId, const QStringList &scopes)
+{
+    std::lock_guard lock(d->mutex);
+    QStringList granted = scopes;
+    if (!granted.contains(kOffline))
+        granted.append(kOffline);
+    return d->issueTokens(accountId, granted, {}, randomHex(8));
+}
+
+void Server::setIssueEditable(const QString &key, bool editable)
+{
+    std::lock_guard lock(d->mutex);
+    if (editable)
+        d->closedIssues.remove(key.toUpper());
+    else
+        d->closedIssues.insert(key.toUpper());
+}
+
+void Server::setTimeTracking(const QString &key, bool enabled)
+{
+    std::lock_guard lock(d->mutex);
+    if (enabled)
+        d->untrackedIssues.remove(key.toUpper());
+    else
+        d->untrackedIssues.insert(key.toUpper());
+}
+
+void Server::setWorkPermission(const QString &key, const QString &accountId, bool granted)
+{
+    std::lock_guard lock(d->mutex);
+    if (granted)
+        d->noWorkPermission.remove({key.toUpper(), accountId});
+    else
+        d->noWorkPermission.insert({key.toUpper(), accountId});
+}
+
+void Server::setBurstLimit(int requests, int windowMs)
+{
+    std::lock_guard lock(d->mutex);
+    d->burstLimit = std::max(0, requests);
+    d->burstWindowMs = std::max(1, windowMs);
+    d->burstTimes.clear();
+}
+
+void Server::setIssueWriteLimit(int writes, int windowMs)
+{
+    std::lock_guard lock(d->mutex);
+    d->issueWriteLimit = std::max(0, writes);
+    d->issueWriteWindowMs = std::max(1, windowMs);
+    d->issueWrites.clear();
+}
+
+void Server::setSignInLifetime(qint64 seconds)
+{
+    std::lock_guard lock(d->mutex);
+    d->signInLifetime = seconds;
+}
+
 void Server::setAuthHost(const QString &host)
 {
     std::lock_guard lock(d->mutex);
@@ -558,7 +619,8 @@ QStringList Server::pendingSignIns() const
     std::lock_guard lock(d->mutex);
     QStringList states;
     for (auto it = d->signIns.cbegin(); it != d->signIns.cend(); ++it) {
-        if (it->stage == SignIn::Stage::Pending)
+        if (it->stage == SignIn::Stage::Pending
+            && it->started.secsTo(QDateTime::currentDateTimeUtc()) < d->signInLifetime)
             states.append(it.key());
     }
     return states;
@@ -568,7 +630,8 @@ bool Server::approve(const QString &state)
 {
     std::lock_guard lock(d->mutex);
     auto it = d->signIns.find(state);
-    if (it == d->signIns.end() || it->stage != SignIn::Stage::Pending)
+    if (it == d->signIns.end() || it->stage != SignIn::Stage::Pending
+        || it->started.secsTo(QDateTime::currentDateTimeUtc()) >= d->signInLifetime)
         return false;
     it->stage = SignIn::Stage::Approved;
     return true;
@@ -657,6 +720,53 @@ std::optional<Fault> Server::State::takeFault(const QString &method, const QStri
     return std::nullopt;
 }
 
+bool Server::State::withinLimit(
+    std::deque<qint64> &times, int limit, int windowMs, httplib::Response &res, const char *reason)
+{
+    if (limit <= 0)
+        return true;
+    const qint64 now
+        = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+              .count();
+    while (!times.empty() && times.front() <= now - windowMs)
+        times.pop_front();
+    if (qsizetype(times.size()) < limit) {
+        times.push_back(now);
+        // As Jira does, the answer tells how much of the budget is left and warns below a fifth of it.
+        const qsizetype remaining = limit - qsizetype(times.size());
+        res.set_header("X-RateLimit-Limit", std::to_string(limit));
+        res.set_header("X-RateLimit-Remaining", std::to_string(remaining));
+        if (remaining * 5 < limit)
+            res.set_header("X-RateLimit-NearLimit", "true");
+        return true;
+    }
+    // Whole seconds, rounded up, as Jira sends them: the client may come back exactly then.
+    const qint64 waitMs = times.front() + windowMs - now;
+    const qint64 seconds = std::max<qint64>(1, (waitMs + 999) / 1000);
+    res.status = 429;
+    res.set_header("Retry-After", std::to_string(seconds));
+    res.set_header("X-RateLimit-Reset",
+        QDateTime::currentDateTimeUtc()
+            .addSecs(seconds + 60)
+            .toString(QStringLiteral("yyyy-MM-ddTHH:mm'Z'"))
+            .toStdString());
+    res.set_header("RateLimit-Reason", reason);
+    res.set_content("", "text/plain");
+    return false;
+}
+
+bool Server::State::refuseUnsupportedMedia(const httplib::Request &req, httplib::Response &res)
+{
+    // Jira and the sign-in service read POST bodies as JSON only; anything else is refused unread.
+    if (req.method != "POST")
+        return false;
+    const QString type = fromStd(req.get_header_value("Content-Type")).section(QLatin1Char(';'), 0, 0).trimmed();
+    if (type.compare(QLatin1String("application/json"), Qt::CaseInsensitive) == 0)
+        return false;
+    answer(res, 415, "", "text/plain");
+    return true;
+}
+
 void Server::State::handle(const httplib::Request &req, httplib::Response &res, std::unique_lock<std::mutex> &lock)
 {
     const QString method = fromStd(req.method);
@@ -718,8 +828,12 @@ void Server::State::handle(const httplib::Request &req, httplib::Response &res, 
         }
     }
 
+    const bool toGateway
+        = path.startsWith(QStringLiteral("/ex/jira/")) || path == QLatin1String("/oauth/token/accessible-resources");
     if (mode == Mode::Recorder) {
         answerJson(res, 200, QJsonObject {});
+    } else if (refuseUnsupportedMedia(req, res)) {
+    } else if (toGateway && !withinLimit(burstTimes, burstLimit, burstWindowMs, res, "jira-burst-based")) {
     } else if (method == QLatin1String("POST") && path == QLatin1String("/oauth/start")) {
         oauthStart(req, res);
     } else if (method == QLatin1String("GET") && path == QLatin1String("/authorize")) {

@@ -100,7 +100,9 @@ struct Fault {
     static Fault tooManyRequests(const QString &method, const QString &pathPattern, int retryAfterSeconds = 1,
         int times = 1); // JSON-less 429 with Retry-After, X-RateLimit-Reset and RateLimit-Reason
     static Fault tooManyRequestsHtml(const QString &method, const QString &pathPattern, int times = 1);
-    static Fault serviceUnavailable(const QString &method, const QString &pathPattern, int times = 1);
+    // An HTML 503; with `retryAfterSeconds` of 0 or more it carries Retry-After, as some of Jira's do.
+    static Fault serviceUnavailable(
+        const QString &method, const QString &pathPattern, int times = 1, int retryAfterSeconds = -1);
     static Fault payloadTooLarge(const QString &method, const QString &pathPattern, int times = 1);
     static Fault scopeMismatch(const QString &method, const QString &pathPattern, int times = 1);
     static Fault invalidGrant(int times = 1); // POST /oauth/refresh answers 403 invalid_grant
@@ -165,11 +167,25 @@ public:
     void setPageSize(int maxResults); // the cap on maxResults (default 5000)
     int pageSize() const;
     void setWorklogLimit(int perIssue); // POST answers 413 when an issue already holds this many (default 10000)
+    // A burst limit over every gateway request: more than `requests` within `windowMs` answer 429 with
+    // Retry-After (0: no limit, the default).
+    // A closed issue in a non-editable workflow state: work cannot be logged on it (400).
+    void setIssueEditable(const QString &key, bool editable);
+    // Time tracking switched off: the issue's worklogs answer 404, as documented.
+    void setTimeTracking(const QString &key, bool enabled);
+    // An account that may see the issue but lacks the "Work on issues" permission: posting answers 403.
+    void setWorkPermission(const QString &key, const QString &accountId, bool granted);
+    void setBurstLimit(int requests, int windowMs = 1000);
+    // More than `writes` worklog POSTs to one issue within `windowMs` answer 429 with RateLimit-Reason
+    // "jira-per-issue-on-write" (0: no limit, the default).
+    void setIssueWriteLimit(int writes, int windowMs = 1000);
     // An access token for `accountId` with these scopes, valid for `expiresIn` seconds on the given sites
     // (empty: every site).
     QString issueAccessToken(
         const QString &accountId, const QStringList &scopes, qint64 expiresIn = 3600, const QStringList &cloudIds = {});
     void revokeAccessToken(const QString &token);
+    // A token answer as the sign-in service gives it: access and refresh token of a new family.
+    QJsonObject issueTokenPair(const QString &accountId, const QStringList &scopes);
 
     // --- sign-in service ---
     void setAuthHost(const QString &host); // host of the authorization URL (default "127.0.0.1")
@@ -179,7 +195,10 @@ public:
     // Who a sign-in approves and with which scopes (default: the first user added, all four scopes).
     void setSignInGrant(const QString &accountId, const QStringList &scopes);
     void setTokenLifetime(qint64 expiresInSeconds); // expires_in of issued tokens (default 3600)
-    void setRefreshReuseLeeway(qint64 seconds); // a rotated refresh token still works this long (default 0)
+    // A rotated refresh token still works this long (default 600, Atlassian's leeway); reused later, the whole
+    // family is revoked.
+    void setRefreshReuseLeeway(qint64 seconds);
+    void setSignInLifetime(qint64 seconds); // a pending sign-in expires after this long (default 600)
     QStringList pendingSignIns() const; // states started but not yet approved
     bool approve(const QString &state); // what fetching the authorization page does
     bool deny(const QString &state); // polling then answers 400 access_denied

@@ -9,11 +9,13 @@
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QMap>
+#include <QSet>
 #include <QTemporaryDir>
 
 #include <httplib.h>
 
 #include <condition_variable>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -60,6 +62,7 @@ struct SignIn {
     enum class Stage { Pending, Approved, Denied, Done };
     QString challenge;
     Stage stage = Stage::Pending;
+    QDateTime started;
 };
 
 struct StoredWorklog {
@@ -99,6 +102,15 @@ struct Server::State {
     qint64 sequence = 0;
     int pageSize = 5000;
     int worklogLimit = 10000;
+    QSet<QString> closedIssues; // by upper-case key
+    QSet<QString> untrackedIssues;
+    QSet<QPair<QString, QString>> noWorkPermission; // (key, account)
+    int burstLimit = 0;
+    int burstWindowMs = 1000;
+    std::deque<qint64> burstTimes; // monotonic ms of the gateway requests within the window
+    int issueWriteLimit = 0;
+    int issueWriteWindowMs = 1000;
+    QHash<QString, std::deque<qint64>> issueWrites;
 
     QHash<QString, AccessToken> accessTokens;
     QHash<QString, RefreshToken> refreshTokens;
@@ -107,7 +119,8 @@ struct Server::State {
     QString grantAccount;
     QStringList grantScopes = {kReadWork, kWriteWork, kReadUser, kOffline};
     qint64 tokenLifetime = 3600;
-    qint64 reuseLeeway = 0;
+    qint64 reuseLeeway = 600;
+    qint64 signInLifetime = 600;
     QHash<QString, SignIn> signIns;
 
     QMap<QPair<QString, QString>, Rate> rates;
@@ -118,6 +131,10 @@ struct Server::State {
     // Everything below runs with `mutex` held.
     void handle(const httplib::Request &req, httplib::Response &res, std::unique_lock<std::mutex> &lock);
     std::optional<Fault> takeFault(const QString &method, const QString &path);
+    // Counts one request against a sliding window; false (and 429 in `res`) when the window is full.
+    static bool withinLimit(
+        std::deque<qint64> &times, int limit, int windowMs, httplib::Response &res, const char *reason);
+    bool refuseUnsupportedMedia(const httplib::Request &req, httplib::Response &res);
 
     void oauthStart(const httplib::Request &req, httplib::Response &res);
     void authorize(const httplib::Request &req, httplib::Response &res);
