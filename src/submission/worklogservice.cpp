@@ -70,16 +70,29 @@ NamedFailure failure(const char *name, const char *reason)
     return NamedFailure(QString::fromLatin1(name), QString::fromUtf8(reason));
 }
 
-// The user's own worklogs of an issue. Comparison and manual matching ignore every other author entirely, so
-// filtering once per fetched issue spares each draft a walk over a busy issue's colleagues' worklogs.
+// The user's own worklogs of an issue, each with only the fields the comparison and the manual matching read,
+// the comment already as the plain text they read it as. Both ignore every other author entirely, so filtering
+// once per fetched issue spares each draft a walk over a busy issue's colleagues' worklogs.
 QVariantList ownWorklogs(const QVariantList &worklogs, const QString &account)
 {
+    static const QString comment = QStringLiteral("comment");
+    static const QString read[] = {QStringLiteral("id"), QStringLiteral("started"), QStringLiteral("timeSpentSeconds"),
+        QStringLiteral("properties")};
     QVariantList own;
-    for (const QVariant &worklog : worklogs) {
-        const QVariant author
-            = worklog.toMap().value(QStringLiteral("author")).toMap().value(QStringLiteral("accountId"));
-        if (isText(author) && author.toString() == account)
-            own.append(worklog);
+    for (const QVariant &item : worklogs) {
+        const QVariantMap worklog = item.toMap();
+        const QVariant author = worklog.value(QStringLiteral("author")).toMap().value(QStringLiteral("accountId"));
+        if (!isText(author) || author.toString() != account)
+            continue;
+        QVariantMap kept {{QStringLiteral("author"), QVariantMap {{QStringLiteral("accountId"), author}}}};
+        for (const QString &key : read) {
+            const auto value = worklog.constFind(key);
+            if (value != worklog.constEnd())
+                kept.insert(key, *value);
+        }
+        if (worklog.contains(comment))
+            kept.insert(comment, JRText(worklog.value(comment)));
+        own.append(kept);
     }
     return own;
 }
@@ -115,6 +128,8 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
     };
 
     try {
+        // One reading of the preferences for every draft of the run.
+        const JRPreferenceSnapshot preferences;
         const QString account = text(m_client.identity(cloud), QStringLiteral("accountId"));
         const QVariantMap receipts = m_store.receipts();
 
@@ -245,6 +260,7 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
         std::stable_sort(pending.begin(), pending.end(), [&result](const Pending &left, const Pending &right) {
             return text(result.at(left.index).toMap(), kIssue) < text(result.at(right.index).toMap(), kIssue);
         });
+        JRManualMatchIndex manualMatches(account);
         for (const Pending &entry : std::as_const(pending)) {
             QVariantMap copy = result.at(entry.index).toMap();
             const QVariantList worklogs = fetched.value(text(copy, kIssue));
@@ -252,7 +268,7 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
             for (auto it = comparison.constBegin(); it != comparison.constEnd(); ++it)
                 copy.insert(it.key(), it.value());
             const bool eligible = copy.value(QStringLiteral("eligible")).toBool();
-            const QVariantList matches = eligible ? JRManualMatches(copy, worklogs, account) : QVariantList {};
+            const QVariantList matches = eligible ? manualMatches.matches(copy, worklogs) : QVariantList {};
             copy.insert(QStringLiteral("manual_matches"), matches);
             if (!matches.isEmpty())
                 copy.insert(
