@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <map>
 #include <unordered_map>
 #include <vector>
 
@@ -33,9 +34,18 @@ struct Candidate {
                 QStringLiteral("Same duration"), QStringLiteral("Same duration and comment")};
         QVariant &record = records[size_t(score)];
         if (!record.isValid()) {
-            record = QVariantMap {{QStringLiteral("id"), id}, {QStringLiteral("started"), started},
-                {QStringLiteral("seconds"), hasSpent ? spent : qint64(0)}, {QStringLiteral("comment"), text},
-                {QStringLiteral("score"), score}, {QStringLiteral("reason"), reasons[score]}};
+            // Keys in their sorted order, each placed at the end without a search.
+            std::map<QString, QVariant> fields;
+            const auto add = [&fields](const QString &key, QVariant value) {
+                fields.emplace_hint(fields.end(), key, std::move(value));
+            };
+            add(QStringLiteral("comment"), text);
+            add(QStringLiteral("id"), id);
+            add(QStringLiteral("reason"), reasons[score]);
+            add(QStringLiteral("score"), score);
+            add(QStringLiteral("seconds"), hasSpent ? spent : qint64(0));
+            add(QStringLiteral("started"), started);
+            record = QVariantMap(std::move(fields));
         }
         return record;
     }
