@@ -70,29 +70,16 @@ NamedFailure failure(const char *name, const char *reason)
     return NamedFailure(QString::fromLatin1(name), QString::fromUtf8(reason));
 }
 
-// The user's own worklogs of an issue, each with only the fields the comparison and the manual matching read,
-// the comment already as the plain text they read it as. Both ignore every other author entirely, so filtering
-// once per fetched issue spares each draft a walk over a busy issue's colleagues' worklogs.
+// The user's own worklogs of an issue. Comparison and manual matching ignore every other author entirely, so
+// filtering once per fetched issue spares each draft a walk over a busy issue's colleagues' worklogs.
 QVariantList ownWorklogs(const QVariantList &worklogs, const QString &account)
 {
-    static const QString comment = QStringLiteral("comment");
-    static const QString read[] = {QStringLiteral("id"), QStringLiteral("started"), QStringLiteral("timeSpentSeconds"),
-        QStringLiteral("properties")};
     QVariantList own;
-    for (const QVariant &item : worklogs) {
-        const QVariantMap worklog = item.toMap();
-        const QVariant author = worklog.value(QStringLiteral("author")).toMap().value(QStringLiteral("accountId"));
-        if (!isText(author) || author.toString() != account)
-            continue;
-        QVariantMap kept {{QStringLiteral("author"), QVariantMap {{QStringLiteral("accountId"), author}}}};
-        for (const QString &key : read) {
-            const auto value = worklog.constFind(key);
-            if (value != worklog.constEnd())
-                kept.insert(key, *value);
-        }
-        if (worklog.contains(comment))
-            kept.insert(comment, JRText(worklog.value(comment)));
-        own.append(kept);
+    for (const QVariant &worklog : worklogs) {
+        const QVariant author
+            = worklog.toMap().value(QStringLiteral("author")).toMap().value(QStringLiteral("accountId"));
+        if (isText(author) && author.toString() == account)
+            own.append(worklog);
     }
     return own;
 }
