@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <new>
 #include <stdexcept>
 #include <string_view>
 
@@ -13,6 +14,36 @@ namespace
 
 constexpr int kBusyTimeoutMs = 300;
 constexpr std::string_view kActivitySuffix = "_activity";
+// Past this many rows the estimate is not trusted: the list then grows as it is filled.
+constexpr int64_t kMaxReserved = int64_t(1) << 20;
+
+// Room for every row before the first is read. Growing the list while it is filled costs more than the
+// conversion itself: each doubling moves every record and touches fresh memory. The span of the row ids is
+// found in two index seeks and is the exact count for a table whose ids have no gaps, an upper bound for any
+// other; it is only an estimate, so a query that fails here (a table without row ids) just leaves it out.
+void reserveFor(DB &db, const std::vector<std::string> &tables, std::vector<Activity> &activities)
+{
+    int64_t rows = 0;
+    for (const std::string &table : tables) {
+        const std::string name = quote(table);
+        const std::string sql = "SELECT (SELECT max(rowid) FROM " + name + ")-(SELECT min(rowid) FROM " + name + ")";
+        sqlite3_stmt *span = nullptr;
+        if (sqlite3_prepare_v2(db.handle(), sql.c_str(), static_cast<int>(sql.size()) + 1, &span, nullptr) == SQLITE_OK
+            && sqlite3_step(span) == SQLITE_ROW && sqlite3_column_type(span, 0) == SQLITE_INTEGER) {
+            const int64_t gap = sqlite3_column_int64(span, 0);
+            if (gap >= 0 && gap < kMaxReserved)
+                rows += gap + 1;
+        }
+        sqlite3_finalize(span);
+    }
+    if (rows > 0 && rows <= kMaxReserved) {
+        try {
+            activities.reserve(static_cast<size_t>(rows));
+        } catch (const std::bad_alloc &) {
+            // Only an estimate: the list grows as it is filled instead.
+        }
+    }
+}
 
 } // namespace
 
@@ -117,6 +148,7 @@ std::vector<Activity> readActivities(const std::string &path)
     }
 
     std::vector<Activity> activities;
+    reserveFor(db, tables, activities);
     for (const std::string &table : tables) {
         Statement rows(db,
             "SELECT id,apiId,projectId,startTime,endTime,description,seconds,active,lastChanged FROM " + quote(table));
@@ -129,12 +161,16 @@ std::vector<Activity> readActivities(const std::string &path)
             a.project = sqlite3_column_int64(s, 2);
             a.start_ms = sqlite3_column_int64(s, 3);
             a.end_ms = sqlite3_column_int64(s, 4);
-            a.description = column(rows, 5);
+            if (const auto *text = reinterpret_cast<const char *>(sqlite3_column_text(s, 5)))
+                a.description.assign(text, static_cast<size_t>(sqlite3_column_bytes(s, 5)));
             a.seconds = sqlite3_column_int64(s, 6);
             a.active = sqlite3_column_int(s, 7);
             a.changed_ms = sqlite3_column_int64(s, 8);
         }
     }
+    // A sparse table made the estimate far too large: give the unused room back.
+    if (activities.capacity() > 2 * activities.size() + 1024)
+        activities.shrink_to_fit();
     return activities;
 }
 

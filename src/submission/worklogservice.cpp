@@ -144,6 +144,8 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
     };
 
     try {
+        // One reading of the preferences for every draft of the run.
+        const JRPreferenceSnapshot preferences;
         const QString account = text(m_client.identity(cloud), QStringLiteral("accountId"));
         const QVariantMap receipts = m_store.receipts();
 
@@ -334,6 +336,7 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
         std::stable_sort(pending.begin(), pending.end(), [&result](const Pending &left, const Pending &right) {
             return text(result.at(left.index).toMap(), kIssue) < text(result.at(right.index).toMap(), kIssue);
         });
+        JRManualMatchIndex manualMatches(account);
         for (const Pending &entry : std::as_const(pending)) {
             QVariantMap copy = result.at(entry.index).toMap();
             const QVariantList worklogs = fetched.value(text(copy, kIssue));
@@ -355,7 +358,7 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
             for (auto it = comparison.constBegin(); it != comparison.constEnd(); ++it)
                 copy.insert(it.key(), it.value());
             const bool eligible = copy.value(QStringLiteral("eligible")).toBool();
-            const QVariantList matches = eligible ? JRManualMatches(copy, worklogs, account) : QVariantList {};
+            const QVariantList matches = eligible ? manualMatches.matches(copy, worklogs) : QVariantList {};
             copy.insert(QStringLiteral("manual_matches"), matches);
             if (!matches.isEmpty())
                 copy.insert(

@@ -3,11 +3,18 @@
 #include "worklogs/engineinternal.h"
 
 #include <QCryptographicHash>
+#include <QHash>
 #include <QRegularExpression>
 #include <QSettings>
 
 #include <cmath>
 #include <limits>
+#include <optional>
+
+struct JRPreferenceSnapshot::Values {
+    QSettings settings;
+    QHash<QString, std::optional<QVariant>> read; // key → stored value, nullopt when absent
+};
 
 namespace
 {
@@ -22,29 +29,61 @@ const QString kEnd = QStringLiteral("WorkdayEndMinutes");
 const QString kWeekends = QStringLiteral("WorkdayIncludesWeekends");
 const QString kReduceEstimate = QStringLiteral("ReduceEstimateOnPost");
 
+thread_local JRPreferenceSnapshot::Values *tSnapshot = nullptr;
+
+// The stored value of `key`, or nothing when none is stored.
+std::optional<QVariant> stored(const QString &key)
+{
+    if (tSnapshot) {
+        auto found = tSnapshot->read.constFind(key);
+        if (found == tSnapshot->read.constEnd()) {
+            std::optional<QVariant> value;
+            if (tSnapshot->settings.contains(key))
+                value = tSnapshot->settings.value(key);
+            found = tSnapshot->read.insert(key, value);
+        }
+        return *found;
+    }
+    QSettings settings;
+    if (!settings.contains(key))
+        return std::nullopt;
+    return settings.value(key);
+}
+
+void store(const QString &key, const QVariant &value)
+{
+    if (tSnapshot) {
+        tSnapshot->settings.setValue(key, value);
+        tSnapshot->read.remove(key);
+        return;
+    }
+    QSettings().setValue(key, value);
+}
+
 // Preferences that default to YES are read only when a value is stored: no defaults are registered.
 bool boolDefaultYes(const QString &key)
 {
-    QSettings settings;
-    return !settings.contains(key) || jrinternal::isYes(settings.value(key));
+    const std::optional<QVariant> value = stored(key);
+    return !value || jrinternal::isYes(*value);
 }
 
 bool boolDefaultNo(const QString &key)
 {
-    return jrinternal::isYes(QSettings().value(key));
+    const std::optional<QVariant> value = stored(key);
+    return value && jrinternal::isYes(*value);
 }
 
 void setBool(const QString &key, bool value)
 {
-    QSettings().setValue(key, value);
+    store(key, value);
 }
 
 int workdayMinutes(const QString &key, int fallback)
 {
-    QSettings settings;
-    if (!settings.contains(key))
+    const std::optional<QVariant> stored = ::stored(key);
+    if (!stored)
         return fallback;
-    const qint64 value = jrinternal::int64Value(settings.value(key));
+    const qint64 value = jrinternal::int64Value(*stored);
     // Compared as unsigned on purpose: negative values fall back as well.
     return quint64(value) < 1440 ? int(value) : fallback;
 }
@@ -119,9 +158,22 @@ int JRWorkdayEndMinutes()
 
 void JRSetWorkdayMinutes(int start, int end)
 {
-    QSettings settings;
-    settings.setValue(kStart, start);
-    settings.setValue(kEnd, end);
+    store(kStart, start);
+    store(kEnd, end);
+}
+
+JRPreferenceSnapshot::JRPreferenceSnapshot()
+{
+    if (!tSnapshot) {
+        m_values = std::make_unique<Values>();
+        tSnapshot = m_values.get();
+    }
+}
+
+JRPreferenceSnapshot::~JRPreferenceSnapshot()
+{
+    if (m_values)
+        tSnapshot = nullptr;
 }
 
 bool JRWorkdayIncludesWeekday(int weekday)

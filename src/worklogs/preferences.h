@@ -2,12 +2,15 @@
 
 // Worklog preferences, the rounding of tracked time, the duration text the user reads and types, the plain
 // text of Jira rich-text comments, Jira's date format and the digest used for source keys and markers.
-// Every preference getter reads the settings afresh, so a change in Settings applies to the next call.
+// Every preference getter reads the settings afresh, so a change in Settings applies to the next call, except
+// while a JRPreferenceSnapshot lives on the calling thread.
 
 #include <QDateTime>
 #include <QString>
 #include <QVariant>
 #include <QVariantMap>
+
+#include <memory>
 
 bool JRIgnoreShortSessions();
 void JRSetIgnoreShortSessions(bool ignore);
@@ -45,3 +48,21 @@ QString JRText(const QVariant &node);
 QDateTime JRDate(const QVariant &value); // invalid = nothing
 QString JRISO(const QDateTime &date);
 QString JRHash(const QString &text);
+
+// While one lives, the preference getters on its thread read each stored value once and answer from that copy
+// afterwards: a run over many drafts opens the settings once, not once per draft, and sees one consistent set
+// of preferences. Setters on the thread still write through, and the copy follows them. An inner snapshot on a
+// thread that already has one changes nothing.
+class JRPreferenceSnapshot
+{
+public:
+    JRPreferenceSnapshot();
+    ~JRPreferenceSnapshot();
+    JRPreferenceSnapshot(const JRPreferenceSnapshot &) = delete;
+    JRPreferenceSnapshot &operator=(const JRPreferenceSnapshot &) = delete;
+
+    struct Values;
+
+private:
+    std::unique_ptr<Values> m_values; // null for an inner snapshot
+};

@@ -30,10 +30,13 @@ PreparedWorklog prepare(const QVariant &entry)
     prepared.text = JRText(worklog.value(QStringLiteral("comment")));
     prepared.hasAnyTag = prepared.text.contains(QStringLiteral("[Hourloom:"))
         || prepared.text.contains(QStringLiteral("[Stintwatch Companion:"));
-    prepared.marker = JRLogMarker(worklog);
-    const QVariantMap sources = JRLogSources(worklog);
-    if (sources.size() >= 2)
-        prepared.combinedSources = sources.keys();
+    // Both live in the worklog's properties; most worklogs have none.
+    if (worklog.contains(QStringLiteral("properties"))) {
+        prepared.marker = JRLogMarker(worklog);
+        const QVariantMap sources = JRLogSources(worklog);
+        if (sources.size() >= 2)
+            prepared.combinedSources = sources.keys();
+    }
     return prepared;
 }
 

@@ -106,6 +106,30 @@ TEST_F(TrackerReader, KeepsOddNamesBytesAndTypesAsSqliteGivesThem)
         std::tuple(42, 12, 0, 3, INT64_MAX, std::string("17"), 0, 1, 7));
 }
 
+// Row ids only size the list in advance: far-apart, extreme or absent row ids change nothing that is read.
+TEST_F(TrackerReader, ReadsEveryRowWhateverItsRowIds)
+{
+    const auto row = [](const char *table, const char *id) {
+        return std::string("INSERT INTO \"") + table + "\" VALUES(" + id + ", 0, 0, 0, 0, 'x', 0, 0, 0);";
+    };
+    runSql(m_path,
+        accountTable("\"1_activity\"") + row("1_activity", "1") + row("1_activity", "3") + row("1_activity", "2000000")
+            + accountTable("\"2_activity\"") + row("2_activity", "-9223372036854775808")
+            + row("2_activity", "9223372036854775807")
+            + "CREATE TABLE \"3_activity\"(id INTEGER PRIMARY KEY, apiId, projectId, startTime, endTime, description, "
+              "seconds, active, lastChanged) WITHOUT ROWID;"
+            + row("3_activity", "6") + row("3_activity", "5") + accountTable("\"4_activity\"")
+            + row("4_activity", "900000") + row("4_activity", "10"));
+
+    std::vector<std::pair<std::string, int64_t>> seen;
+    for (const tracker::Activity &a : tracker::readActivities(m_path))
+        seen.emplace_back(a.source, a.id);
+    const decltype(seen) expected {{"1_activity", 1}, {"1_activity", 3}, {"1_activity", 2000000},
+        {"2_activity", INT64_MIN}, {"2_activity", INT64_MAX}, {"3_activity", 5}, {"3_activity", 6}, {"4_activity", 10},
+        {"4_activity", 900000}};
+    EXPECT_EQ(seen, expected);
+}
+
 TEST_F(TrackerReader, UnusableFilesFailWithSqliteMessage)
 {
     EXPECT_EQ(readError(m_path), "unable to open database file");

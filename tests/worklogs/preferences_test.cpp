@@ -5,6 +5,8 @@
 
 #include <QCryptographicHash>
 
+#include <future>
+
 using namespace wl;
 
 namespace
@@ -147,6 +149,31 @@ TEST(Hash, IsSha256OfUtf8InLowerCaseHex)
     EXPECT_EQ(JRHash(S("abc")), S("ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"));
     EXPECT_EQ(JRHash(S("\xc3\xbc")),
         QString::fromLatin1(QCryptographicHash::hash("\xc3\xbc", QCryptographicHash::Sha256).toHex()));
+}
+
+TEST_F(Preferences, SnapshotReadsEachValueOnceAndFollowsOnlyItsOwnThreadsWrites)
+{
+    {
+        const JRPreferenceSnapshot snapshot;
+        EXPECT_TRUE(JRIgnoreShortSessions());
+        // Another writer during the run: the run keeps the value it started with; other threads read afresh.
+        QSettings().setValue(S("IgnoreSessionsUnderOneMinute"), false);
+        EXPECT_TRUE(JRIgnoreShortSessions());
+        EXPECT_FALSE(std::async(std::launch::async, JRIgnoreShortSessions).get());
+        {
+            const JRPreferenceSnapshot inner; // an inner one neither rereads nor ends the outer one
+            EXPECT_TRUE(JRIgnoreShortSessions());
+        }
+        EXPECT_TRUE(JRIgnoreShortSessions());
+        // The run's own writes apply at once.
+        JRSetWorkdayMinutes(600, 900);
+        EXPECT_EQ(JRWorkdayStartMinutes(), 600);
+        JRSetCombineDailyByIssue(false);
+        EXPECT_FALSE(JRCombineDailyByIssue());
+    }
+    EXPECT_FALSE(JRIgnoreShortSessions());
+    EXPECT_EQ(JRWorkdayEndMinutes(), 900);
+    EXPECT_FALSE(QSettings().value(S("CombineDailyByIssue")).toBool());
 }
 
 } // namespace
