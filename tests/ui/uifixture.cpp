@@ -4,6 +4,7 @@
 #include "support/testenv.h"
 #include "worklogs/engine.h"
 
+#include <QCoreApplication>
 #include <QMainWindow>
 #include <QTest>
 #include <QTreeView>
@@ -61,6 +62,12 @@ QVariantList generatedSessions(int count, const QDate &last, int issues, int day
 
 } // namespace uitest
 
+QString WindowFixture::credentialService()
+{
+    // One secret-store entry per test process, so suites running side by side never share a sign-in.
+    return QStringLiteral("app.hourloom.test.ui.%1").arg(QCoreApplication::applicationPid());
+}
+
 void WindowFixture::SetUp()
 {
     m_server.addUser(
@@ -75,11 +82,10 @@ void WindowFixture::SetUp()
     const QString token = m_server.issueAccessToken(kAccount, scopes, 24 * 3600);
     qputenv("HOURLOOM_TEST_GATEWAY", m_server.origin().toUtf8());
     qputenv("HOURLOOM_TEST_CA_FILE", m_server.caFile().toUtf8());
-    qputenv("HOURLOOM_TEST_NO_KEYCHAIN", "1");
     JRSetCombineDailyByIssue(false);
     JRSetAutoCompareOnOpen(false);
     m_directory = testenv::freshDir(QStringLiteral("support"));
-    m_controller = std::make_unique<JiraReviewWindowController>(m_directory);
+    m_controller = std::make_unique<JiraReviewWindowController>(m_directory, credentialService());
     const QVariantMap record {{QStringLiteral("access_token"), token},
         {QStringLiteral("refresh_token"), QStringLiteral("unused")}, {QStringLiteral("expires_in"), 3600},
         {QStringLiteral("broker"), m_server.origin()},
@@ -109,6 +115,8 @@ void WindowFixture::openChecked(const QVariantList &sessions)
     m_controller->checkJira();
     ASSERT_TRUE(m_controller->busy());
     ASSERT_TRUE(waitIdle()) << qPrintable(m_controller->statusText());
+    ASSERT_TRUE(m_controller->statusText().startsWith(QStringLiteral("Checked")))
+        << qPrintable(m_controller->statusText());
 }
 
 ReviewModel *WindowFixture::model() const

@@ -4,6 +4,7 @@
 #include "app/ui/reviewmodel.h"
 
 #include "standin/server.h"
+#include "submission/qtprinters.h"
 
 #include <QDateTime>
 #include <QVariantList>
@@ -31,6 +32,7 @@ protected:
     static inline const QString kAccount = QStringLiteral("5b10aa0000000000000000aa");
     static inline const QString kCloud = QStringLiteral("11111111-2222-3333-4444-555555555555");
 
+    static QString credentialService();
     void SetUp() override;
     void TearDown() override;
 

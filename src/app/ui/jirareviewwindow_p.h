@@ -33,7 +33,7 @@ class QToolButton;
 struct JiraReviewWindowController::Private {
     enum class Period { Day, LastSevenDays, CustomRange };
 
-    Private(JiraReviewWindowController *owner, const QString &directory);
+    Private(JiraReviewWindowController *owner, const QString &directory, const QString &credentialService);
 
     // Window and rows (jirareviewwindowcontroller.cpp).
     void buildWindow();

@@ -45,10 +45,12 @@ QDate sessionDate(const QVariantMap &session)
 
 } // namespace
 
-JiraReviewWindowController::Private::Private(JiraReviewWindowController *owner, const QString &directory)
+JiraReviewWindowController::Private::Private(
+    JiraReviewWindowController *owner, const QString &directory, const QString &credentialService)
     : q(owner)
     , store(directory)
-    , client(std::make_unique<JiraClient>())
+    , client(credentialService.isEmpty() ? std::make_unique<JiraClient>()
+                                         : std::make_unique<JiraClient>(credentialService))
     , cache(directory)
     , receiptStore(directory)
 {
@@ -66,8 +68,14 @@ JiraReviewWindowController::Private::Private(JiraReviewWindowController *owner, 
 }
 
 JiraReviewWindowController::JiraReviewWindowController(const QString &store, QObject *parent)
+    : JiraReviewWindowController(store, QString(), parent)
+{
+}
+
+JiraReviewWindowController::JiraReviewWindowController(
+    const QString &store, const QString &credentialService, QObject *parent)
     : QObject(parent)
-    , d(new Private(this, store))
+    , d(new Private(this, store, credentialService))
 {
     d->buildWindow();
     d->titles->setDidChange([this] { d->reload(); });
@@ -264,8 +272,8 @@ void JiraReviewWindowController::Private::resetColumns()
 
 void JiraReviewWindowController::Private::restoreColumns()
 {
-    resetColumns();
     const QVariantMap stored = QSettings().value(kColumnsKey).toMap();
+    resetColumns();
     const QSignalBlocker blocker(tree->header());
     for (QAction *action : columns->actions()) {
         if (!action->isCheckable())
@@ -443,8 +451,16 @@ QVariantList JiraReviewWindowController::Private::buildRows()
             if (str(draft, "jira_receipt_state") == QStringLiteral("posted"))
                 draft.insert(QStringLiteral("status"), QStringLiteral("Submission recorded"));
             const QVariantMap last = compared.value(key);
-            const bool applies = !last.isEmpty() && str(last, "fingerprint") == JRComparisonFingerprint(draft);
+            // A title that arrived after the check changes the comment the engine would send; the row keeps
+            // the comment that was checked instead of losing the check.
+            QVariantMap probe = draft;
+            if (!last.isEmpty() && str(last, "issue_title") != str(draft, "issue_title")) {
+                probe.insert(QStringLiteral("issue_title"), last.value(QStringLiteral("issue_title")));
+                probe.insert(QStringLiteral("comment"), last.value(QStringLiteral("comment")));
+            }
+            const bool applies = !last.isEmpty() && str(last, "fingerprint") == JRComparisonFingerprint(probe);
             if (applies) {
+                draft = probe;
                 for (const char *field : {"status", "eligible", "existing", "manual_matches", "marker", "comparison_at",
                          "comparison_current", "manual_worklog_id"})
                     draft.insert(QLatin1String(field), last.value(QLatin1String(field)));
@@ -514,6 +530,10 @@ void JiraReviewWindowController::Private::applyWindowKeys(QVariantList &rows, co
         if (!row.value(QStringLiteral("can_tick")).toBool() && !pending && !busy)
             row.insert(QStringLiteral("include"), false);
         const QString issue = str(row, "issue");
+        QString title = str(row, "issue_title");
+        if (title.isEmpty() && !cloud.isEmpty() && !issue.isEmpty())
+            title = titles->cachedTitle(issue, cloud);
+        row.insert(QStringLiteral("display_title"), title);
         if (!cloud.isEmpty() && !issue.isEmpty()) {
             const QVariantMap details = titles->cachedDetails(issue, cloud);
             for (const auto &[from, into] :

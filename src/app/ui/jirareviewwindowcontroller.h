@@ -24,6 +24,8 @@ class JiraReviewWindowController : public QObject
 public:
     // `store` is the support folder: the history store, receipts, comparisons and assignments live there.
     explicit JiraReviewWindowController(const QString &store, QObject *parent = nullptr);
+    // Keeps the Jira credentials under another secret-store service (tests that run side by side).
+    JiraReviewWindowController(const QString &store, const QString &credentialService, QObject *parent = nullptr);
     ~JiraReviewWindowController() override;
 
     // The top-level window ("Worklogs"). The shell sets its menu bar; the controller never does.

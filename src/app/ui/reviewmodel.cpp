@@ -289,7 +289,7 @@ QVariant ReviewModel::groupData(int group, int column, int role) const
     case IssueColumn:
         return g.issue.isEmpty() ? QStringLiteral("Unassigned") : g.issue;
     case TitleColumn:
-        return str(first, "issue_title");
+        return str(first, "display_title");
     case TrackedColumn:
         return review::durationCell(groupSum(g, "seconds"));
     case LoggedColumn:

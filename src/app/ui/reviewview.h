@@ -38,6 +38,7 @@ public:
     StatusDelegate *statusDelegate() const { return m_status; }
     // Starts or stops the spinner animation.
     void setSpinning(bool spinning);
+    int viewState() const { return int(state()); }
 
 signals:
     void activatedRow(const QModelIndex &index);
