@@ -210,12 +210,13 @@ TEST(ReviewRules, SettlingAnIntentTicksWhatIsReadyAndCountsTheRest)
 {
     QVariantList rows {kReadyRow, row({{QStringLiteral("source_key"), QStringLiteral("k2")}}),
         row({{QStringLiteral("source_key"), QStringLiteral("k3")}, {QStringLiteral("comparison_current"), true},
-            {QStringLiteral("eligible"), true}})};
+            {QStringLiteral("eligible"), true}, {QStringLiteral("include"), true}})};
     const QHash<QString, bool> intent {{QStringLiteral("k1"), true}, {QStringLiteral("k2"), true}};
     EXPECT_EQ(settleSelectionIntent(rows, &intent), 1);
     EXPECT_TRUE(rows[0].toMap().value(QStringLiteral("include")).toBool());
     EXPECT_FALSE(rows[1].toMap().value(QStringLiteral("include")).toBool());
-    EXPECT_FALSE(rows[2].toMap().value(QStringLiteral("include")).toBool());
+    EXPECT_TRUE(rows[2].toMap().value(QStringLiteral("include")).toBool())
+        << "a row the intent does not name keeps its tick";
 
     QVariantList ticked {row({{QStringLiteral("include"), true}}),
         row({{QStringLiteral("include"), true}, {QStringLiteral("comparison_current"), true},

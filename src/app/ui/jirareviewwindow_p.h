@@ -127,6 +127,7 @@ struct JiraReviewWindowController::Private {
     bool busy = false;
     bool posting = false;
     bool postAfterCheck = false;
+    bool ticksChosen = false;
     qint64 serial = 0;
     QString status;
     QString progressText;

@@ -222,6 +222,7 @@ void JiraReviewWindowController::Private::buildWindow()
             editRow(row, false);
     });
     QObject::connect(model, &ReviewModel::choicesChanged, q, [this] {
+        ticksChosen = true;
         refreshDerivedKeys();
         updatePostButton();
     });

@@ -86,16 +86,18 @@ void JiraReviewWindowController::Private::startCompare(bool automatic)
         return;
     }
     // Ticks made before the check are the intent it settles.
-    QHash<QString, bool> wanted;
-    for (const QVariant &item : sent) {
-        const QVariantMap row = item.toMap();
-        if (row.value(QStringLiteral("include")).toBool())
-            wanted.insert(str(row, "source_key"), true);
-    }
-    if (wanted.isEmpty())
-        intent.reset();
-    else
+    // Once the user has ticked or a check has ticked for them, the ticks and unticks are choices the next
+    // check keeps; before that, the check ticks what is ready.
+    if (ticksChosen) {
+        QHash<QString, bool> wanted;
+        for (const QVariant &item : sent) {
+            const QVariantMap row = item.toMap();
+            wanted.insert(str(row, "source_key"), row.value(QStringLiteral("include")).toBool());
+        }
         intent = wanted;
+    } else {
+        intent.reset();
+    }
     const qint64 operation = ++serial;
     progress.clear();
     progressActive.clear();
@@ -215,6 +217,7 @@ void JiraReviewWindowController::Private::finishCompare(
     progress.clear();
     progressActive.clear();
     setBusy(false, false);
+    ticksChosen = true;
     setStatus(refused > 0 ? review::untickedMessage(refused) : review::checkedText(comparisonAt, now));
     if (postAfterCheck) {
         postAfterCheck = false;

@@ -231,7 +231,9 @@ int settleSelectionIntent(QVariantList &rows, const QHash<QString, bool> *intent
         const bool ready = current(row) && flag(row, "eligible");
         bool include = flag(row, "include");
         if (intent) {
-            const bool wanted = intent->value(str(row, "source_key"), false);
+            // Rows the intent does not know (another day, a new session) keep the check's own choice.
+            const QString key = str(row, "source_key");
+            const bool wanted = intent->contains(key) ? intent->value(key) : include;
             if (wanted && !ready)
                 ++refused;
             include = wanted && ready;

@@ -74,8 +74,9 @@ bool toPostEditable(const QVariantMap &row, bool busy, bool lockedBySubmission);
 qint64 toPostSeconds(const QString &text, qint64 remaining);
 QString toPostRefusal();
 
-// Sets each row's "include" from the intent (and eligibility); returns how many intended rows were not
-// eligible. Without an intent, unticks every row that is not current and eligible and returns those.
+// Sets each row's "include" from the intent (and eligibility; rows the intent does not name keep theirs);
+// returns how many intended rows were not eligible. Without an intent, unticks every row that is not current and
+// eligible and returns those.
 int settleSelectionIntent(QVariantList &rows, const QHash<QString, bool> *intent);
 QString untickedMessage(int count);
 
