@@ -467,7 +467,10 @@ QVariantList JiraReviewWindowController::Private::buildRows()
                     draft.insert(QLatin1String(field), last.value(QLatin1String(field)));
                 draft.insert(QStringLiteral("include"), false);
             }
-            if (unchanged && choices.contains(key)) {
+            // Time that reached Jira meanwhile changes what remains: earlier amounts no longer apply.
+            if (unchanged && choices.contains(key)
+                && choices.value(key).value(QStringLiteral("logged_seconds"))
+                    == draft.value(QStringLiteral("logged_seconds"))) {
                 const QVariantMap earlier = choices.value(key);
                 for (const char *field : {"include", "post_seconds", "remaining_seconds"})
                     if (earlier.contains(QLatin1String(field)))

@@ -29,7 +29,7 @@ QColor tintColor(review::Tint tint, const QPalette &palette)
 }
 
 // Draws the symbol in the tint when the icon theme has no icon of that name.
-void paintSymbol(QPainter *painter, const QRectF &box, review::Symbol symbol, const QColor &color)
+void paintSymbol(QPainter *painter, const QRectF &box, review::Symbol symbol, const QColor &color, const QColor &inner)
 {
     painter->save();
     painter->setRenderHint(QPainter::Antialiasing);
@@ -42,7 +42,7 @@ void paintSymbol(QPainter *painter, const QRectF &box, review::Symbol symbol, co
     case review::Symbol::Ready: {
         painter->setBrush(color);
         painter->drawEllipse(r);
-        QPen arrow(Qt::white, w / 8.0, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin);
+        QPen arrow(inner, w / 8.0, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin);
         painter->setPen(arrow);
         painter->drawLine(QPointF(c.x(), r.bottom() - w * 0.22), QPointF(c.x(), r.top() + w * 0.22));
         painter->drawPolyline(QPolygonF({QPointF(c.x() - w * 0.2, c.y() - w * 0.05), QPointF(c.x(), r.top() + w * 0.22),
@@ -60,7 +60,7 @@ void paintSymbol(QPainter *painter, const QRectF &box, review::Symbol symbol, co
         if (symbol == review::Symbol::Checked) {
             painter->setBrush(color);
             painter->drawEllipse(r);
-            painter->setPen(QPen(Qt::white, w / 8.0, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
+            painter->setPen(QPen(inner, w / 8.0, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
         } else {
             painter->drawEllipse(r);
         }
@@ -121,7 +121,8 @@ void StatusDelegate::paint(QPainter *painter, const QStyleOptionViewItem &option
             if (QIcon::hasThemeIcon(name))
                 QIcon::fromTheme(name).paint(painter, box);
             else
-                paintSymbol(painter, box, symbol, color);
+                paintSymbol(painter, box, symbol, color,
+                    selected ? opt.palette.color(QPalette::Highlight) : opt.palette.color(QPalette::Base));
         }
         textLeft = box.right() + 6;
     }
