@@ -44,6 +44,7 @@ struct JiraReviewWindowController::Private {
     void updatePeriodControls();
     void interval(QDateTime &from, QDateTime &to) const;
     void reload();
+    bool liveUpdate(const QVariantList &fresh);
     QVariantList buildRows();
     QVariantMap resolvedSession(const QVariantMap &session, const review::ReceiptIndex &receipts);
     void applyWindowKeys(QVariantList &rows, const review::ReceiptIndex &receipts);
@@ -144,6 +145,8 @@ struct JiraReviewWindowController::Private {
     QHash<QString, QString> progress;
     QSet<QString> progressActive;
     QSet<QString> lockedSet;
+    // Source key -> row, for the live update; rebuilt lazily after every reload.
+    QHash<QString, int> rowBySource;
     QVariantMap receipts;
     QDateTime receiptsStamp;
     QString receiptsError;

@@ -28,19 +28,19 @@ namespace
 const QString kColumnsKey = QStringLiteral("WorklogsColumns");
 const QString kGeometryKey = QStringLiteral("JiraReviewWindow");
 
-QString str(const QVariantMap &map, const char *key)
+QString str(const QVariantMap &map, const QString &key)
 {
-    return map.value(QLatin1String(key)).toString();
+    return map.value(key).toString();
 }
 
-qint64 num(const QVariantMap &map, const char *key)
+qint64 num(const QVariantMap &map, const QString &key)
 {
-    return map.value(QLatin1String(key)).toLongLong();
+    return map.value(key).toLongLong();
 }
 
 QDate sessionDate(const QVariantMap &session)
 {
-    return QDateTime::fromMSecsSinceEpoch(num(session, "start_ms")).date();
+    return QDateTime::fromMSecsSinceEpoch(num(session, QStringLiteral("start_ms"))).date();
 }
 
 } // namespace
@@ -377,17 +377,18 @@ QVariantMap JiraReviewWindowController::Private::resolvedSession(
         const QString key = JRSourceKey(session);
         for (const QVariant &item : index.receiptsFor(key)) {
             const QVariantMap receipt = item.toMap();
-            if (str(receipt, "source_key") != key)
+            if (str(receipt, QStringLiteral("source_key")) != key)
                 continue;
-            if (str(receipt, "state") == QStringLiteral("posted")) {
+            if (str(receipt, QStringLiteral("state")) == QStringLiteral("posted")) {
                 const QVariantMap payload = receipt.value(QStringLiteral("payload")).toMap();
                 QString comment = JRText(payload.value(QStringLiteral("comment")));
                 const qsizetype tag = comment.indexOf(QStringLiteral("\n[Hourloom:"));
                 if (tag >= 0)
                     comment.truncate(tag);
-                resolved.insert(QStringLiteral("issue"), str(receipt, "issue"));
+                resolved.insert(QStringLiteral("issue"), str(receipt, QStringLiteral("issue")));
                 resolved.insert(QStringLiteral("comment"), comment);
-                resolved.insert(QStringLiteral("jira_logged_seconds"), num(payload, "timeSpentSeconds"));
+                resolved.insert(
+                    QStringLiteral("jira_logged_seconds"), num(payload, QStringLiteral("timeSpentSeconds")));
                 resolved.insert(QStringLiteral("jira_receipt_state"), QStringLiteral("posted"));
                 resolved.insert(QStringLiteral("assignment_locked"), true);
             } else {
@@ -395,8 +396,9 @@ QVariantMap JiraReviewWindowController::Private::resolvedSession(
             }
         }
     }
-    const QString issue = str(resolved, "issue");
-    if (!issue.isEmpty() && issue != QStringLiteral("Unassigned") && str(resolved, "issue_title").isEmpty()) {
+    const QString issue = str(resolved, QStringLiteral("issue"));
+    if (!issue.isEmpty() && issue != QStringLiteral("Unassigned")
+        && str(resolved, QStringLiteral("issue_title")).isEmpty()) {
         QString title = q->titleForIssue ? q->titleForIssue(issue) : QString();
         if (title.isEmpty() && !cloud.isEmpty())
             title = titles->title(issue, cloud, true);
@@ -419,10 +421,10 @@ QVariantList JiraReviewWindowController::Private::buildRows()
     hiddenShort = 0;
     for (const QVariant &item : std::as_const(sessions)) {
         const QVariantMap session = item.toMap();
-        const qint64 start = num(session, "start_ms");
+        const qint64 start = num(session, QStringLiteral("start_ms"));
         if (start < fromMs || start >= toMs)
             continue;
-        const qint64 end = num(session, "end_ms");
+        const qint64 end = num(session, QStringLiteral("end_ms"));
         const bool running = session.value(QStringLiteral("source_running")).toBool();
         if (hideShort && !running && end >= start && end - start < 60000) {
             ++hiddenShort;
@@ -435,7 +437,7 @@ QVariantList JiraReviewWindowController::Private::buildRows()
     QHash<QString, QVariantMap> choices;
     for (const QVariant &item : model->rows()) {
         const QVariantMap row = item.toMap();
-        choices.insert(str(row, "source_key"), row);
+        choices.insert(str(row, QStringLiteral("source_key")), row);
     }
 
     QVariantList rows;
@@ -448,18 +450,20 @@ QVariantList JiraReviewWindowController::Private::buildRows()
         QVariantList uncached;
         for (QVariant &item : drafts) {
             QVariantMap draft = item.toMap();
-            const QString key = str(draft, "source_key");
-            if (str(draft, "jira_receipt_state") == QStringLiteral("posted"))
+            const QString key = str(draft, QStringLiteral("source_key"));
+            if (str(draft, QStringLiteral("jira_receipt_state")) == QStringLiteral("posted"))
                 draft.insert(QStringLiteral("status"), QStringLiteral("Submission recorded"));
             const QVariantMap last = compared.value(key);
             // A title that arrived after the check changes the comment the engine would send; the row keeps
             // the comment that was checked instead of losing the check.
             QVariantMap probe = draft;
-            if (!last.isEmpty() && str(last, "issue_title") != str(draft, "issue_title")) {
+            if (!last.isEmpty()
+                && str(last, QStringLiteral("issue_title")) != str(draft, QStringLiteral("issue_title"))) {
                 probe.insert(QStringLiteral("issue_title"), last.value(QStringLiteral("issue_title")));
                 probe.insert(QStringLiteral("comment"), last.value(QStringLiteral("comment")));
             }
-            const bool applies = !last.isEmpty() && str(last, "fingerprint") == JRComparisonFingerprint(probe);
+            const bool applies
+                = !last.isEmpty() && str(last, QStringLiteral("fingerprint")) == JRComparisonFingerprint(probe);
             if (applies) {
                 draft = probe;
                 for (const char *field : {"status", "eligible", "existing", "manual_matches", "marker", "comparison_at",
@@ -484,9 +488,9 @@ QVariantList JiraReviewWindowController::Private::buildRows()
             cache.applyToDrafts(uncached, cloud, account, QDateTime::currentDateTime(), 300.0);
             QHash<QString, QVariant> applied;
             for (const QVariant &item : std::as_const(uncached))
-                applied.insert(str(item.toMap(), "source_key"), item);
+                applied.insert(str(item.toMap(), QStringLiteral("source_key")), item);
             for (QVariant &item : drafts) {
-                const QString key = str(item.toMap(), "source_key");
+                const QString key = str(item.toMap(), QStringLiteral("source_key"));
                 if (applied.contains(key)) {
                     QVariantMap draft = applied.value(key).toMap();
                     if (unchanged && choices.contains(key))
@@ -509,7 +513,7 @@ void JiraReviewWindowController::Private::applyWindowKeys(QVariantList &rows, co
         const QString key = JRCombineKey(row);
         if (key.isNull())
             continue;
-        const QString dayKey = key + QLatin1Char('|') + str(row, "started").left(10);
+        const QString dayKey = key + QLatin1Char('|') + str(row, QStringLiteral("started")).left(10);
         auto &entry = combine[dayKey];
         entry.first += 1;
         entry.second += JRPostSeconds(row);
@@ -517,11 +521,12 @@ void JiraReviewWindowController::Private::applyWindowKeys(QVariantList &rows, co
     const QHash<QString, bool> *pending = intent ? &*intent : nullptr;
     for (QVariant &item : rows) {
         QVariantMap row = item.toMap();
-        const QString sourceKey = str(row, "source_key");
+        const QString sourceKey = str(row, QStringLiteral("source_key"));
         row.insert(QStringLiteral("history_row"), history());
         const QString key = JRCombineKey(row);
-        const auto combined = key.isNull() ? QPair<int, qint64>()
-                                           : combine.value(key + QLatin1Char('|') + str(row, "started").left(10));
+        const auto combined = key.isNull()
+            ? QPair<int, qint64>()
+            : combine.value(key + QLatin1Char('|') + str(row, QStringLiteral("started")).left(10));
         if (combined.first > 1)
             row.insert(QStringLiteral("combined_seconds"), JRRoundedSeconds(combined.second));
         else
@@ -533,8 +538,8 @@ void JiraReviewWindowController::Private::applyWindowKeys(QVariantList &rows, co
         row.insert(QStringLiteral("can_edit_post"), review::toPostEditable(row, busy, lock == review::Lock::Recorded));
         if (!row.value(QStringLiteral("can_tick")).toBool() && !pending && !busy)
             row.insert(QStringLiteral("include"), false);
-        const QString issue = str(row, "issue");
-        QString title = str(row, "issue_title");
+        const QString issue = str(row, QStringLiteral("issue"));
+        QString title = str(row, QStringLiteral("issue_title"));
         if (title.isEmpty() && !cloud.isEmpty() && !issue.isEmpty())
             title = titles->cachedTitle(issue, cloud);
         row.insert(QStringLiteral("display_title"), title);
@@ -573,11 +578,12 @@ void JiraReviewWindowController::Private::reload()
     const QString current = tree->currentIndex().data(ReviewModel::SourceKeyRole).toString();
     const int scroll = tree->verticalScrollBar()->value();
     const bool inPlace = model->setRows(buildRows());
+    rowBySource.clear();
     if (!inPlace) {
         restoreViewState(selected);
         if (!current.isEmpty())
             for (int row = 0; row < model->rows().size(); ++row)
-                if (str(model->row(row), "source_key") == current)
+                if (str(model->row(row), QStringLiteral("source_key")) == current)
                     tree->selectionModel()->setCurrentIndex(model->indexOfRow(row), QItemSelectionModel::NoUpdate);
         tree->verticalScrollBar()->setValue(scroll);
     }
@@ -589,7 +595,7 @@ void JiraReviewWindowController::Private::restoreViewState(const QSet<QString> &
     tree->expandAll();
     QItemSelection selection;
     for (int row = 0; row < model->rows().size(); ++row) {
-        if (!selected.contains(str(model->row(row), "source_key")))
+        if (!selected.contains(str(model->row(row), QStringLiteral("source_key"))))
             continue;
         const QModelIndex index = model->indexOfRow(row);
         selection.select(index, index.siblingAtColumn(ReviewModel::ColumnCount - 1));
@@ -648,9 +654,63 @@ void JiraReviewWindowController::showSessions(const QVariantList &sessions)
 
 void JiraReviewWindowController::updateSessions(const QVariantList &sessions)
 {
+    if (isOpen() && d->liveUpdate(sessions))
+        return;
     d->sessions = sessions;
     if (isOpen())
         d->reload();
+}
+
+bool JiraReviewWindowController::Private::liveUpdate(const QVariantList &fresh)
+{
+    // The common tick: only running sessions grew. A running session posts alone and never changes how the
+    // day's other sessions combine, so its own row is rebuilt and nothing else is touched.
+    if (fresh.size() != sessions.size())
+        return false;
+    static const QSet<QString> growing {
+        QStringLiteral("end_ms"), QStringLiteral("duration"), QStringLiteral("source_seconds")};
+    QList<int> changed;
+    for (int i = 0; i < fresh.size(); ++i) {
+        if (fresh[i] == sessions[i])
+            continue;
+        const QVariantMap before = sessions[i].toMap(), after = fresh[i].toMap();
+        if (!before.value(QStringLiteral("source_running")).toBool()
+            || !after.value(QStringLiteral("source_running")).toBool() || before.size() != after.size())
+            return false;
+        for (auto it = after.cbegin(); it != after.cend(); ++it)
+            if (!growing.contains(it.key()) && before.value(it.key()) != it.value())
+                return false;
+        changed.append(i);
+    }
+    if (!changed.isEmpty() && rowBySource.size() != model->rows().size()) {
+        rowBySource.clear();
+        for (int row = 0; row < model->rows().size(); ++row)
+            rowBySource.insert(str(model->row(row), QStringLiteral("source_key")), row);
+    }
+    const review::ReceiptIndex none;
+    bool rowsChanged = false;
+    for (int i : std::as_const(changed)) {
+        const QVariantMap session = fresh[i].toMap();
+        const auto found = rowBySource.constFind(JRSourceKey(session));
+        if (found == rowBySource.cend())
+            continue; // outside the period
+        const QVariantList built = JRBuildDrafts({resolvedSession(session, none)}, sessionDate(session).startOfDay());
+        if (built.size() != 1)
+            return false;
+        const QVariantMap draft = built.first().toMap();
+        QVariantMap row = model->row(found.value());
+        for (const char *key :
+            {"seconds", "source_milliseconds", "logged_seconds", "remaining_seconds", "post_seconds", "session"})
+            row.insert(QLatin1String(key), draft.value(QLatin1String(key)));
+        if (row != model->row(found.value())) {
+            model->updateRow(found.value(), row);
+            rowsChanged = true;
+        }
+    }
+    sessions = fresh;
+    if (rowsChanged)
+        updatePostButton();
+    return true;
 }
 
 bool JiraReviewWindowController::isOpen() const
@@ -665,6 +725,22 @@ void JiraReviewWindowController::setReviewDay(const QDate &day)
     d->periodBox->setCurrentIndex(0);
     d->setDay(day);
     d->updatePeriodControls();
+}
+
+void JiraReviewWindowController::setRange(const QDate &from, const QDate &to)
+{
+    {
+        const QSignalBlocker blockPeriod(d->periodBox), blockFrom(d->fromEdit), blockTo(d->toEdit);
+        d->periodBox->setCurrentIndex(int(Private::Period::CustomRange));
+        d->fromEdit->setDate(from);
+        d->toEdit->setDate(to);
+    }
+    d->period = Private::Period::CustomRange;
+    d->rangeFrom = from;
+    d->rangeTo = to;
+    d->updatePeriodControls();
+    d->reload();
+    requestAutomaticCheck();
 }
 
 void JiraReviewWindowController::calendarDayChanged()

@@ -57,6 +57,8 @@ public:
 
     // The review day of the "Day" period (the window follows the calendar only while it shows today).
     void setReviewDay(const QDate &day);
+    // The "Custom Range" period from `from` to `to`, both days included.
+    void setRange(const QDate &from, const QDate &to);
     // "Post …": posts the ticked worklogs after the confirmation (re-checking Jira first when the last check
     // is over five minutes old).
     void post();

@@ -22,14 +22,14 @@
 namespace
 {
 
-QString str(const QVariantMap &map, const char *key)
+QString str(const QVariantMap &map, const QString &key)
 {
-    return map.value(QLatin1String(key)).toString();
+    return map.value(key).toString();
 }
 
-qint64 num(const QVariantMap &map, const char *key)
+qint64 num(const QVariantMap &map, const QString &key)
 {
-    return map.value(QLatin1String(key)).toLongLong();
+    return map.value(key).toLongLong();
 }
 
 QString refreshShortcut()
@@ -46,7 +46,7 @@ QString JiraReviewWindowController::Private::refusalForEdit(const QVariantMap &r
     if (busy)
         return QStringLiteral("Wait for the current Jira operation to finish.");
     if (review::Lock(row.value(QStringLiteral("locked")).toInt()) == review::Lock::Recorded
-        || !str(row, "jira_receipt_state").isEmpty()) {
+        || !str(row, QStringLiteral("jira_receipt_state")).isEmpty()) {
         return reset ? QStringLiteral("This session has a recorded or uncertain submission. Review it in Jira.")
                      : QStringLiteral("This session has a recorded or uncertain submission. Review it in Jira; local "
                                       "editing will not change that worklog.");
@@ -63,7 +63,7 @@ QMenu *JiraReviewWindowController::Private::contextMenu(const QModelIndex &index
     if (row < 0)
         return menu;
     const QVariantMap draft = model->row(row);
-    const bool unassigned = str(draft, "issue").isEmpty();
+    const bool unassigned = str(draft, QStringLiteral("issue")).isEmpty();
     auto add = [&](const QString &title, auto handler) {
         QAction *action = menu->addAction(title);
         QObject::connect(action, &QAction::triggered, q, handler);
@@ -86,7 +86,7 @@ QMenu *JiraReviewWindowController::Private::contextMenu(const QModelIndex &index
     QAction *open = add(QStringLiteral("Open Item in Jira"), [this, row] { openInJira(row); });
     const QString site = siteURL();
     open->setEnabled(site.startsWith(QStringLiteral("https://"))
-        && !IssueAssignments::issueFromInput(str(draft, "issue"), site).isNull());
+        && !IssueAssignments::issueFromInput(str(draft, QStringLiteral("issue")), site).isNull());
     return menu;
 }
 
@@ -99,17 +99,18 @@ void JiraReviewWindowController::Private::editRow(int row, bool commentOnly)
         return;
     }
     QVariantMap session = draft.value(QStringLiteral("session")).toMap();
-    session.insert(
-        QStringLiteral("issue"), str(draft, "issue").isEmpty() ? QStringLiteral("Unassigned") : str(draft, "issue"));
-    session.insert(QStringLiteral("comment"), str(draft, "comment"));
+    session.insert(QStringLiteral("issue"),
+        str(draft, QStringLiteral("issue")).isEmpty() ? QStringLiteral("Unassigned")
+                                                      : str(draft, QStringLiteral("issue")));
+    session.insert(QStringLiteral("comment"), str(draft, QStringLiteral("comment")));
     const QVariantMap result = q->editSession ? q->editSession(session, commentOnly)
                                               : SessionEditor::edit(session, siteURL(), commentOnly, window);
     if (result.isEmpty())
         return;
     try {
-        const bool all = str(result, "scope") == QStringLiteral("all");
-        const QString issue = commentOnly ? QString() : str(result, "issue");
-        assignments->saveSession(session, cloud, issue, str(result, "comment"), all,
+        const bool all = str(result, QStringLiteral("scope")) == QStringLiteral("all");
+        const QString issue = commentOnly ? QString() : str(result, QStringLiteral("issue"));
+        assignments->saveSession(session, cloud, issue, str(result, QStringLiteral("comment")), all,
             result.value(QStringLiteral("aggregate_daily")).toBool());
     } catch (const NamedFailure &failure) {
         setStatus(failure.reason());
@@ -143,14 +144,14 @@ void JiraReviewWindowController::Private::markAsLogged(int row)
         setStatus(refusal);
         return;
     }
-    const QString issue = str(draft, "issue");
+    const QString issue = str(draft, QStringLiteral("issue"));
     if (issue.isEmpty()) {
         setStatus(QStringLiteral("Assign a Jira issue to this session first, then check Jira again. Matching reads "
                                  "the worklogs of that one issue, so it cannot run while the session is unassigned."));
         return;
     }
-    const QString day = str(draft, "started").left(10);
-    const QVariantMap checked = compared.value(str(draft, "source_key"));
+    const QString day = str(draft, QStringLiteral("started")).left(10);
+    const QVariantMap checked = compared.value(str(draft, QStringLiteral("source_key")));
     if (checked.isEmpty()) {
         if (!checkedDays.isEmpty() && !checkedDays.contains(day)) {
             setStatus(QStringLiteral("This session started on %1, and Worklogs checked a different day. Set the date "
@@ -162,7 +163,7 @@ void JiraReviewWindowController::Private::markAsLogged(int row)
                       .arg(refreshShortcut()));
         return;
     }
-    if (num(draft, "seconds") < 60 && JRIgnoreShortSessions()) {
+    if (num(draft, QStringLiteral("seconds")) < 60 && JRIgnoreShortSessions()) {
         setStatus(QStringLiteral("This session is shorter than a minute, so Worklogs leaves it out. Turn off “Keep "
                                  "sessions under a minute out of Jira” in Settings → General, check Jira again, then "
                                  "mark it."));
@@ -170,7 +171,8 @@ void JiraReviewWindowController::Private::markAsLogged(int row)
     }
     const QVariantList candidates = checked.value(QStringLiteral("manual_matches")).toList();
     if (!checked.value(QStringLiteral("eligible")).toBool() && candidates.isEmpty()) {
-        setStatus(QStringLiteral("This session is not open for matching: %1.").arg(str(checked, "status")));
+        setStatus(
+            QStringLiteral("This session is not open for matching: %1.").arg(str(checked, QStringLiteral("status"))));
         return;
     }
     if (candidates.isEmpty()) {
@@ -179,22 +181,22 @@ void JiraReviewWindowController::Private::markAsLogged(int row)
                       .arg(day, issue));
         return;
     }
-    const qint64 seconds = num(draft, "seconds");
+    const qint64 seconds = num(draft, QStringLiteral("seconds"));
     const QVariantMap chosen = q->chooseMatch ? q->chooseMatch(candidates, issue, seconds)
                                               : ManualWorklogPicker::chooseMatch(candidates, issue, seconds, window);
     if (chosen.isEmpty())
         return;
     const QVariantMap exclusion {{QStringLiteral("kind"), QStringLiteral("manual")},
-        {QStringLiteral("worklog_id"), str(chosen, "id")}, {QStringLiteral("seconds"), num(chosen, "seconds")},
-        {QStringLiteral("issue"), issue}, {QStringLiteral("account"), account},
-        {QStringLiteral("confirmed_at"), JRISO(QDateTime::currentDateTime())}};
+        {QStringLiteral("worklog_id"), str(chosen, QStringLiteral("id"))},
+        {QStringLiteral("seconds"), num(chosen, QStringLiteral("seconds"))}, {QStringLiteral("issue"), issue},
+        {QStringLiteral("account"), account}, {QStringLiteral("confirmed_at"), JRISO(QDateTime::currentDateTime())}};
     try {
         assignments->setExclusion(exclusion, draft.value(QStringLiteral("session")).toMap(), cloud);
     } catch (const NamedFailure &failure) {
         setStatus(failure.reason());
         return;
     }
-    compared.remove(str(draft, "source_key"));
+    compared.remove(str(draft, QStringLiteral("source_key")));
     assignmentsChanged();
     setStatus(
         QStringLiteral("Saved locally. The matched duration now counts as logged; any remainder stays available."));
@@ -209,7 +211,7 @@ void JiraReviewWindowController::Private::ignoreForJira(int row)
         return;
     }
     const QVariantMap exclusion {{QStringLiteral("kind"), QStringLiteral("ignore")},
-        {QStringLiteral("worklog_id"), QString()}, {QStringLiteral("seconds"), num(draft, "seconds")},
+        {QStringLiteral("worklog_id"), QString()}, {QStringLiteral("seconds"), num(draft, QStringLiteral("seconds"))},
         {QStringLiteral("account"), account}, {QStringLiteral("confirmed_at"), JRISO(QDateTime::currentDateTime())}};
     try {
         assignments->setExclusion(exclusion, draft.value(QStringLiteral("session")).toMap(), cloud);
@@ -217,7 +219,7 @@ void JiraReviewWindowController::Private::ignoreForJira(int row)
         setStatus(failure.reason());
         return;
     }
-    compared.remove(str(draft, "source_key"));
+    compared.remove(str(draft, QStringLiteral("source_key")));
     assignmentsChanged();
     setStatus(QStringLiteral(
         "Saved locally. This session is excluded from Jira submission. Use Undo Jira Exclusion to restore it."));
@@ -240,7 +242,7 @@ void JiraReviewWindowController::Private::undoExclusion(int row)
         setStatus(failure.reason());
         return;
     }
-    compared.remove(str(draft, "source_key"));
+    compared.remove(str(draft, QStringLiteral("source_key")));
     comparisonAt = QDateTime();
     assignmentsChanged();
     setStatus(QStringLiteral(
@@ -250,7 +252,7 @@ void JiraReviewWindowController::Private::undoExclusion(int row)
 void JiraReviewWindowController::Private::openInJira(int row)
 {
     const QString site = siteURL();
-    const QString issue = IssueAssignments::issueFromInput(str(model->row(row), "issue"), site);
+    const QString issue = IssueAssignments::issueFromInput(str(model->row(row), QStringLiteral("issue")), site);
     if (!site.startsWith(QStringLiteral("https://")) || issue.isNull())
         return;
     QDesktopServices::openUrl(QUrl(site + QStringLiteral("/browse/") + issue));

@@ -23,19 +23,19 @@ constexpr ColumnInfo kColumns[] = {{"include", "Post", true}, {"issue", "Jira Is
     {"post_seconds", "To Post", true}, {"jira_estimate", "Estimate", true}, {"jira_remaining", "Jira Remaining", true},
     {"comment", "Comment", false}, {"status", "Jira Status", true}};
 
-QString str(const QVariantMap &map, const char *key)
+QString str(const QVariantMap &map, const QString &key)
 {
-    return map.value(QLatin1String(key)).toString();
+    return map.value(key).toString();
 }
 
-qint64 num(const QVariantMap &map, const char *key)
+qint64 num(const QVariantMap &map, const QString &key)
 {
-    return map.value(QLatin1String(key)).toLongLong();
+    return map.value(key).toLongLong();
 }
 
-bool flag(const QVariantMap &map, const char *key)
+bool flag(const QVariantMap &map, const QString &key)
 {
-    return map.value(QLatin1String(key)).toBool();
+    return map.value(key).toBool();
 }
 
 // Estimates come from the title cache and may be missing: an empty cell rather than "0m".
@@ -79,7 +79,7 @@ bool ReviewModel::setRows(const QVariantList &rows)
     QVector<Group> groups;
     QHash<QString, int> byIssue;
     for (int i = 0; i < rows.size(); ++i) {
-        const QString issue = str(rows.at(i).toMap(), "issue");
+        const QString issue = str(rows.at(i).toMap(), QStringLiteral("issue"));
         auto found = byIssue.find(issue);
         if (found == byIssue.end()) {
             found = byIssue.insert(issue, int(groups.size()));
@@ -92,7 +92,8 @@ bool ReviewModel::setRows(const QVariantList &rows)
     for (int g = 0; sameShape && g < groups.size(); ++g)
         sameShape = groups[g].issue == m_groups[g].issue && groups[g].rows == m_groups[g].rows;
     for (int i = 0; sameShape && i < rows.size(); ++i)
-        sameShape = str(rows[i].toMap(), "source_key") == str(m_rows[i].toMap(), "source_key");
+        sameShape = str(rows[i].toMap(), QStringLiteral("source_key"))
+            == str(m_rows[i].toMap(), QStringLiteral("source_key"));
 
     if (!sameShape) {
         beginResetModel();
@@ -242,7 +243,7 @@ qint64 ReviewModel::groupSum(const Group &group, const char *key) const
     qint64 total = 0;
     for (int i : group.rows) {
         const QVariantMap row = m_rows[i].toMap();
-        total += qstrcmp(key, "post_seconds") == 0 ? JRPostSeconds(row) : num(row, key);
+        total += qstrcmp(key, "post_seconds") == 0 ? JRPostSeconds(row) : num(row, QLatin1String(key));
     }
     return total;
 }
@@ -269,8 +270,8 @@ QVariant ReviewModel::groupData(int group, int column, int role) const
         int tickable = 0, ticked = 0;
         for (const QVariant &child : children) {
             const QVariantMap row = child.toMap();
-            tickable += flag(row, "can_tick") ? 1 : 0;
-            ticked += flag(row, "include") ? 1 : 0;
+            tickable += flag(row, QStringLiteral("can_tick")) ? 1 : 0;
+            ticked += flag(row, QStringLiteral("include")) ? 1 : 0;
         }
         if (ticked == 0)
             return Qt::Unchecked;
@@ -289,7 +290,7 @@ QVariant ReviewModel::groupData(int group, int column, int role) const
     case IssueColumn:
         return g.issue.isEmpty() ? QStringLiteral("Unassigned") : g.issue;
     case TitleColumn:
-        return str(first, "display_title");
+        return str(first, QStringLiteral("display_title"));
     case TrackedColumn:
         return review::durationCell(groupSum(g, "seconds"));
     case LoggedColumn:
@@ -320,17 +321,17 @@ QVariant ReviewModel::sessionData(int index, int column, int role) const
     case RowRole:
         return index;
     case SourceKeyRole:
-        return str(row, "source_key");
+        return str(row, QStringLiteral("source_key"));
     case UnavailableRole:
         return review::unavailable(row);
     case Qt::ForegroundRole:
         return review::unavailable(row) ? dimmedText() : QVariant();
     case BusyRole:
-        return flag(row, "progress_active");
+        return flag(row, QStringLiteral("progress_active"));
     case StatusTextRole:
     case StatusSymbolRole:
     case StatusTintRole: {
-        const QString progress = str(row, "progress");
+        const QString progress = str(row, QStringLiteral("progress"));
         const review::StatusLook look = progress.isEmpty() ? review::statusLook(row) : review::progressLook(progress);
         if (role == StatusTextRole)
             return look.text;
@@ -338,7 +339,7 @@ QVariant ReviewModel::sessionData(int index, int column, int role) const
     }
     case Qt::CheckStateRole:
         if (column == IncludeColumn)
-            return flag(row, "include") ? Qt::Checked : Qt::Unchecked;
+            return flag(row, QStringLiteral("include")) ? Qt::Checked : Qt::Unchecked;
         return {};
     case Qt::ToolTipRole:
         if (column == IncludeColumn)
@@ -359,27 +360,28 @@ QVariant ReviewModel::sessionData(int index, int column, int role) const
     switch (column) {
     case IncludeColumn:
         return role == Qt::AccessibleTextRole
-            ? QVariant(flag(row, "include") ? QStringLiteral("Ticked") : QStringLiteral("Not ticked"))
+            ? QVariant(flag(row, QStringLiteral("include")) ? QStringLiteral("Ticked") : QStringLiteral("Not ticked"))
             : QVariant();
     case IssueColumn:
         return {};
     case TitleColumn: {
-        const QString activity = str(row, "activity");
-        return activity.isEmpty() ? str(row.value(QStringLiteral("session")).toMap(), "description") : activity;
+        const QString activity = str(row, QStringLiteral("activity"));
+        return activity.isEmpty() ? str(row.value(QStringLiteral("session")).toMap(), QStringLiteral("description"))
+                                  : activity;
     }
     case TrackedColumn:
-        return review::durationCell(num(row, "seconds"));
+        return review::durationCell(num(row, QStringLiteral("seconds")));
     case LoggedColumn:
-        return JRDurationText(num(row, "logged_seconds"));
+        return JRDurationText(num(row, QStringLiteral("logged_seconds")));
     case NotLoggedColumn:
-        return review::durationCell(num(row, "remaining_seconds"));
+        return review::durationCell(num(row, QStringLiteral("remaining_seconds")));
     case ToPostColumn:
         return review::durationCell(JRPostSeconds(row));
     case EstimateColumn:
     case JiraRemainingColumn:
         return {};
     case CommentColumn:
-        return str(row, "comment");
+        return str(row, QStringLiteral("comment"));
     case StatusColumn:
         return sessionData(index, column, StatusTextRole);
     default:
@@ -398,14 +400,14 @@ Qt::ItemFlags ReviewModel::flags(const QModelIndex &index) const
     if (k == Kind::Group) {
         if (index.column() == IncludeColumn)
             for (int i : m_groups[index.row() / 2].rows)
-                if (flag(m_rows[i].toMap(), "can_tick"))
+                if (flag(m_rows[i].toMap(), QStringLiteral("can_tick")))
                     return result | Qt::ItemIsUserCheckable;
         return result;
     }
     const QVariantMap row = m_rows[rowOf(index)].toMap();
-    if (index.column() == IncludeColumn && flag(row, "can_tick"))
+    if (index.column() == IncludeColumn && flag(row, QStringLiteral("can_tick")))
         result |= Qt::ItemIsUserCheckable;
-    if (index.column() == ToPostColumn && flag(row, "can_edit_post"))
+    if (index.column() == ToPostColumn && flag(row, QStringLiteral("can_edit_post")))
         result |= Qt::ItemIsEditable;
     return result;
 }
@@ -413,7 +415,7 @@ Qt::ItemFlags ReviewModel::flags(const QModelIndex &index) const
 void ReviewModel::setTick(int index, bool ticked)
 {
     QVariantMap row = m_rows[index].toMap();
-    if (!flag(row, "can_tick") || flag(row, "include") == ticked)
+    if (!flag(row, QStringLiteral("can_tick")) || flag(row, QStringLiteral("include")) == ticked)
         return;
     row.insert(QStringLiteral("include"), ticked);
     updateRow(index, row);
@@ -439,7 +441,7 @@ bool ReviewModel::setData(const QModelIndex &index, const QVariant &value, int r
         && (flags(index) & Qt::ItemIsEditable)) {
         const int i = rowOf(index);
         QVariantMap row = m_rows[i].toMap();
-        const qint64 seconds = review::toPostSeconds(value.toString(), num(row, "remaining_seconds"));
+        const qint64 seconds = review::toPostSeconds(value.toString(), num(row, QStringLiteral("remaining_seconds")));
         if (seconds < 0) {
             emit editRefused(review::toPostRefusal());
             return false;

@@ -21,14 +21,14 @@ namespace
 const QString kSelectedCloud = QStringLiteral("JiraSelectedCloud");
 const QString kAccountsByCloud = QStringLiteral("JiraAccountsByCloud");
 
-QString str(const QVariantMap &map, const char *key)
+QString str(const QVariantMap &map, const QString &key)
 {
-    return map.value(QLatin1String(key)).toString();
+    return map.value(key).toString();
 }
 
-qint64 num(const QVariantMap &map, const char *key)
+qint64 num(const QVariantMap &map, const QString &key)
 {
-    return map.value(QLatin1String(key)).toLongLong();
+    return map.value(key).toLongLong();
 }
 
 QStringList keysOf(const QVariantMap &event)
@@ -92,7 +92,7 @@ void JiraReviewWindowController::Private::startCompare(bool automatic)
         QHash<QString, bool> wanted;
         for (const QVariant &item : sent) {
             const QVariantMap row = item.toMap();
-            wanted.insert(str(row, "source_key"), row.value(QStringLiteral("include")).toBool());
+            wanted.insert(str(row, QStringLiteral("source_key")), row.value(QStringLiteral("include")).toBool());
         }
         intent = wanted;
     } else {
@@ -123,10 +123,10 @@ void JiraReviewWindowController::Private::progressEvent(qint64 operation, const 
 {
     if (operation != serial)
         return;
-    const QString state = str(event, "state");
-    const bool post = str(event, "phase") == QStringLiteral("post");
-    const qint64 completed = num(event, "completed"), total = num(event, "total");
-    const QString issue = str(event, "issue");
+    const QString state = str(event, QStringLiteral("state"));
+    const bool post = str(event, QStringLiteral("phase")) == QStringLiteral("post");
+    const qint64 completed = num(event, QStringLiteral("completed")), total = num(event, QStringLiteral("total"));
+    const QString issue = str(event, QStringLiteral("issue"));
     const QString count = review::progressCount(completed, total, post);
     if (!post) {
         if (state == QStringLiteral("start")) {
@@ -142,11 +142,14 @@ void JiraReviewWindowController::Private::progressEvent(qint64 operation, const 
             progressText = QStringLiteral("Fetching Jira worklogs · %1").arg(issue);
         } else if (state == QStringLiteral("page")) {
             setRowProgress(keysOf(event),
-                QStringLiteral("Checking… · page %1/%2").arg(num(event, "page")).arg(num(event, "pages")), true);
+                QStringLiteral("Checking… · page %1/%2")
+                    .arg(num(event, QStringLiteral("page")))
+                    .arg(num(event, QStringLiteral("pages"))),
+                true);
             progressText = QStringLiteral("%1 · Fetching worklogs, page %2 of %3")
                                .arg(issue)
-                               .arg(num(event, "page"))
-                               .arg(num(event, "pages"));
+                               .arg(num(event, QStringLiteral("page")))
+                               .arg(num(event, QStringLiteral("pages")));
         } else if (state == QStringLiteral("complete")) {
             setRowProgress(keysOf(event), QStringLiteral("Checked"), false);
         } else if (state == QStringLiteral("failed")) {
@@ -177,12 +180,12 @@ void JiraReviewWindowController::Private::finishCompare(
         progressActive.clear();
         postAfterCheck = false;
         setBusy(false, false);
-        const QString error = str(result, "error");
+        const QString error = str(result, QStringLiteral("error"));
         setStatus(error.isEmpty() ? QStringLiteral("Jira request failed.") : error);
         return;
     }
     const QDateTime now = QDateTime::currentDateTime();
-    account = str(result, "account");
+    account = str(result, QStringLiteral("account"));
     QSettings settings;
     QVariantMap accounts = settings.value(kAccountsByCloud).toMap();
     accounts.insert(cloud, account);
@@ -197,8 +200,8 @@ void JiraReviewWindowController::Private::finishCompare(
         draft.insert(QStringLiteral("comparison_at"), now);
         draft.insert(QStringLiteral("comparison_current"), true);
         draft.insert(QStringLiteral("fingerprint"), JRComparisonFingerprint(draft));
-        compared.insert(str(draft, "source_key"), draft);
-        checkedDays.insert(str(draft, "started").left(10));
+        compared.insert(str(draft, QStringLiteral("source_key")), draft);
+        checkedDays.insert(str(draft, QStringLiteral("started")).left(10));
     }
     Q_UNUSED(sent);
     comparisonAt = now;
@@ -343,8 +346,8 @@ QString JiraReviewWindowController::Private::siteURL() const
 {
     for (const QVariant &item : sites) {
         const QVariantMap site = item.toMap();
-        if (str(site, "id") == cloud)
-            return str(site, "url");
+        if (str(site, QStringLiteral("id")) == cloud)
+            return str(site, QStringLiteral("url"));
     }
     return {};
 }
@@ -386,8 +389,9 @@ void JiraReviewWindowController::Private::sitesLoaded(
     siteBox->clear();
     for (const QVariant &item : std::as_const(sites)) {
         const QVariantMap site = item.toMap();
-        const QString name = str(site, "name").isEmpty() ? str(site, "url") : str(site, "name");
-        siteBox->addItem(name, str(site, "id"));
+        const QString name = str(site, QStringLiteral("name")).isEmpty() ? str(site, QStringLiteral("url"))
+                                                                         : str(site, QStringLiteral("name"));
+        siteBox->addItem(name, str(site, QStringLiteral("id")));
     }
     if (sites.isEmpty()) {
         selectSite({});
@@ -396,11 +400,11 @@ void JiraReviewWindowController::Private::sitesLoaded(
     }
     const QString stored = QSettings().value(kSelectedCloud).toString();
     if (sites.size() == 1) {
-        selectSite(str(sites.first().toMap(), "id"));
+        selectSite(str(sites.first().toMap(), QStringLiteral("id")));
         return;
     }
     for (const QVariant &item : std::as_const(sites))
-        if (str(item.toMap(), "id") == stored) {
+        if (str(item.toMap(), QStringLiteral("id")) == stored) {
             selectSite(stored);
             return;
         }
@@ -414,7 +418,7 @@ void JiraReviewWindowController::Private::selectSite(const QString &cloudId)
         return;
     bool offered = cloudId.isEmpty();
     for (const QVariant &item : std::as_const(sites))
-        offered = offered || str(item.toMap(), "id") == cloudId;
+        offered = offered || str(item.toMap(), QStringLiteral("id")) == cloudId;
     if (!offered)
         return;
     ++serial; // results for the former site are dropped

@@ -11,24 +11,24 @@ namespace review
 namespace
 {
 
-QString str(const QVariantMap &map, const char *key)
+QString str(const QVariantMap &map, const QString &key)
 {
-    return map.value(QLatin1String(key)).toString();
+    return map.value(key).toString();
 }
 
-bool flag(const QVariantMap &map, const char *key)
+bool flag(const QVariantMap &map, const QString &key)
 {
-    return map.value(QLatin1String(key)).toBool();
+    return map.value(key).toBool();
 }
 
-qint64 num(const QVariantMap &map, const char *key)
+qint64 num(const QVariantMap &map, const QString &key)
 {
-    return map.value(QLatin1String(key)).toLongLong();
+    return map.value(key).toLongLong();
 }
 
-bool nonEmptyMap(const QVariantMap &map, const char *key)
+bool nonEmptyMap(const QVariantMap &map, const QString &key)
 {
-    return !map.value(QLatin1String(key)).toMap().isEmpty();
+    return !map.value(key).toMap().isEmpty();
 }
 
 QString plural(qint64 count)
@@ -38,7 +38,7 @@ QString plural(qint64 count)
 
 bool current(const QVariantMap &row)
 {
-    return flag(row, "comparison_current");
+    return flag(row, QStringLiteral("comparison_current"));
 }
 
 } // namespace
@@ -79,27 +79,28 @@ QString daySignature(const QVariantList &sessions)
     for (const QVariant &item : sessions) {
         const QVariantMap session = item.toMap();
         signature += QStringLiteral("%1|%2|%3|%4|%5\n")
-                         .arg(num(session, "start_ms"))
-                         .arg(num(session, "end_ms"))
-                         .arg(flag(session, "source_running") ? 1 : 0)
-                         .arg(str(session, "description"), str(session, "issue"));
+                         .arg(num(session, QStringLiteral("start_ms")))
+                         .arg(num(session, QStringLiteral("end_ms")))
+                         .arg(flag(session, QStringLiteral("source_running")) ? 1 : 0)
+                         .arg(str(session, QStringLiteral("description")), str(session, QStringLiteral("issue")));
     }
     return signature;
 }
 
 StatusLook statusLook(const QVariantMap &row)
 {
-    const QString status = str(row, "status");
+    const QString status = str(row, QStringLiteral("status"));
     if (row.contains(QStringLiteral("combined_seconds"))) {
-        QString text = QStringLiteral("Part of %1 worklog").arg(JRDurationText(num(row, "combined_seconds")));
-        const QString activity = str(row, "activity");
+        QString text
+            = QStringLiteral("Part of %1 worklog").arg(JRDurationText(num(row, QStringLiteral("combined_seconds"))));
+        const QString activity = str(row, QStringLiteral("activity"));
         if (!activity.isEmpty())
             text += QStringLiteral(" · ") + activity;
         if (status != QStringLiteral("Ready"))
             text += QStringLiteral(" · ") + status;
         return {text, Symbol::Combined, Tint::Accent};
     }
-    if (flag(row, "fragment") && status == QStringLiteral("Ready"))
+    if (flag(row, QStringLiteral("fragment")) && status == QStringLiteral("Ready"))
         return {QStringLiteral("Under a minute · posts only combined"), Symbol::Ready, Tint::Accent};
     if (status == QStringLiteral("Ready"))
         return {status, Symbol::Ready, Tint::Accent};
@@ -123,13 +124,13 @@ StatusLook progressLook(const QString &progress)
 
 bool unavailable(const QVariantMap &row)
 {
-    if (flag(row, "history_row"))
+    if (flag(row, QStringLiteral("history_row")))
         return false;
-    if (nonEmptyMap(row, "jira_exclusion") || flag(row, "source_running"))
+    if (nonEmptyMap(row, QStringLiteral("jira_exclusion")) || flag(row, QStringLiteral("source_running")))
         return true;
-    if (row.contains(QStringLiteral("remaining_seconds")) && num(row, "remaining_seconds") < 1)
+    if (row.contains(QStringLiteral("remaining_seconds")) && num(row, QStringLiteral("remaining_seconds")) < 1)
         return true;
-    return current(row) && !flag(row, "eligible");
+    return current(row) && !flag(row, QStringLiteral("eligible"));
 }
 
 bool groupUnavailable(const QVariantList &children)
@@ -146,11 +147,11 @@ ReceiptIndex::ReceiptIndex(const QVariantMap &receipts, const QString &cloud)
 {
     for (auto it = receipts.cbegin(); it != receipts.cend(); ++it) {
         QVariantMap receipt = it.value().toMap();
-        if (str(receipt, "cloud") != cloud)
+        if (str(receipt, QStringLiteral("cloud")) != cloud)
             continue;
         receipt.insert(QStringLiteral("marker"), it.key());
         QSet<QString> named;
-        const QString direct = str(receipt, "source_key");
+        const QString direct = str(receipt, QStringLiteral("source_key"));
         if (!direct.isEmpty())
             named.insert(direct);
         const QVariantMap coverage = receipt.value(QStringLiteral("coverage")).toMap();
@@ -165,28 +166,29 @@ Lock lockedSession(const QVariantMap &row, const QString &cloud, const QString &
     const ReceiptIndex &receipts)
 {
     const QVariantMap session = row.value(QStringLiteral("session")).toMap();
-    const QString sourceKey = str(row, "source_key");
+    const QString sourceKey = str(row, QStringLiteral("source_key"));
     const QVariantList named = receipts.receiptsFor(sourceKey);
     if (!named.isEmpty()) {
-        const qint64 ownSeconds = (num(session, "end_ms") - num(session, "start_ms")) / 1000;
+        const qint64 ownSeconds
+            = (num(session, QStringLiteral("end_ms")) - num(session, QStringLiteral("start_ms"))) / 1000;
         QString marker;
         for (const QVariant &item : named) {
             const QVariantMap receipt = item.toMap();
-            if (str(receipt, "state") != QStringLiteral("posted"))
+            if (str(receipt, QStringLiteral("state")) != QStringLiteral("posted"))
                 return Lock::Recorded;
             const QVariantMap payload = receipt.value(QStringLiteral("payload")).toMap();
-            if (num(payload, "timeSpentSeconds") >= ownSeconds)
+            if (num(payload, QStringLiteral("timeSpentSeconds")) >= ownSeconds)
                 return Lock::Recorded;
             if (marker.isNull())
                 marker = JRMarker(row, cloud, account);
-            if (str(receipt, "marker") == marker)
+            if (str(receipt, QStringLiteral("marker")) == marker)
                 return Lock::Recorded;
             for (const QVariant &property : payload.value(QStringLiteral("properties")).toList())
                 if (JRText(property.toMap().value(QStringLiteral("value"))).contains(marker))
                     return Lock::Recorded;
         }
     }
-    if (flag(session, "assignment_locked") || flag(row, "assignment_locked"))
+    if (flag(session, QStringLiteral("assignment_locked")) || flag(row, QStringLiteral("assignment_locked")))
         return Lock::Assignment;
     if (lockedSet.contains(cloud + QLatin1Char('|') + sourceKey))
         return Lock::Assignment;
@@ -195,19 +197,19 @@ Lock lockedSession(const QVariantMap &row, const QString &cloud, const QString &
 
 bool canSelectDraft(const QVariantMap &row, bool busy, bool locked, const QHash<QString, bool> *intent)
 {
-    if (flag(row, "history_row") || unavailable(row) || locked)
+    if (flag(row, QStringLiteral("history_row")) || unavailable(row) || locked)
         return false;
     if (busy && !intent)
         return false;
-    if (intent && intent->contains(str(row, "source_key")))
+    if (intent && intent->contains(str(row, QStringLiteral("source_key"))))
         return true;
-    return current(row) && flag(row, "eligible");
+    return current(row) && flag(row, QStringLiteral("eligible"));
 }
 
 bool toPostEditable(const QVariantMap &row, bool busy, bool lockedBySubmission)
 {
-    return !flag(row, "history_row") && !flag(row, "fragment") && !busy && !nonEmptyMap(row, "jira_exclusion")
-        && !lockedBySubmission;
+    return !flag(row, QStringLiteral("history_row")) && !flag(row, QStringLiteral("fragment")) && !busy
+        && !nonEmptyMap(row, QStringLiteral("jira_exclusion")) && !lockedBySubmission;
 }
 
 qint64 toPostSeconds(const QString &text, qint64 remaining)
@@ -228,11 +230,11 @@ int settleSelectionIntent(QVariantList &rows, const QHash<QString, bool> *intent
     int refused = 0;
     for (QVariant &item : rows) {
         QVariantMap row = item.toMap();
-        const bool ready = current(row) && flag(row, "eligible");
-        bool include = flag(row, "include");
+        const bool ready = current(row) && flag(row, QStringLiteral("eligible"));
+        bool include = flag(row, QStringLiteral("include"));
         if (intent) {
             // Rows the intent does not know (another day, a new session) keep the check's own choice.
-            const QString key = str(row, "source_key");
+            const QString key = str(row, QStringLiteral("source_key"));
             const bool wanted = intent->contains(key) ? intent->value(key) : include;
             if (wanted && !ready)
                 ++refused;
@@ -241,7 +243,7 @@ int settleSelectionIntent(QVariantList &rows, const QHash<QString, bool> *intent
             ++refused;
             include = false;
         }
-        if (include != flag(row, "include")) {
+        if (include != flag(row, QStringLiteral("include"))) {
             row.insert(QStringLiteral("include"), include);
             item = row;
         }
@@ -261,9 +263,9 @@ QString footerText(const QVariantList &rows, bool history, int hiddenShort)
     qint64 tracked = 0, logged = 0, remaining = 0;
     for (const QVariant &item : rows) {
         const QVariantMap row = item.toMap();
-        tracked += num(row, "seconds");
-        logged += num(row, "logged_seconds");
-        remaining += num(row, "remaining_seconds");
+        tracked += num(row, QStringLiteral("seconds"));
+        logged += num(row, QStringLiteral("logged_seconds"));
+        remaining += num(row, QStringLiteral("remaining_seconds"));
     }
     if (history) {
         QString hidden;
@@ -282,7 +284,8 @@ QVariantList worklogsToPost(const QVariantList &rows)
     QVariantList ticked;
     for (const QVariant &item : rows) {
         const QVariantMap row = item.toMap();
-        if (flag(row, "include") && current(row) && flag(row, "eligible") && !flag(row, "history_row"))
+        if (flag(row, QStringLiteral("include")) && current(row) && flag(row, QStringLiteral("eligible"))
+            && !flag(row, QStringLiteral("history_row")))
             ticked.append(item);
     }
     return JRWorklogsToPost(ticked);
@@ -316,10 +319,10 @@ PostStep postStep(const QDateTime &comparisonAt, const QDateTime &now, const QVa
     bool ticked = false, allFragments = true;
     for (const QVariant &item : rows) {
         const QVariantMap row = item.toMap();
-        if (!flag(row, "include"))
+        if (!flag(row, QStringLiteral("include")))
             continue;
         ticked = true;
-        allFragments = allFragments && num(row, "seconds") < 60;
+        allFragments = allFragments && num(row, QStringLiteral("seconds")) < 60;
     }
     return ticked && allFragments ? PostStep::OnlyFragments : PostStep::NothingEligible;
 }
@@ -348,7 +351,7 @@ Confirmation confirmation(const QVariantList &worklogs, const QString &site, boo
     for (const QVariant &item : worklogs) {
         const QVariantMap worklog = item.toMap();
         total += JRPostSeconds(worklog);
-        const qint64 combined = num(worklog, "combined_count");
+        const qint64 combined = num(worklog, QStringLiteral("combined_count"));
         sessions += combined > 0 ? combined : 1;
         combines = combines || combined > 1;
     }
