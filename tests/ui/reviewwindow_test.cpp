@@ -337,3 +337,32 @@ TEST_F(ReviewWindowTest, ExportWritesPrettyJsonAtomically)
     EXPECT_FALSE(m_controller->exportHistoryTo(QStringLiteral("/nonexistent/dir/x.json"), &error));
     EXPECT_FALSE(error.isEmpty());
 }
+
+TEST_F(ReviewWindowTest, ARunningSessionGrowsInPlace)
+{
+    QVariantList sessions = uitest::realisticDay(kDay);
+    QVariantMap running = uitest::session(
+        QStringLiteral("ABC-3"), QDateTime(kDay, QTime(17, 0)), 0, QStringLiteral("Live work"), 50, true);
+    const qint64 start = running.value(QStringLiteral("start_ms")).toLongLong();
+    running.insert(QStringLiteral("end_ms"), start + 600'000);
+    sessions.append(running);
+    m_controller->setReviewDay(kDay);
+    openChecked(sessions);
+    QSignalSpy resets(model(), &QAbstractItemModel::modelReset);
+    QSignalSpy changes(model(), &QAbstractItemModel::dataChanged);
+    const QString before = footer(*m_controller);
+    running.insert(QStringLiteral("end_ms"), start + 1'200'000);
+    sessions.last() = running;
+    m_controller->updateSessions(sessions);
+    EXPECT_EQ(resets.count(), 0);
+    EXPECT_GE(changes.count(), 1);
+    EXPECT_EQ(rowFor(QStringLiteral("Live work")).value(QStringLiteral("seconds")).toLongLong(), 1200);
+    EXPECT_NE(footer(*m_controller), before);
+    EXPECT_FALSE(rowFor(QStringLiteral("Live work")).value(QStringLiteral("can_tick")).toBool());
+
+    // A changed description is no tick: the day is rebuilt.
+    running.insert(QStringLiteral("description"), QStringLiteral("Live work, renamed"));
+    sessions.last() = running;
+    m_controller->updateSessions(sessions);
+    EXPECT_GE(rowOf(QStringLiteral("Live work, renamed")), 0);
+}

@@ -3,6 +3,7 @@
 #include "app/ui/jirareviewwindow_p.h"
 #include "platform/failure.h"
 #include "worklogs/engine.h"
+#include "worklogs/engineinternal.h"
 
 #include <QAction>
 #include <QComboBox>
@@ -417,6 +418,13 @@ QVariantList JiraReviewWindowController::Private::buildRows()
     const review::ReceiptIndex index(receipts, cloud);
     const bool hideShort = JRHideShortSessions();
 
+    // Day boundaries computed once: a local-time conversion per session costs a time-zone lookup each.
+    QList<qint64> dayStarts;
+    QList<QDate> dayDates;
+    for (QDate date = from.date(); date < to.date(); date = date.addDays(1)) {
+        dayDates.append(date);
+        dayStarts.append(date.startOfDay().toMSecsSinceEpoch());
+    }
     QMap<QDate, QVariantList> byDay;
     hiddenShort = 0;
     for (const QVariant &item : std::as_const(sessions)) {
@@ -430,7 +438,8 @@ QVariantList JiraReviewWindowController::Private::buildRows()
             ++hiddenShort;
             continue;
         }
-        byDay[sessionDate(session)].append(resolvedSession(session, index));
+        const auto day = std::upper_bound(dayStarts.cbegin(), dayStarts.cend(), start) - 1;
+        byDay[dayDates[day - dayStarts.cbegin()]].append(resolvedSession(session, index));
     }
 
     // Choices made on the rows survive a rebuild while their day's sessions are unchanged.
@@ -507,10 +516,15 @@ QVariantList JiraReviewWindowController::Private::buildRows()
 
 void JiraReviewWindowController::Private::applyWindowKeys(QVariantList &rows, const review::ReceiptIndex &index)
 {
+    // The preference is read once: a settings read per row would dominate a large week.
+    const bool combineDaily = JRCombineDailyByIssue();
+    QStringList keys;
+    keys.reserve(rows.size());
     QHash<QString, QPair<int, qint64>> combine;
     for (const QVariant &item : std::as_const(rows)) {
         const QVariantMap row = item.toMap();
-        const QString key = JRCombineKey(row);
+        const QString key = jrinternal::combineKey(row, combineDaily);
+        keys.append(key);
         if (key.isNull())
             continue;
         const QString dayKey = key + QLatin1Char('|') + str(row, QStringLiteral("started")).left(10);
@@ -519,11 +533,12 @@ void JiraReviewWindowController::Private::applyWindowKeys(QVariantList &rows, co
         entry.second += JRPostSeconds(row);
     }
     const QHash<QString, bool> *pending = intent ? &*intent : nullptr;
-    for (QVariant &item : rows) {
+    for (qsizetype i = 0; i < rows.size(); ++i) {
+        QVariant &item = rows[i];
         QVariantMap row = item.toMap();
         const QString sourceKey = str(row, QStringLiteral("source_key"));
         row.insert(QStringLiteral("history_row"), history());
-        const QString key = JRCombineKey(row);
+        const QString &key = keys[i];
         const auto combined = key.isNull()
             ? QPair<int, qint64>()
             : combine.value(key + QLatin1Char('|') + str(row, QStringLiteral("started")).left(10));
