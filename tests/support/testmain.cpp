@@ -57,7 +57,8 @@ int main(int argc, char **argv)
     isolateHome();
     ::testing::InitGoogleMock(&argc, argv);
 #ifdef HOURLOOM_TEST_GUI
-    // Test discovery runs the program without the test's environment; there is no display to rely on.
+    // Test discovery runs the binary without the test environment; widgets then render off screen unless a
+    // display was chosen explicitly (QT_QPA_PLATFORM=xcb under Xvfb).
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "offscreen");
     QApplication app(argc, argv);

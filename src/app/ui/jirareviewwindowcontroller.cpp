@@ -1,71 +1,748 @@
 #include "app/ui/jirareviewwindowcontroller.h"
 
+#include "app/ui/jirareviewwindow_p.h"
+#include "platform/failure.h"
+#include "worklogs/engine.h"
+#include "worklogs/engineinternal.h"
+
+#include <QAction>
+#include <QComboBox>
+#include <QDateEdit>
+#include <QEvent>
+#include <QFileInfo>
+#include <QHBoxLayout>
+#include <QHeaderView>
+#include <QKeySequence>
 #include <QLabel>
 #include <QMainWindow>
 #include <QMenu>
-#include <QPixmap>
+#include <QPushButton>
+#include <QScrollBar>
+#include <QSettings>
+#include <QShortcut>
+#include <QToolButton>
+#include <QVBoxLayout>
 
-// A placeholder window until the review window lands: it shows how many sessions it was given.
-struct JiraReviewWindowController::Private {
-    QString store;
-    QMainWindow *window = nullptr;
-    QMenu *columns = nullptr;
-    QLabel *label = nullptr;
-    QString status;
-};
+namespace
+{
+
+const QString kGeometryKey = QStringLiteral("JiraReviewWindow");
+
+QString str(const QVariantMap &map, const QString &key)
+{
+    return map.value(key).toString();
+}
+
+qint64 num(const QVariantMap &map, const QString &key)
+{
+    return map.value(key).toLongLong();
+}
+
+QDate sessionDate(const QVariantMap &session)
+{
+    return QDateTime::fromMSecsSinceEpoch(num(session, QStringLiteral("start_ms"))).date();
+}
+
+} // namespace
+
+JiraReviewWindowController::Private::Private(
+    JiraReviewWindowController *owner, const QString &directory, const QString &credentialService)
+    : q(owner)
+    , store(directory)
+    , client(credentialService.isEmpty() ? std::make_unique<JiraClient>()
+                                         : std::make_unique<JiraClient>(credentialService))
+    , cache(directory)
+    , receiptStore(directory)
+{
+    service = std::make_unique<WorklogService>(*client, directory);
+    titles = std::make_unique<IssueTitleCache>(*client, directory);
+    try {
+        assignments = std::make_unique<IssueAssignments>(directory);
+    } catch (const NamedFailure &failure) {
+        // Edits are refused while the assignments file is unreadable; the rows still show.
+        status = failure.reason();
+    }
+    reviewDay = QDate::currentDate();
+    rangeFrom = reviewDay.addDays(-6);
+    rangeTo = reviewDay;
+}
 
 JiraReviewWindowController::JiraReviewWindowController(const QString &store, QObject *parent)
-    : QObject(parent)
-    , d(new Private)
+    : JiraReviewWindowController(store, QString(), parent)
 {
-    d->store = store;
-    d->window = new QMainWindow;
-    d->window->setWindowTitle(tr("Worklogs"));
-    d->window->setAttribute(Qt::WA_DeleteOnClose, false);
-    d->label = new QLabel(d->window);
-    d->window->setCentralWidget(d->label);
-    d->window->resize(900, 560);
-    d->columns = new QMenu(tr("Columns"), d->window);
+}
+
+JiraReviewWindowController::JiraReviewWindowController(
+    const QString &store, const QString &credentialService, QObject *parent)
+    : QObject(parent)
+    , d(new Private(this, store, credentialService))
+{
+    d->buildWindow();
+    d->titles->setDidChange([this] { d->reload(); });
+    d->updateConnectionControls();
 }
 
 JiraReviewWindowController::~JiraReviewWindowController()
 {
+    // Results still queued for this controller are dropped: their context object goes away with it.
+    d->client->queue().drain();
     delete d->window;
     delete d;
 }
 
-QMainWindow *JiraReviewWindowController::window() const { return d->window; }
-QMenu *JiraReviewWindowController::columnsMenu() const { return d->columns; }
+void JiraReviewWindowController::Private::buildWindow()
+{
+    window = new QMainWindow;
+    window->setWindowTitle(QStringLiteral("Worklogs"));
+    window->setObjectName(QStringLiteral("JiraReviewWindow"));
+    auto *central = new QWidget(window);
+    auto *layout = new QVBoxLayout(central);
+
+    auto *bar = new QHBoxLayout;
+    periodBox = new QComboBox(central);
+    periodBox->addItems({QStringLiteral("Day"), QStringLiteral("Last 7 Days"), QStringLiteral("Custom Range")});
+    periodBox->setAccessibleName(QStringLiteral("Period"));
+    periodBox->setToolTip(QStringLiteral("Period"));
+    previousDay = new QToolButton(central);
+    previousDay->setText(QStringLiteral("‹"));
+    previousDay->setAccessibleName(QStringLiteral("Previous day"));
+    previousDay->setToolTip(QStringLiteral("Previous day"));
+    nextDay = new QToolButton(central);
+    nextDay->setText(QStringLiteral("›"));
+    nextDay->setAccessibleName(QStringLiteral("Next day"));
+    nextDay->setToolTip(QStringLiteral("Next day"));
+    todayButton = new QPushButton(QStringLiteral("Today"), central);
+    dateEdit = new QDateEdit(reviewDay, central);
+    dateEdit->setCalendarPopup(true);
+    dateEdit->setAccessibleName(QStringLiteral("Review date"));
+    fromLabel = new QLabel(QStringLiteral("From"), central);
+    fromEdit = new QDateEdit(rangeFrom, central);
+    fromEdit->setCalendarPopup(true);
+    fromEdit->setAccessibleName(QStringLiteral("Range start"));
+    fromLabel->setBuddy(fromEdit);
+    toLabel = new QLabel(QStringLiteral("To"), central);
+    toEdit = new QDateEdit(rangeTo, central);
+    toEdit->setCalendarPopup(true);
+    toEdit->setAccessibleName(QStringLiteral("Range end"));
+    toLabel->setBuddy(toEdit);
+    siteBox = new QComboBox(central);
+    siteBox->setAccessibleName(QStringLiteral("Jira site"));
+    connectButton = new QPushButton(QStringLiteral("Connect Jira…"), central);
+    checkButton = new QPushButton(QStringLiteral("Check Jira"), central);
+    checkButton->setToolTip(QKeySequence(Qt::CTRL | Qt::Key_R).toString(QKeySequence::NativeText));
+    for (QWidget *widget : std::initializer_list<QWidget *> {
+             periodBox, previousDay, nextDay, todayButton, dateEdit, fromLabel, fromEdit, toLabel, toEdit})
+        bar->addWidget(widget);
+    bar->addStretch(1);
+    bar->addWidget(siteBox);
+    bar->addWidget(connectButton);
+    bar->addWidget(checkButton);
+    layout->addLayout(bar);
+
+    tree = new ReviewTreeView(central);
+    model = new ReviewModel(tree);
+    tree->setModel(model);
+    layout->addWidget(tree, 1);
+
+    statusLabel = new QLabel(central);
+    statusLabel->setObjectName(QStringLiteral("status"));
+    statusLabel->setWordWrap(true);
+    statusLabel->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    statusLabel->setAccessibleName(QStringLiteral("Status"));
+    layout->addWidget(statusLabel);
+
+    auto *bottom = new QHBoxLayout;
+    footerLabel = new QLabel(central);
+    footerLabel->setObjectName(QStringLiteral("footer"));
+    footerLabel->setAccessibleName(QStringLiteral("Totals"));
+    progressLabel = new QLabel(central);
+    progressLabel->setObjectName(QStringLiteral("progress"));
+    progressLabel->setForegroundRole(QPalette::PlaceholderText);
+    postButton = new QPushButton(central);
+    postButton->setObjectName(QStringLiteral("post"));
+    postButton->setMinimumWidth(200);
+    postButton->setDefault(true);
+    bottom->addWidget(footerLabel);
+    bottom->addStretch(1);
+    bottom->addWidget(progressLabel);
+    bottom->addWidget(postButton);
+    layout->addLayout(bottom);
+    window->setCentralWidget(central);
+    window->resize(1040, 600);
+
+    QSettings settings;
+    if (settings.contains(kGeometryKey))
+        window->restoreGeometry(settings.value(kGeometryKey).toByteArray());
+    window->installEventFilter(q);
+
+    buildColumnsMenu();
+    restoreColumns();
+
+    QObject::connect(periodBox, &QComboBox::currentIndexChanged, q, [this](int index) {
+        period = Period(index);
+        updatePeriodControls();
+        reload();
+        q->requestAutomaticCheck();
+    });
+    QObject::connect(previousDay, &QToolButton::clicked, q, [this] { setDay(reviewDay.addDays(-1)); });
+    QObject::connect(nextDay, &QToolButton::clicked, q, [this] { setDay(reviewDay.addDays(1)); });
+    QObject::connect(todayButton, &QPushButton::clicked, q, [this] { setDay(QDate::currentDate()); });
+    QObject::connect(dateEdit, &QDateEdit::dateChanged, q, [this](QDate date) { setDay(date); });
+    QObject::connect(fromEdit, &QDateEdit::dateChanged, q, [this](QDate date) {
+        rangeFrom = date;
+        reload();
+    });
+    QObject::connect(toEdit, &QDateEdit::dateChanged, q, [this](QDate date) {
+        rangeTo = date;
+        reload();
+    });
+    QObject::connect(
+        siteBox, &QComboBox::activated, q, [this](int index) { selectSite(siteBox->itemData(index).toString()); });
+    QObject::connect(connectButton, &QPushButton::clicked, q, [this] { q->connectJira(); });
+    QObject::connect(checkButton, &QPushButton::clicked, q, [this] { q->checkJira(); });
+    QObject::connect(postButton, &QPushButton::clicked, q, [this] { q->post(); });
+    auto *refresh = new QShortcut(QKeySequence(Qt::CTRL | Qt::Key_R), window);
+    QObject::connect(refresh, &QShortcut::activated, q, [this] { q->checkJira(); });
+    auto *menuKey = new QShortcut(QKeySequence(Qt::SHIFT | Qt::Key_F10), tree);
+    QObject::connect(menuKey, &QShortcut::activated, q, [this] {
+        const QRect rect = tree->visualRect(tree->currentIndex());
+        emit tree->customContextMenuRequested(rect.isValid() ? rect.center() : QPoint(8, 8));
+    });
+    QObject::connect(tree, &QTreeView::customContextMenuRequested, q, [this](const QPoint &point) {
+        const QModelIndex index = tree->indexAt(point);
+        if (!index.isValid())
+            return;
+        QMenu *menu = contextMenu(index, tree);
+        menu->setAttribute(Qt::WA_DeleteOnClose);
+        menu->popup(tree->viewport()->mapToGlobal(point));
+    });
+    QObject::connect(tree, &ReviewTreeView::activatedRow, q, [this](const QModelIndex &index) {
+        const int row = model->rowOf(index);
+        if (row >= 0)
+            editRow(row, false);
+    });
+    QObject::connect(model, &ReviewModel::choicesChanged, q, [this] {
+        ticksChosen = true;
+        refreshDerivedKeys();
+        updatePostButton();
+    });
+    QObject::connect(model, &ReviewModel::editRefused, q, [this](const QString &reason) { setStatus(reason); });
+    QObject::connect(tree->header(), &QHeaderView::sectionResized, q, [this] { saveColumns(); });
+    tree->header()->setContextMenuPolicy(Qt::CustomContextMenu);
+    QObject::connect(tree->header(), &QHeaderView::customContextMenuRequested, q,
+        [this](const QPoint &point) { columns->popup(tree->header()->mapToGlobal(point)); });
+    updatePeriodControls();
+    updatePostButton();
+}
+
+void JiraReviewWindowController::Private::updatePeriodControls()
+{
+    const bool day = period == Period::Day;
+    const bool custom = period == Period::CustomRange;
+    previousDay->setVisible(day);
+    nextDay->setVisible(day);
+    todayButton->setVisible(day);
+    dateEdit->setVisible(day);
+    todayButton->setEnabled(reviewDay != QDate::currentDate());
+    for (QWidget *widget : std::initializer_list<QWidget *> {fromLabel, fromEdit, toLabel, toEdit})
+        widget->setVisible(custom);
+    const QSignalBlocker blocker(dateEdit);
+    dateEdit->setDate(reviewDay);
+}
+
+void JiraReviewWindowController::Private::setDay(const QDate &day)
+{
+    if (!day.isValid() || day == reviewDay)
+        return;
+    reviewDay = day;
+    showingToday = day == QDate::currentDate();
+    updatePeriodControls();
+    reload();
+    q->requestAutomaticCheck();
+}
+
+void JiraReviewWindowController::Private::interval(QDateTime &from, QDateTime &to) const
+{
+    const QDate today = QDate::currentDate();
+    QDate first = reviewDay, last = reviewDay;
+    if (period == Period::LastSevenDays) {
+        first = today.addDays(-6);
+        last = today;
+    } else if (period == Period::CustomRange) {
+        first = qMin(rangeFrom, rangeTo);
+        last = qMax(rangeFrom, rangeTo);
+    }
+    from = first.startOfDay();
+    to = last.addDays(1).startOfDay();
+}
+
+void JiraReviewWindowController::Private::setStatus(const QString &text)
+{
+    status = text;
+    statusLabel->setText(text);
+    emit q->statusChanged();
+}
+
+void JiraReviewWindowController::Private::refreshReceipts()
+{
+    const QFileInfo info(receiptStore.path());
+    const QDateTime stamp = info.exists() ? info.lastModified() : QDateTime();
+    if (stamp == receiptsStamp && receiptsError.isEmpty() && (stamp.isValid() || receipts.isEmpty()))
+        return;
+    receiptsStamp = stamp;
+    try {
+        receipts = receiptStore.receipts();
+        receiptsError.clear();
+    } catch (const NamedFailure &failure) {
+        receipts.clear();
+        receiptsError = failure.reason();
+    }
+}
+
+QVariantMap JiraReviewWindowController::Private::resolvedSession(
+    const QVariantMap &session, const review::ReceiptIndex &index)
+{
+    QVariantMap resolved = assignments ? assignments->resolve(session, cloud) : session;
+    if (!assignments && !resolved.contains(QStringLiteral("issue")))
+        resolved.insert(QStringLiteral("issue"), QStringLiteral("Unassigned"));
+    if (!index.isEmpty()) {
+        const QString key = JRSourceKey(session);
+        for (const QVariant &item : index.receiptsFor(key)) {
+            const QVariantMap receipt = item.toMap();
+            if (str(receipt, QStringLiteral("source_key")) != key)
+                continue;
+            if (str(receipt, QStringLiteral("state")) == QStringLiteral("posted")) {
+                const QVariantMap payload = receipt.value(QStringLiteral("payload")).toMap();
+                QString comment = JRText(payload.value(QStringLiteral("comment")));
+                const qsizetype tag = comment.indexOf(QStringLiteral("\n[Hourloom:"));
+                if (tag >= 0)
+                    comment.truncate(tag);
+                resolved.insert(QStringLiteral("issue"), str(receipt, QStringLiteral("issue")));
+                resolved.insert(QStringLiteral("comment"), comment);
+                resolved.insert(
+                    QStringLiteral("jira_logged_seconds"), num(payload, QStringLiteral("timeSpentSeconds")));
+                resolved.insert(QStringLiteral("jira_receipt_state"), QStringLiteral("posted"));
+                resolved.insert(QStringLiteral("assignment_locked"), true);
+            } else {
+                resolved.insert(QStringLiteral("jira_receipt_state"), QStringLiteral("pending"));
+            }
+        }
+    }
+    const QString issue = str(resolved, QStringLiteral("issue"));
+    if (!issue.isEmpty() && issue != QStringLiteral("Unassigned")
+        && str(resolved, QStringLiteral("issue_title")).isEmpty()) {
+        QString title = q->titleForIssue ? q->titleForIssue(issue) : QString();
+        if (title.isEmpty() && !cloud.isEmpty())
+            title = titles->title(issue, cloud, true);
+        if (!title.isEmpty())
+            resolved.insert(QStringLiteral("issue_title"), title);
+    }
+    return resolved;
+}
+
+QVariantList JiraReviewWindowController::Private::buildRows()
+{
+    QDateTime from, to;
+    interval(from, to);
+    const qint64 fromMs = from.toMSecsSinceEpoch(), toMs = to.toMSecsSinceEpoch();
+    refreshReceipts();
+    const review::ReceiptIndex index(receipts, cloud);
+    const bool hideShort = JRHideShortSessions();
+
+    // Day boundaries computed once: a local-time conversion per session costs a time-zone lookup each.
+    QList<qint64> dayStarts;
+    QList<QDate> dayDates;
+    for (QDate date = from.date(); date < to.date(); date = date.addDays(1)) {
+        dayDates.append(date);
+        dayStarts.append(date.startOfDay().toMSecsSinceEpoch());
+    }
+    QMap<QDate, QVariantList> byDay;
+    hiddenShort = 0;
+    for (const QVariant &item : std::as_const(sessions)) {
+        const QVariantMap session = item.toMap();
+        const qint64 start = num(session, QStringLiteral("start_ms"));
+        if (start < fromMs || start >= toMs)
+            continue;
+        const qint64 end = num(session, QStringLiteral("end_ms"));
+        const bool running = session.value(QStringLiteral("source_running")).toBool();
+        if (hideShort && !running && end >= start && end - start < 60000) {
+            ++hiddenShort;
+            continue;
+        }
+        const auto day = std::upper_bound(dayStarts.cbegin(), dayStarts.cend(), start) - 1;
+        byDay[dayDates[day - dayStarts.cbegin()]].append(resolvedSession(session, index));
+    }
+
+    // Choices made on the rows survive a rebuild while their day's sessions are unchanged.
+    QHash<QString, QVariantMap> choices;
+    for (const QVariant &item : model->rows()) {
+        const QVariantMap row = item.toMap();
+        choices.insert(str(row, QStringLiteral("source_key")), row);
+    }
+
+    QVariantList rows;
+    for (auto day = byDay.cbegin(); day != byDay.cend(); ++day) {
+        const QString dayKey = day.key().toString(Qt::ISODate);
+        const QString signature = review::daySignature(day.value());
+        const bool unchanged = signatures.value(dayKey) == signature;
+        signatures.insert(dayKey, signature);
+        QVariantList drafts = JRBuildDrafts(day.value(), day.key().startOfDay());
+        QVariantList uncached;
+        for (QVariant &item : drafts) {
+            QVariantMap draft = item.toMap();
+            const QString key = str(draft, QStringLiteral("source_key"));
+            if (str(draft, QStringLiteral("jira_receipt_state")) == QStringLiteral("posted"))
+                draft.insert(QStringLiteral("status"), QStringLiteral("Submission recorded"));
+            const QVariantMap last = compared.value(key);
+            // A title that arrived after the check changes the comment the engine would send; the row keeps
+            // the comment that was checked instead of losing the check.
+            QVariantMap probe = draft;
+            if (!last.isEmpty()
+                && str(last, QStringLiteral("issue_title")) != str(draft, QStringLiteral("issue_title"))) {
+                probe.insert(QStringLiteral("issue_title"), last.value(QStringLiteral("issue_title")));
+                probe.insert(QStringLiteral("comment"), last.value(QStringLiteral("comment")));
+            }
+            const bool applies
+                = !last.isEmpty() && str(last, QStringLiteral("fingerprint")) == JRComparisonFingerprint(probe);
+            if (applies) {
+                draft = probe;
+                for (const char *field : {"status", "eligible", "existing", "manual_matches", "marker", "comparison_at",
+                         "comparison_current", "manual_worklog_id"})
+                    draft.insert(QLatin1String(field), last.value(QLatin1String(field)));
+                draft.insert(QStringLiteral("include"), false);
+            }
+            // Time that reached Jira meanwhile changes what remains: earlier amounts no longer apply.
+            if (unchanged && choices.contains(key)
+                && choices.value(key).value(QStringLiteral("logged_seconds"))
+                    == draft.value(QStringLiteral("logged_seconds"))) {
+                const QVariantMap earlier = choices.value(key);
+                for (const char *field : {"include", "post_seconds", "remaining_seconds"})
+                    if (earlier.contains(QLatin1String(field)))
+                        draft.insert(QLatin1String(field), earlier.value(QLatin1String(field)));
+            }
+            item = draft;
+            if (!applies)
+                uncached.append(item);
+        }
+        if (!uncached.isEmpty() && !account.isEmpty()) {
+            cache.applyToDrafts(uncached, cloud, account, QDateTime::currentDateTime(), 300.0);
+            QHash<QString, QVariant> applied;
+            for (const QVariant &item : std::as_const(uncached))
+                applied.insert(str(item.toMap(), QStringLiteral("source_key")), item);
+            for (QVariant &item : drafts) {
+                const QString key = str(item.toMap(), QStringLiteral("source_key"));
+                if (applied.contains(key)) {
+                    QVariantMap draft = applied.value(key).toMap();
+                    if (unchanged && choices.contains(key))
+                        draft.insert(QStringLiteral("include"), choices.value(key).value(QStringLiteral("include")));
+                    item = draft;
+                }
+            }
+        }
+        rows.append(drafts);
+    }
+    applyWindowKeys(rows, index);
+    return rows;
+}
+
+void JiraReviewWindowController::Private::applyWindowKeys(QVariantList &rows, const review::ReceiptIndex &index)
+{
+    // The preference is read once: a settings read per row would dominate a large week.
+    const bool combineDaily = JRCombineDailyByIssue();
+    QStringList keys;
+    keys.reserve(rows.size());
+    QHash<QString, QPair<int, qint64>> combine;
+    for (const QVariant &item : std::as_const(rows)) {
+        const QVariantMap row = item.toMap();
+        const QString key = jrinternal::combineKey(row, combineDaily);
+        keys.append(key);
+        if (key.isNull())
+            continue;
+        const QString dayKey = key + QLatin1Char('|') + str(row, QStringLiteral("started")).left(10);
+        auto &entry = combine[dayKey];
+        entry.first += 1;
+        entry.second += JRPostSeconds(row);
+    }
+    const QHash<QString, bool> *pending = intent ? &*intent : nullptr;
+    for (qsizetype i = 0; i < rows.size(); ++i) {
+        QVariant &item = rows[i];
+        QVariantMap row = item.toMap();
+        const QString sourceKey = str(row, QStringLiteral("source_key"));
+        row.insert(QStringLiteral("history_row"), history());
+        const QString &key = keys[i];
+        const auto combined = key.isNull()
+            ? QPair<int, qint64>()
+            : combine.value(key + QLatin1Char('|') + str(row, QStringLiteral("started")).left(10));
+        if (combined.first > 1)
+            row.insert(QStringLiteral("combined_seconds"), JRRoundedSeconds(combined.second));
+        else
+            row.remove(QStringLiteral("combined_seconds"));
+        const review::Lock lock
+            = history() ? review::Lock::None : review::lockedSession(row, cloud, account, lockedSet, index);
+        row.insert(QStringLiteral("locked"), int(lock));
+        row.insert(QStringLiteral("can_tick"), review::canSelectDraft(row, busy, lock != review::Lock::None, pending));
+        row.insert(QStringLiteral("can_edit_post"), review::toPostEditable(row, busy, lock == review::Lock::Recorded));
+        if (!row.value(QStringLiteral("can_tick")).toBool() && !pending && !busy)
+            row.insert(QStringLiteral("include"), false);
+        const QString issue = str(row, QStringLiteral("issue"));
+        QString title = str(row, QStringLiteral("issue_title"));
+        if (title.isEmpty() && !cloud.isEmpty() && !issue.isEmpty())
+            title = titles->cachedTitle(issue, cloud);
+        row.insert(QStringLiteral("display_title"), title);
+        if (!cloud.isEmpty() && !issue.isEmpty()) {
+            const QVariantMap details = titles->cachedDetails(issue, cloud);
+            for (const auto &[from, into] :
+                {std::pair {"estimate_seconds", "jira_estimate"}, std::pair {"remaining_seconds", "jira_remaining"}}) {
+                if (details.contains(QLatin1String(from)))
+                    row.insert(QLatin1String(into), details.value(QLatin1String(from)));
+            }
+        }
+        if (progress.contains(sourceKey)) {
+            row.insert(QStringLiteral("progress"), progress.value(sourceKey));
+            row.insert(QStringLiteral("progress_active"), progressActive.contains(sourceKey));
+        } else {
+            row.remove(QStringLiteral("progress"));
+            row.remove(QStringLiteral("progress_active"));
+        }
+        item = row;
+    }
+}
+
+void JiraReviewWindowController::Private::refreshDerivedKeys()
+{
+    refreshReceipts();
+    QVariantList rows = model->rows();
+    applyWindowKeys(rows, review::ReceiptIndex(receipts, cloud));
+    model->setRows(rows);
+}
+
+void JiraReviewWindowController::Private::reload()
+{
+    QSet<QString> selected;
+    for (const QModelIndex &index : tree->selectionModel()->selectedRows())
+        selected.insert(index.data(ReviewModel::SourceKeyRole).toString());
+    const QString current = tree->currentIndex().data(ReviewModel::SourceKeyRole).toString();
+    const int scroll = tree->verticalScrollBar()->value();
+    const bool inPlace = model->setRows(buildRows());
+    rowBySource.clear();
+    if (!inPlace) {
+        restoreViewState(selected);
+        if (!current.isEmpty())
+            for (int row = 0; row < model->rows().size(); ++row)
+                if (str(model->row(row), QStringLiteral("source_key")) == current)
+                    tree->selectionModel()->setCurrentIndex(model->indexOfRow(row), QItemSelectionModel::NoUpdate);
+        tree->verticalScrollBar()->setValue(scroll);
+    }
+    updatePostButton();
+}
+
+void JiraReviewWindowController::Private::restoreViewState(const QSet<QString> &selected)
+{
+    tree->expandAll();
+    QItemSelection selection;
+    for (int row = 0; row < model->rows().size(); ++row) {
+        if (!selected.contains(str(model->row(row), QStringLiteral("source_key"))))
+            continue;
+        const QModelIndex index = model->indexOfRow(row);
+        selection.select(index, index.siblingAtColumn(ReviewModel::ColumnCount - 1));
+    }
+    tree->selectionModel()->select(selection, QItemSelectionModel::ClearAndSelect);
+}
+
+void JiraReviewWindowController::Private::updatePostButton()
+{
+    const review::PostButton button = review::postButton(model->rows(), busy || history());
+    postButton->setText(button.title);
+    postButton->setToolTip(button.toolTip);
+    postButton->setEnabled(button.enabled);
+    footerLabel->setText(review::footerText(model->rows(), history(), hiddenShort));
+    checkButton->setEnabled(!busy && !history());
+}
+
+void JiraReviewWindowController::Private::assignmentsChanged()
+{
+    reload();
+    if (q->assignmentsDidChange)
+        q->assignmentsDidChange();
+}
+
+QMainWindow *JiraReviewWindowController::window() const
+{
+    return d->window;
+}
+
+QMenu *JiraReviewWindowController::columnsMenu() const
+{
+    return d->columns;
+}
+
+QTreeView *JiraReviewWindowController::tree() const
+{
+    return d->tree;
+}
+
+JiraClient &JiraReviewWindowController::jiraClient() const
+{
+    return *d->client;
+}
 
 void JiraReviewWindowController::showSessions(const QVariantList &sessions)
 {
-    updateSessions(sessions);
+    const bool wasOpen = isOpen();
+    d->sessions = sessions;
+    d->reload();
     d->window->show();
     d->window->raise();
     d->window->activateWindow();
+    if (!wasOpen)
+        requestAutomaticCheck();
 }
 
 void JiraReviewWindowController::updateSessions(const QVariantList &sessions)
 {
-    d->status = tr("%n session(s)", nullptr, int(sessions.size()));
-    d->label->setText(d->status);
-    emit statusChanged();
+    if (isOpen() && d->liveUpdate(sessions))
+        return;
+    d->sessions = sessions;
+    if (isOpen())
+        d->reload();
 }
 
-bool JiraReviewWindowController::isOpen() const { return d->window->isVisible(); }
-void JiraReviewWindowController::calendarDayChanged() { }
-void JiraReviewWindowController::checkJira() { }
-void JiraReviewWindowController::requestAutomaticCheck() { }
-void JiraReviewWindowController::exportHistory() { }
-void JiraReviewWindowController::connectJira() { }
-void JiraReviewWindowController::disconnectJira() { }
-void JiraReviewWindowController::connectionSettingsChanged() { }
-void JiraReviewWindowController::prepareConnection() { }
-bool JiraReviewWindowController::posting() const { return false; }
-bool JiraReviewWindowController::busy() const { return false; }
-QString JiraReviewWindowController::statusText() const { return d->status; }
+bool JiraReviewWindowController::Private::liveUpdate(const QVariantList &fresh)
+{
+    // The common tick: only running sessions grew. A running session posts alone and never changes how the
+    // day's other sessions combine, so its own row is rebuilt and nothing else is touched.
+    if (fresh.size() != sessions.size())
+        return false;
+    static const QSet<QString> growing {
+        QStringLiteral("end_ms"), QStringLiteral("duration"), QStringLiteral("source_seconds")};
+    QList<int> changed;
+    for (int i = 0; i < fresh.size(); ++i) {
+        if (fresh[i] == sessions[i])
+            continue;
+        const QVariantMap before = sessions[i].toMap(), after = fresh[i].toMap();
+        if (!before.value(QStringLiteral("source_running")).toBool()
+            || !after.value(QStringLiteral("source_running")).toBool() || before.size() != after.size())
+            return false;
+        for (auto it = after.cbegin(); it != after.cend(); ++it)
+            if (!growing.contains(it.key()) && before.value(it.key()) != it.value())
+                return false;
+        changed.append(i);
+    }
+    if (!changed.isEmpty() && rowBySource.size() != model->rows().size()) {
+        rowBySource.clear();
+        for (int row = 0; row < model->rows().size(); ++row)
+            rowBySource.insert(str(model->row(row), QStringLiteral("source_key")), row);
+    }
+    const review::ReceiptIndex none;
+    bool rowsChanged = false;
+    for (int i : std::as_const(changed)) {
+        const QVariantMap session = fresh[i].toMap();
+        const auto found = rowBySource.constFind(JRSourceKey(session));
+        if (found == rowBySource.cend())
+            continue; // outside the period
+        const QVariantList built = JRBuildDrafts({resolvedSession(session, none)}, sessionDate(session).startOfDay());
+        if (built.size() != 1)
+            return false;
+        const QVariantMap draft = built.first().toMap();
+        QVariantMap row = model->row(found.value());
+        for (const char *key :
+            {"seconds", "source_milliseconds", "logged_seconds", "remaining_seconds", "post_seconds", "session"})
+            row.insert(QLatin1String(key), draft.value(QLatin1String(key)));
+        if (row != model->row(found.value())) {
+            model->updateRow(found.value(), row);
+            rowsChanged = true;
+        }
+    }
+    sessions = fresh;
+    if (rowsChanged)
+        updatePostButton();
+    return true;
+}
+
+bool JiraReviewWindowController::isOpen() const
+{
+    return d->window->isVisible();
+}
+
+void JiraReviewWindowController::setReviewDay(const QDate &day)
+{
+    d->period = Private::Period::Day;
+    const QSignalBlocker blocker(d->periodBox);
+    d->periodBox->setCurrentIndex(0);
+    d->setDay(day);
+    d->updatePeriodControls();
+}
+
+void JiraReviewWindowController::setRange(const QDate &from, const QDate &to)
+{
+    {
+        const QSignalBlocker blockPeriod(d->periodBox), blockFrom(d->fromEdit), blockTo(d->toEdit);
+        d->periodBox->setCurrentIndex(int(Private::Period::CustomRange));
+        d->fromEdit->setDate(from);
+        d->toEdit->setDate(to);
+    }
+    d->period = Private::Period::CustomRange;
+    d->rangeFrom = from;
+    d->rangeTo = to;
+    d->updatePeriodControls();
+    d->reload();
+    requestAutomaticCheck();
+}
+
+void JiraReviewWindowController::calendarDayChanged()
+{
+    if (d->busy)
+        return;
+    if (d->showingToday && d->reviewDay != QDate::currentDate()) {
+        d->reviewDay = QDate::currentDate();
+        d->updatePeriodControls();
+        d->reload();
+    } else {
+        d->updatePeriodControls();
+    }
+}
+
+bool JiraReviewWindowController::posting() const
+{
+    return d->posting;
+}
+
+bool JiraReviewWindowController::busy() const
+{
+    return d->busy;
+}
+
+QString JiraReviewWindowController::statusText() const
+{
+    return d->status;
+}
+
+QString JiraReviewWindowController::selectedCloud() const
+{
+    return d->cloud;
+}
+
+QMenu *JiraReviewWindowController::contextMenu(const QModelIndex &index, QWidget *parent) const
+{
+    return d->contextMenu(index, parent);
+}
+
+bool JiraReviewWindowController::exportHistoryTo(const QString &path, QString *error) const
+{
+    return d->writeHistory(path, error);
+}
 
 bool JiraReviewWindowController::writeSnapshot(const QString &path) const
 {
+    d->window->ensurePolished();
+    if (!d->window->isVisible())
+        d->window->layout()->activate();
     return d->window->grab().save(path, "PNG");
+}
+
+bool JiraReviewWindowController::eventFilter(QObject *watched, QEvent *event)
+{
+    if (watched == d->window && (event->type() == QEvent::Close || event->type() == QEvent::Hide))
+        QSettings().setValue(kGeometryKey, d->window->saveGeometry());
+    return QObject::eventFilter(watched, event);
 }

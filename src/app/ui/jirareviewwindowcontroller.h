@@ -1,12 +1,18 @@
 #pragma once
 
+#include <QDate>
 #include <QObject>
 #include <QString>
 #include <QVariantList>
+#include <QVariantMap>
 #include <functional>
 
+class JiraClient;
 class QMainWindow;
 class QMenu;
+class QModelIndex;
+class QTreeView;
+class QWidget;
 
 // The Worklogs window: reviews the tracked sessions of a period, checks them against Jira and posts the ticked
 // ones. The application shell owns one controller for the whole run; the window itself is created with the
@@ -18,6 +24,8 @@ class JiraReviewWindowController : public QObject
 public:
     // `store` is the support folder: the history store, receipts, comparisons and assignments live there.
     explicit JiraReviewWindowController(const QString &store, QObject *parent = nullptr);
+    // Keeps the Jira credentials under another secret-store service (tests that run side by side).
+    JiraReviewWindowController(const QString &store, const QString &credentialService, QObject *parent = nullptr);
     ~JiraReviewWindowController() override;
 
     // The top-level window ("Worklogs"). The shell sets its menu bar; the controller never does.
@@ -47,13 +55,38 @@ public:
     // Renders the window as it is on screen into a PNG; false when it cannot be written.
     bool writeSnapshot(const QString &path) const;
 
+    // The review day of the "Day" period (the window follows the calendar only while it shows today).
+    void setReviewDay(const QDate &day);
+    // The "Custom Range" period from `from` to `to`, both days included.
+    void setRange(const QDate &from, const QDate &to);
+    // "Post …": posts the ticked worklogs after the confirmation (re-checking Jira first when the last check
+    // is over five minutes old).
+    void post();
+    // Selects one of the offered Jira sites by its cloud identifier.
+    void selectSite(const QString &cloud);
+    QString selectedCloud() const;
+    // Writes the history file ("Export History…" without the save panel); false with the reason on failure.
+    bool exportHistoryTo(const QString &path, QString *error) const;
+    // The context menu of a row (caller owns it); its actions run the row commands.
+    QMenu *contextMenu(const QModelIndex &index, QWidget *parent) const;
+    QTreeView *tree() const;
+    JiraClient &jiraClient() const;
+
     std::function<void()> assignmentsDidChange;
     std::function<void()> connectionDidChange;
     std::function<QString(const QString &issue)> titleForIssue;
+    // Replaces the post confirmation alert (title, text) -> confirmed; unset shows the alert.
+    std::function<bool(const QString &title, const QString &text)> confirmPost;
+    // Replace the session editor and the worklog picker dialogs (same results); unset shows the dialogs.
+    std::function<QVariantMap(const QVariantMap &session, bool commentOnly)> editSession;
+    std::function<QVariantMap(const QVariantList &candidates, const QString &issue, qint64 seconds)> chooseMatch;
 
 signals:
     void postingChanged(bool posting);
     void statusChanged();
+
+protected:
+    bool eventFilter(QObject *watched, QEvent *event) override;
 
 private:
     struct Private;

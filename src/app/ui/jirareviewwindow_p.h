@@ -1,0 +1,153 @@
+#pragma once
+
+// The Worklogs window controller's inner state, shared by its source files (window and rows, Jira operations,
+// row commands).
+
+#include "app/ui/jirareviewwindowcontroller.h"
+#include "app/ui/reviewmodel.h"
+#include "app/ui/reviewrules.h"
+#include "app/ui/reviewview.h"
+#include "jira/issuetitlecache.h"
+#include "jira/jiraclient.h"
+#include "submission/comparisoncache.h"
+#include "submission/worklogservice.h"
+#include "worklogs/issueassignments.h"
+
+#include <QDate>
+#include <QDateTime>
+#include <QHash>
+#include <QSet>
+#include <QVariantMap>
+
+#include <memory>
+#include <optional>
+
+class QComboBox;
+class QDateEdit;
+class QLabel;
+class QMainWindow;
+class QMenu;
+class QPushButton;
+class QToolButton;
+
+struct JiraReviewWindowController::Private {
+    enum class Period { Day, LastSevenDays, CustomRange };
+
+    Private(JiraReviewWindowController *owner, const QString &directory, const QString &credentialService);
+
+    // Window and rows (jirareviewwindowcontroller.cpp).
+    void buildWindow();
+    void buildColumnsMenu();
+    void restoreColumns();
+    void saveColumns() const;
+    void resetColumns();
+    void updatePeriodControls();
+    void interval(QDateTime &from, QDateTime &to) const;
+    void reload();
+    bool liveUpdate(const QVariantList &fresh);
+    QVariantList buildRows();
+    QVariantMap resolvedSession(const QVariantMap &session, const review::ReceiptIndex &receipts);
+    void applyWindowKeys(QVariantList &rows, const review::ReceiptIndex &receipts);
+    void refreshDerivedKeys();
+    void restoreViewState(const QSet<QString> &selected);
+    void updatePostButton();
+    void setStatus(const QString &text);
+    void refreshReceipts();
+    void setDay(const QDate &day);
+    bool history() const { return cloud.isEmpty(); }
+
+    // Jira operations (reviewoperations.cpp).
+    void startCompare(bool automatic);
+    void finishCompare(qint64 operation, const QVariantMap &result, const QVariantList &sent);
+    void startPost();
+    void runPost(const QVariantList &worklogs);
+    void finishPost(qint64 operation, const QVariantList &posted, const QString &failure, qint64 count);
+    void progressEvent(qint64 operation, const QVariantMap &event);
+    void setBusy(bool isBusy, bool isPosting);
+    void setRowProgress(const QStringList &sourceKeys, const QString &text, bool active);
+    void loadSites();
+    void sitesLoaded(qint64 generation, const QVariantList &resources, const QString &error);
+    void selectSite(const QString &cloudId);
+    void updateConnectionControls();
+    QString siteURL() const;
+
+    // Row commands (reviewcommands.cpp).
+    QMenu *contextMenu(const QModelIndex &index, QWidget *parent);
+    QString refusalForEdit(const QVariantMap &row, bool reset) const;
+    void editRow(int row, bool commentOnly);
+    void useAutomaticAssignment(int row);
+    void markAsLogged(int row);
+    void ignoreForJira(int row);
+    void undoExclusion(int row);
+    void openInJira(int row);
+    bool writeHistory(const QString &path, QString *error) const;
+    void assignmentsChanged();
+
+    JiraReviewWindowController *q;
+    QString store;
+    std::unique_ptr<JiraClient> client;
+    std::unique_ptr<WorklogService> service;
+    std::unique_ptr<IssueTitleCache> titles;
+    std::unique_ptr<IssueAssignments> assignments;
+    ComparisonCache cache;
+    ReceiptStore receiptStore;
+
+    QMainWindow *window = nullptr;
+    ReviewTreeView *tree = nullptr;
+    ReviewModel *model = nullptr;
+    QMenu *columns = nullptr;
+    QComboBox *periodBox = nullptr;
+    QToolButton *previousDay = nullptr;
+    QToolButton *nextDay = nullptr;
+    QPushButton *todayButton = nullptr;
+    QDateEdit *dateEdit = nullptr;
+    QDateEdit *fromEdit = nullptr;
+    QDateEdit *toEdit = nullptr;
+    QLabel *fromLabel = nullptr;
+    QLabel *toLabel = nullptr;
+    QComboBox *siteBox = nullptr;
+    QPushButton *connectButton = nullptr;
+    QPushButton *checkButton = nullptr;
+    QPushButton *postButton = nullptr;
+    QLabel *statusLabel = nullptr;
+    QLabel *progressLabel = nullptr;
+    QLabel *footerLabel = nullptr;
+
+    QVariantList sessions;
+    Period period = Period::Day;
+    QDate reviewDay;
+    bool showingToday = true;
+    QDate rangeFrom;
+    QDate rangeTo;
+
+    QString cloud;
+    QString account;
+    QVariantList sites;
+    QString connectedOrigin;
+    bool authorising = false;
+    bool busy = false;
+    bool posting = false;
+    bool postAfterCheck = false;
+    bool ticksChosen = false;
+    qint64 serial = 0;
+    QString status;
+    QString progressText;
+    int hiddenShort = 0;
+
+    // Per day (ISO date): the signature of its sessions at the last build.
+    QHash<QString, QString> signatures;
+    // Source key -> the last comparison of that draft (with its "fingerprint").
+    QHash<QString, QVariantMap> compared;
+    QSet<QString> checkedDays;
+    QDateTime comparisonAt;
+    std::optional<QHash<QString, bool>> intent;
+    // Source key -> per-row progress text, and whether its spinner turns.
+    QHash<QString, QString> progress;
+    QSet<QString> progressActive;
+    QSet<QString> lockedSet;
+    // Source key -> row, for the live update; rebuilt lazily after every reload.
+    QHash<QString, int> rowBySource;
+    QVariantMap receipts;
+    QDateTime receiptsStamp;
+    QString receiptsError;
+};
