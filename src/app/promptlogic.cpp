@@ -188,6 +188,8 @@ void LogPromptCoordinator::observeSwitch(const QVariantList &sessions, const Tra
     if (!askToLog() || !call(m_host.isConnected)) {
         m_observer.reset();
         forgetPending();
+        m_earlyRunning = false;
+        m_early.clear();
         if (!call(m_host.posting))
             dismissPrompt();
         return;
@@ -216,11 +218,12 @@ void LogPromptCoordinator::checkEarly(const QVariantMap &session)
     m_earlyRunning = true;
     const int generation = ++m_generation;
     const QString key = JRSourceKey(session);
+    m_earlyKey = key;
     const qint64 end = integer(session, QStringLiteral("end_ms"));
     m_host.comparePromptSession(session, daySessions(session), [this, generation, key, end](const QVariantMap &result) {
-        m_earlyRunning = false;
         if (generation != m_generation)
             return;
+        m_earlyRunning = false;
         m_early = {
             {QStringLiteral("source_key"), key}, {QStringLiteral("end_ms"), end}, {QStringLiteral("result"), result}};
         offerWaitingSession();
@@ -243,6 +246,9 @@ void LogPromptCoordinator::offerWaitingSession()
         return;
     }
     if (promptVisible())
+        return;
+    // An early check of this very session is on its way; its answer will offer it.
+    if (m_earlyRunning && m_earlyKey == JRSourceKey(m_pending))
         return;
     if (earlyCheckCovers(m_pending)) {
         const QVariantMap session = m_pending;

@@ -165,6 +165,7 @@ private:
     bool m_comparing = false;
     QVariantMap m_early; // {"source_key", "end_ms", "result"}
     bool m_earlyRunning = false;
+    QString m_earlyKey;
 
     PromptContent::Kind m_shownKind = PromptContent::Kind::LogPrompt;
     QVariantMap m_promptSession;

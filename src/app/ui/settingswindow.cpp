@@ -675,13 +675,13 @@ void SettingsWindow::fitToPane()
         QWidget *page = m_stack->widget(i);
         page->setSizePolicy(QSizePolicy::Preferred, page == pane ? QSizePolicy::Preferred : QSizePolicy::Ignored);
     }
-    pane->adjustSize();
-    m_stack->adjustSize();
-    const int toolbarHeight = height() - m_stack->height();
-    const int paneHeight = pane->layout() ? pane->layout()->totalHeightForWidth(kPaneWidth) : pane->sizeHint().height();
-    const int wanted = std::max(paneHeight, pane->minimumSizeHint().height());
-    setFixedSize(
-        kPaneWidth, (isVisible() ? toolbarHeight : sizeHint().height() - m_stack->sizeHint().height()) + wanted);
+    if (pane->layout())
+        pane->layout()->activate();
+    const auto *toolbar = findChild<QToolBar *>(QStringLiteral("HourloomSettings"));
+    const int paneHeight = pane->layout() && pane->layout()->hasHeightForWidth()
+        ? pane->layout()->heightForWidth(kPaneWidth)
+        : pane->sizeHint().height();
+    setFixedSize(kPaneWidth, (toolbar ? toolbar->sizeHint().height() : 0) + paneHeight);
 }
 
 void SettingsWindow::setConnection(bool connected, const QStringList &siteNames, bool sitesKnown)
