@@ -173,6 +173,8 @@ IssueRulesTable::IssueRulesTable(QWidget *parent)
 
     m_stack->addWidget(m_view);
     m_stack->addWidget(m_empty);
+    m_empty->setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Fixed);
+    setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Fixed);
     auto *layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
     layout->addLayout(m_stack);
