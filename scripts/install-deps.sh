@@ -15,6 +15,7 @@ packages=(
     libbenchmark-dev
     libcpp-httplib-dev libssl-dev openssl ca-certificates
     dbus dbus-x11 gnome-keyring libsecret-tools
+    xvfb dunst
     tzdata
     python3 python3-jsonschema python3-reportlab
 )
