@@ -1,15 +1,88 @@
+#include "app/appdelegate.h"
 #include "app/rundiagnostics.h"
+#include "app/singleinstance.h"
 #include "app/supportfolder.h"
+#include "app/trayicons.h"
 #include "platform/appidentity.h"
+
+#include <QApplication>
+#include <QIcon>
+#include <QSocketNotifier>
+#include <QWidget>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace
+{
+
+int g_signalPipe[2] = {-1, -1};
+
+void onSignal(int)
+{
+    const char byte = 1;
+    [[maybe_unused]] const ssize_t written = ::write(g_signalPipe[0], &byte, 1);
+}
+
+// A session that ends sends SIGTERM; the run loop then ends normally, as "Quit Hourloom" would.
+void quitOnTerminationSignals(QApplication &app)
+{
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, g_signalPipe) != 0)
+        return;
+    auto *notifier = new QSocketNotifier(g_signalPipe[1], QSocketNotifier::Read, &app);
+    QObject::connect(notifier, &QSocketNotifier::activated, &app, [] {
+        char byte;
+        [[maybe_unused]] const ssize_t read = ::read(g_signalPipe[1], &byte, 1);
+        QCoreApplication::quit();
+    });
+    struct sigaction action {
+    };
+    action.sa_handler = onSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    ::sigaction(SIGTERM, &action, nullptr);
+    ::sigaction(SIGINT, &action, nullptr);
+    ::sigaction(SIGHUP, &action, nullptr);
+}
+
+bool anyWindowVisible()
+{
+    const QWidgetList windows = QApplication::topLevelWidgets();
+    return std::any_of(windows.cbegin(), windows.cend(), [](const QWidget *window) { return window->isVisible(); });
+}
+
+} // namespace
 
 int main(int argc, char **argv)
 {
     const int status = RunDiagnostics(argc, argv);
     if (status >= 0)
         return status;
+
+    QApplication app(argc, argv);
     HLConfigureApplicationIdentity();
-    SupportFolder::prepare();
-    // The application shell is not part of this build yet: after preparing its folder, starting the
-    // application opens nothing and ends.
+    QGuiApplication::setDesktopFileName(QStringLiteral(HOURLOOM_APP_ID));
+    QApplication::setWindowIcon(JTApplicationIcon());
+    // The program lives in the tray: closing its last window leaves it running.
+    app.setQuitOnLastWindowClosed(false);
+
+    SingleInstance instance;
+    if (!instance.claim()) {
+        if (instance.reachedOther())
+            return 0; // the running Hourloom shows its window
+        std::fputs("Hourloom is already running but did not answer; try again in a moment.\n", stderr);
+        return 1;
+    }
+
+    AppDelegate delegate(QString(), SupportFolder::prepare());
+    QObject::connect(&instance, &SingleInstance::activationRequested, &delegate,
+        [&delegate] { delegate.reopen(anyWindowVisible()); });
+    quitOnTerminationSignals(app);
+    if (!delegate.applicationDidFinishLaunching())
+        return 1;
+    app.exec();
     return 0;
 }
