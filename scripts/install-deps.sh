@@ -17,6 +17,8 @@ packages=(
     dbus dbus-x11 gnome-keyring libsecret-tools
     tzdata
     python3 python3-jsonschema
+    xvfb xauth trayer
+    desktop-file-utils appstream lintian fakeroot dpkg-dev
 )
 
 missing=()

@@ -11,7 +11,7 @@ if [[ "${1:-}" == "--no-tray" ]]; then
     shift
 fi
 
-for tool in Xvfb xdotool; do
+for tool in Xvfb python3; do
     if ! command -v "$tool" >/dev/null 2>&1; then
         echo "SKIP: $tool is not installed (scripts/install-deps.sh installs it)" >&2
         exit 77
@@ -53,12 +53,28 @@ if [[ $with_tray -eq 1 ]]; then
     trayer --edge top --align right --widthtype request --height 24 --transparent false --tint 0xdddddd \
         --SetDockType true >"$workdir/trayer.log" 2>&1 &
     tray_pid=$!
-    # The tray is ready once its window exists (it owns the tray selection from then on).
-    for _ in $(seq 1 100); do
-        xdotool search --class trayer >/dev/null 2>&1 && break
-        sleep 0.1
-    done
-    if ! xdotool search --class trayer >/dev/null 2>&1; then
+    # The tray is ready once it owns the system tray selection of screen 0.
+    if ! python3 - <<'PY'
+import ctypes, ctypes.util, sys, time
+x11 = ctypes.cdll.LoadLibrary(ctypes.util.find_library("X11") or "libX11.so.6")
+x11.XOpenDisplay.restype = ctypes.c_void_p
+x11.XOpenDisplay.argtypes = [ctypes.c_char_p]
+x11.XInternAtom.restype = ctypes.c_ulong
+x11.XInternAtom.argtypes = [ctypes.c_void_p, ctypes.c_char_p, ctypes.c_int]
+x11.XGetSelectionOwner.restype = ctypes.c_ulong
+x11.XGetSelectionOwner.argtypes = [ctypes.c_void_p, ctypes.c_ulong]
+display = x11.XOpenDisplay(None)
+if not display:
+    sys.exit(1)
+atom = x11.XInternAtom(display, b"_NET_SYSTEM_TRAY_S0", 0)
+deadline = time.monotonic() + 30
+while time.monotonic() < deadline:
+    if x11.XGetSelectionOwner(display, atom):
+        sys.exit(0)
+    time.sleep(0.05)
+sys.exit(1)
+PY
+    then
         echo "trayer did not start:" >&2
         cat "$workdir/trayer.log" >&2
         exit 1

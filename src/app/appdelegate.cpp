@@ -138,7 +138,8 @@ bool AppDelegate::applicationDidFinishLaunching()
         PlatformError error;
         folder = m_access->restoreSource(&error);
         if (folder.isNull() && !error.description.isEmpty())
-            systemLog(QStringLiteral("Hourloom: could not restore Stintwatch folder access: %1").arg(error.description));
+            systemLog(
+                QStringLiteral("Hourloom: could not restore Stintwatch folder access: %1").arg(error.description));
     }
     if (!folder.isNull())
         startMonitor(folder);
@@ -193,8 +194,8 @@ void AppDelegate::showNoTrayHint()
         return;
     m_settings->setValue(key, true);
     auto *box = new QMessageBox(QMessageBox::Information, QStringLiteral("No system tray found"),
-        QStringLiteral("Hourloom normally lives in the system tray, but this desktop shows none."),
-        QMessageBox::Ok, m_review->window());
+        QStringLiteral("Hourloom normally lives in the system tray, but this desktop shows none."), QMessageBox::Ok,
+        m_review->window());
     box->setInformativeText(QStringLiteral(
         "On GNOME, install and enable the AppIndicator and KStatusNotifierItem Support extension "
         "(Debian package gnome-shell-extension-appindicator), then log out and in again. KDE Plasma, XFCE and "
@@ -264,8 +265,8 @@ void AppDelegate::updateStatus()
     if (m_monitor) {
         const QVariantMap offered = m_observer.observe(m_monitor->rows(), m_monitor->lastKind() == 1,
             m_monitor->liveObserved(), HLIssueOf(m_monitor->currentDescription()),
-            double(m_monitor->started().isValid() ? m_monitor->started().toMSecsSinceEpoch() : 0),
-            m_monitor->project(), current);
+            double(m_monitor->started().isValid() ? m_monitor->started().toMSecsSinceEpoch() : 0), m_monitor->project(),
+            current);
         if (!offered.isEmpty() && switchOffered)
             switchOffered(offered);
         const QDateTime settles = m_observer.settlesAt();

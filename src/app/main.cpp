@@ -1,4 +1,5 @@
 #include "app/appdelegate.h"
+#include "app/demosnapshots.h"
 #include "app/rundiagnostics.h"
 #include "app/singleinstance.h"
 #include "app/supportfolder.h"
@@ -69,6 +70,9 @@ int main(int argc, char **argv)
     // The program lives in the tray: closing its last window leaves it running.
     app.setQuitOnLastWindowClosed(false);
 
+    // Before anything can be seen from outside, so a session that ends early never kills a half-started run.
+    quitOnTerminationSignals(app);
+
     SingleInstance instance;
     if (!instance.claim()) {
         if (instance.reachedOther())
@@ -80,9 +84,12 @@ int main(int argc, char **argv)
     AppDelegate delegate(QString(), SupportFolder::prepare());
     QObject::connect(&instance, &SingleInstance::activationRequested, &delegate,
         [&delegate] { delegate.reopen(anyWindowVisible()); });
-    quitOnTerminationSignals(app);
     if (!delegate.applicationDidFinishLaunching())
         return 1;
+#ifdef HOURLOOM_TEST_HOOKS
+    if (const QString folder = qEnvironmentVariable("HOURLOOM_TEST_SNAPSHOT_DIR"); !folder.isEmpty())
+        HLTakeDemoSnapshots(delegate, folder);
+#endif
     app.exec();
     return 0;
 }

@@ -195,13 +195,34 @@ void MenuBarController::installMainMenu(QMainWindow *window, QMenu *columns)
     }
 }
 
-QString MenuBarController::statusText() const { return m_status->text(); }
-QString MenuBarController::taskText() const { return m_task->text(); }
-bool MenuBarController::taskVisible() const { return m_task->isVisible(); }
-QString MenuBarController::summaryText() const { return m_summary->text(); }
-QString MenuBarController::alternateText() const { return m_alternate->text(); }
-bool MenuBarController::alternateVisible() const { return m_alternate->isVisible(); }
-QString MenuBarController::toolTip() const { return m_tray->toolTip(); }
+QString MenuBarController::statusText() const
+{
+    return m_status->text();
+}
+QString MenuBarController::taskText() const
+{
+    return m_task->text();
+}
+bool MenuBarController::taskVisible() const
+{
+    return m_task->isVisible();
+}
+QString MenuBarController::summaryText() const
+{
+    return m_summary->text();
+}
+QString MenuBarController::alternateText() const
+{
+    return m_alternate->text();
+}
+bool MenuBarController::alternateVisible() const
+{
+    return m_alternate->isVisible();
+}
+QString MenuBarController::toolTip() const
+{
+    return m_tray->toolTip();
+}
 
 void MenuBarController::refreshIcon()
 {

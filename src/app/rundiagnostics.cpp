@@ -10,11 +10,11 @@
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
+#include <QStandardPaths>
+#include <QString>
 #include <QTimer>
 #include <QVariantMap>
 #include <QWidget>
-#include <QStandardPaths>
-#include <QString>
 
 #include <sys/resource.h>
 
@@ -126,7 +126,7 @@ int runSmokeTest(int argc, char **argv)
     const int hold = holdSeconds();
 
     const QString source = qEnvironmentVariableIsSet("HL_TEST_SOURCE") ? qEnvironmentVariable("HL_TEST_SOURCE")
-                                                                        : StintwatchSourceAccess::defaultSourcePath();
+                                                                       : StintwatchSourceAccess::defaultSourcePath();
     const QString store = qEnvironmentVariableIsSet("HL_TEST_STORE")
         ? qEnvironmentVariable("HL_TEST_STORE")
         : QDir::current().filePath(QStringLiteral("build/smoke-data"));
@@ -144,8 +144,8 @@ int runSmokeTest(int argc, char **argv)
         std::fflush(stdout);
         delegate.reopen(false);
         const QWidgetList windows = QApplication::topLevelWidgets();
-        const bool shown = std::any_of(
-            windows.cbegin(), windows.cend(), [](const QWidget *window) { return window->isVisible(); });
+        const bool shown
+            = std::any_of(windows.cbegin(), windows.cend(), [](const QWidget *window) { return window->isVisible(); });
         if (!shown) {
             std::fputs("Smoke test: a Dock click showed no window\n", stderr);
             status = 1;

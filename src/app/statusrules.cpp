@@ -46,8 +46,8 @@ StatusOutput HLStatusFor(const StatusInput &input)
     out.tracking = tracking && input.stintwatchRunning;
     out.taskVisible = out.tracking;
     if (out.tracking)
-        out.title = issue == QLatin1String("Unassigned") ? QStringLiteral("Tracking")
-                                                         : QStringLiteral("Tracking ") + issue;
+        out.title
+            = issue == QLatin1String("Unassigned") ? QStringLiteral("Tracking") : QStringLiteral("Tracking ") + issue;
 
     if (input.hideShortSessions && input.shortSessionCount > 0)
         out.sessionCount = QStringLiteral("%1 of %2 sessions · %3 under a minute hidden")

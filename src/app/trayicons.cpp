@@ -43,8 +43,8 @@ QIcon JTMenuIcon(TrayState state, bool symbolic)
         name = QStringLiteral("attention");
         break;
     }
-    return iconFromSvg(QStringLiteral(":/icons/hourloom-") + name
-        + (symbolic ? QStringLiteral("-symbolic") : QString()) + QStringLiteral(".svg"));
+    return iconFromSvg(QStringLiteral(":/icons/hourloom-") + name + (symbolic ? QStringLiteral("-symbolic") : QString())
+        + QStringLiteral(".svg"));
 }
 
 bool JTPrefersSymbolic()

@@ -88,8 +88,9 @@ TEST(AppDelegate, WindowMenuBarCarriesTheMainMenuWithControlKeys)
     QStringList status;
     for (QAction *item : shell.delegate.menuBar()->statusMenu()->actions())
         status << (item->isSeparator() ? QStringLiteral("-") : item->text());
-    EXPECT_EQ(status.mid(4), (QStringList {QStringLiteral("-"), QStringLiteral("Worklogs…"), QStringLiteral("-"),
-                                 QStringLiteral("Quit Hourloom")}));
+    EXPECT_EQ(status.mid(4),
+        (QStringList {
+            QStringLiteral("-"), QStringLiteral("Worklogs…"), QStringLiteral("-"), QStringLiteral("Quit Hourloom")}));
 }
 
 // The status rows follow the tracker: each change shows within one refresh of the status item.
@@ -118,7 +119,8 @@ TEST(AppDelegate, StatusRowsFollowTheSimulatedTracker)
         << menu->statusText().toStdString();
     EXPECT_TRUE(menu->taskVisible());
     EXPECT_EQ(menu->taskText(), QStringLiteral("ED-1: ED-1 Fix the login"));
-    EXPECT_TRUE(menu->toolTip().startsWith(QStringLiteral("Hourloom · Tracking ED-1\n"))) << menu->toolTip().toStdString();
+    EXPECT_TRUE(menu->toolTip().startsWith(QStringLiteral("Hourloom · Tracking ED-1\n")))
+        << menu->toolTip().toStdString();
     EXPECT_EQ(menu->state(), TrayState::Tracking);
     EXPECT_EQ(shell.delegate.statusIntervalMs(), 15000);
 
@@ -129,8 +131,8 @@ TEST(AppDelegate, StatusRowsFollowTheSimulatedTracker)
     EXPECT_TRUE(testenv::waitFor([&] { return shell.delegate.statusIntervalMs() == 15000; }));
 
     tracker.switchTo(43, QStringLiteral("ED-2 Review the notes"));
-    EXPECT_TRUE(testenv::waitFor(
-        [&] { return menu->taskText() == QStringLiteral("ED-2: ED-2 Review the notes"); }, 20000))
+    EXPECT_TRUE(
+        testenv::waitFor([&] { return menu->taskText() == QStringLiteral("ED-2: ED-2 Review the notes"); }, 20000))
         << menu->taskText().toStdString();
 
     tracker.stop();
@@ -213,9 +215,9 @@ TEST(AppDelegate, DiagnosticsReportIsWrittenForTheOwnerOnly)
     EXPECT_FALSE(permissions & (QFile::ReadGroup | QFile::WriteGroup | QFile::ReadOther | QFile::WriteOther));
     EXPECT_FALSE(AppDelegate::writeReport(path + QStringLiteral(".missing/x"), QStringLiteral("report"), &error));
     EXPECT_FALSE(error.isEmpty());
-    EXPECT_TRUE(DiagnosticLog::shared().report().startsWith(
-        QStringLiteral("Hourloom diagnostics\nVersion: ") + QCoreApplication::applicationVersion()
-        + QStringLiteral(" (") + QStringLiteral(HOURLOOM_BUILD_VERSION) + u')'));
+    EXPECT_TRUE(DiagnosticLog::shared().report().startsWith(QStringLiteral("Hourloom diagnostics\nVersion: ")
+        + QCoreApplication::applicationVersion() + QStringLiteral(" (") + QStringLiteral(HOURLOOM_BUILD_VERSION)
+        + u')'));
     EXPECT_NE(QStringLiteral(HOURLOOM_BUILD_VERSION), QStringLiteral("unknown"));
 }
 
@@ -230,7 +232,8 @@ TEST(Autostart, StartAtLoginWritesAndRemovesTheEntry)
     QFile file(path);
     ASSERT_TRUE(file.open(QIODevice::ReadOnly));
     const QByteArray text = file.readAll();
-    EXPECT_TRUE(text.contains(QByteArray("\nExec=" + QFile::encodeName(QCoreApplication::applicationFilePath()) + "\n")));
+    EXPECT_TRUE(
+        text.contains(QByteArray("\nExec=" + QFile::encodeName(QCoreApplication::applicationFilePath()) + "\n")));
     if (const QString validator = QStandardPaths::findExecutable(QStringLiteral("desktop-file-validate"));
         !validator.isEmpty()) {
         QProcess validate;
@@ -242,7 +245,8 @@ TEST(Autostart, StartAtLoginWritesAndRemovesTheEntry)
     EXPECT_FALSE(QFileInfo::exists(path));
     EXPECT_TRUE(Autostart::setEnabled(false, &error)); // already off
     // A path with a blank is quoted as desktop entries require.
-    EXPECT_TRUE(Autostart::entry(QStringLiteral("/opt/my apps/hourloom")).contains("\nExec=\"/opt/my apps/hourloom\"\n"));
+    EXPECT_TRUE(
+        Autostart::entry(QStringLiteral("/opt/my apps/hourloom")).contains("\nExec=\"/opt/my apps/hourloom\"\n"));
 }
 
 } // namespace

@@ -70,8 +70,8 @@ int terminate(QProcess &process)
 
 TEST(Application, StartsForAnyUnknownArgumentsAndEndsCleanlyOnTerm)
 {
-    for (const QStringList &arguments : {QStringList {}, QStringList {QStringLiteral("--probe-x")},
-             QStringList {QStringLiteral("--help")}}) {
+    for (const QStringList &arguments :
+        {QStringList {}, QStringList {QStringLiteral("--probe-x")}, QStringList {QStringLiteral("--help")}}) {
         Profile profile(QStringLiteral("home"));
         QProcess app;
         profile.start(app, arguments);

@@ -63,9 +63,8 @@ StatusInput noMonitor(bool menuOpen)
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, StatusRules,
-    ::testing::Values(
-        Case {"NoFolder", noMonitor(true), QStringLiteral("Choose the Stintwatch folder"), QString(), false,
-            QString(), 15000},
+    ::testing::Values(Case {"NoFolder", noMonitor(true), QStringLiteral("Choose the Stintwatch folder"), QString(),
+                          false, QString(), 15000},
         Case {"NotRunningWinsOverError", state(1, true, QStringLiteral("ED-1 Fix"), QStringLiteral("boom"), false),
             QStringLiteral("Stintwatch is not running"), QStringLiteral("ED-1: ED-1 Fix"), false, QString(), 15000},
         Case {"ErrorWinsOverTracking", state(1, true, QStringLiteral("ED-1 Fix"), QStringLiteral("boom")),
@@ -74,9 +73,9 @@ INSTANTIATE_TEST_SUITE_P(Table, StatusRules,
         Case {"TrackingLiveAssigned", state(1, true, QStringLiteral("ED-1 Fix the login")),
             QStringLiteral("Tracking · 2h 5m"), QStringLiteral("ED-1: ED-1 Fix the login"), true,
             QStringLiteral("Tracking ED-1"), 15000},
-        Case {"TrackingLiveMenuOpenTicksEverySecond",
-            state(1, true, QStringLiteral("Meeting"), {}, true, true), QStringLiteral("Tracking · 2h 5m"),
-            QStringLiteral("Unassigned: Meeting"), true, QStringLiteral("Tracking"), 1000},
+        Case {"TrackingLiveMenuOpenTicksEverySecond", state(1, true, QStringLiteral("Meeting"), {}, true, true),
+            QStringLiteral("Tracking · 2h 5m"), QStringLiteral("Unassigned: Meeting"), true, QStringLiteral("Tracking"),
+            1000},
         Case {"TrackingWithoutDescription", state(1, true), QStringLiteral("Tracking · 2h 5m"), kNoTask, true,
             QStringLiteral("Tracking"), 15000},
         Case {"TrackingNotConfirmedMenuOpen", state(1, false, QStringLiteral("ED-2 Review"), {}, true, true),
@@ -113,8 +112,7 @@ TEST(StatusRules, SessionCountSaysHowManyShortSessionsAreHidden)
 
 QVariantMap row(qint64 project, qint64 start, qint64 end)
 {
-    return {{QStringLiteral("project"), project}, {QStringLiteral("start_ms"), start},
-        {QStringLiteral("end_ms"), end}};
+    return {{QStringLiteral("project"), project}, {QStringLiteral("start_ms"), start}, {QStringLiteral("end_ms"), end}};
 }
 
 TEST(SessionsMarkingRunning, EndsOnlyTheOpenIntervalOfTheRunningProjectNow)

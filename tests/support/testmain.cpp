@@ -57,6 +57,9 @@ int main(int argc, char **argv)
     isolateHome();
     ::testing::InitGoogleMock(&argc, argv);
 #ifdef HOURLOOM_TEST_GUI
+    // Listing the tests (ctest's discovery) runs without the tests' environment: never need a display for it.
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
     QApplication app(argc, argv);
 #else
     QCoreApplication app(argc, argv);
