@@ -20,7 +20,7 @@
 namespace
 {
 
-constexpr int kSettleMs = 1500; // the monitor's first scans and the panel's repaint
+constexpr int kSettleMs = 5000; // the demo's tracker starts its session and the panel repaints
 constexpr int kGiveUpMs = 30000;
 
 void save(const QPixmap &pixmap, const QString &path)
