@@ -65,7 +65,8 @@ demo-snapshots: build
 
 # Launch-to-tray time and idle memory/CPU of the application (Release build, Xvfb + trayer).
 bench-app: deps
-	cmake -S . -B $(BENCH_BUILD) $(GENERATOR) -DCMAKE_BUILD_TYPE=Release -DHOURLOOM_BUILD_TESTS=OFF
+	cmake -S . -B $(BENCH_BUILD) $(GENERATOR) -DCMAKE_BUILD_TYPE=Release -DHOURLOOM_BUILD_TESTS=OFF \
+		-DHOURLOOM_TEST_HOOKS=ON
 	cmake --build $(BENCH_BUILD) --parallel --target hourloom hourloom-simtracker
 	scripts/with-tray.sh bench/app/measure.sh $(BENCH_BUILD)
 

@@ -32,6 +32,9 @@
 #include <cstdio>
 #include <exception>
 #include <syslog.h>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 namespace
 {
@@ -161,8 +164,23 @@ void AppDelegate::startMonitor(const QString &folder)
         m_monitor->deleteLater();
     }
     m_monitor = new StintwatchMonitor(folder, m_store, this);
-    m_monitor->setOnChange([this] { updateStatus(); });
+    m_monitor->setOnChange([this] {
+        updateStatus();
+        releaseScanMemory();
+    });
     m_monitor->start();
+}
+
+void AppDelegate::releaseScanMemory()
+{
+    // A scan that read the tracker's whole database frees its buffers on the monitor's thread, whose heap
+    // arena keeps them; hand them back so a long-running tray program stays small. Once per scan at most.
+    if (!m_monitor || m_monitor->scanCount() == m_trimmedScan)
+        return;
+    m_trimmedScan = m_monitor->scanCount();
+#ifdef __GLIBC__
+    malloc_trim(0);
+#endif
 }
 
 void AppDelegate::waitForTray()

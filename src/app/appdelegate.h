@@ -70,6 +70,7 @@ public:
 
 private:
     void startMonitor(const QString &folder);
+    void releaseScanMemory();
     void waitForTray();
     void showNoTrayHint();
     void showAlert(const QString &title, const QString &detail);
@@ -89,4 +90,5 @@ private:
     QTimer *m_settleTimer = nullptr;
     QPointer<QMessageBox> m_about;
     bool m_trayWaitFinished = false;
+    int m_trimmedScan = 0;
 };

@@ -15,6 +15,7 @@
 #include <QTimer>
 
 #include <cstdio>
+#include <ctime>
 #include <memory>
 
 namespace
@@ -80,4 +81,20 @@ void HLTakeDemoSnapshots(AppDelegate &delegate, const QString &folder)
         });
     });
     poll->start(250);
+}
+
+void HLReportTrayShown(AppDelegate &delegate)
+{
+    auto *poll = new QTimer(&delegate);
+    poll->setTimerType(Qt::PreciseTimer);
+    QObject::connect(poll, &QTimer::timeout, &delegate, [&delegate, poll] {
+        if (!delegate.menuBar() || !delegate.menuBar()->anchorRect().isValid())
+            return;
+        timespec now {};
+        clock_gettime(CLOCK_REALTIME, &now);
+        std::printf("tray-icon-shown %lld\n", static_cast<long long>(now.tv_sec) * 1'000'000'000LL + now.tv_nsec);
+        std::fflush(stdout);
+        poll->deleteLater();
+    });
+    poll->start(2);
 }

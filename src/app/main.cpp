@@ -89,6 +89,8 @@ int main(int argc, char **argv)
 #ifdef HOURLOOM_TEST_HOOKS
     if (const QString folder = qEnvironmentVariable("HOURLOOM_TEST_SNAPSHOT_DIR"); !folder.isEmpty())
         HLTakeDemoSnapshots(delegate, folder);
+    if (qEnvironmentVariableIsSet("HOURLOOM_TEST_TRAY_TIMING"))
+        HLReportTrayShown(delegate);
 #endif
     app.exec();
     return 0;
