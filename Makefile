@@ -7,6 +7,7 @@ BUILD ?= build
 ASAN_BUILD ?= build-asan
 BENCH_BUILD ?= build-bench
 PACKAGE_BUILD ?= build-package
+RUN_BUILD ?= build-run
 GENERATOR := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 CMAKE_ARGS ?=
 
@@ -29,8 +30,12 @@ build: configure
 test: build
 	scripts/run-tests.sh $(BUILD)
 
-run: build
-	$(BUILD)/src/app/hourloom
+# The program as users get it: no test hooks, only the application built.
+run: deps
+	cmake -S . -B $(RUN_BUILD) $(GENERATOR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHOURLOOM_TEST_HOOKS=OFF \
+		-DHOURLOOM_BUILD_TESTS=OFF -DHOURLOOM_BUILD_BENCHMARKS=OFF -DHOURLOOM_BUILD_TOOLS=OFF
+	cmake --build $(RUN_BUILD) --parallel --target hourloom
+	$(RUN_BUILD)/src/app/hourloom
 
 bench: deps
 	cmake -S . -B $(BENCH_BUILD) $(GENERATOR) -DCMAKE_BUILD_TYPE=Release -DHOURLOOM_BUILD_TESTS=OFF
@@ -56,11 +61,13 @@ package-check: package
 
 # A simulated tracker with a day of work, the local Jira/sign-in/rate stand-in and Hourloom pointed at both,
 # with a throw-away profile. Ctrl+C ends all three.
-demo: build
+demo: configure
+	cmake --build $(BUILD) --parallel --target hourloom hourloom-simtracker hourloom-standin
 	scripts/demo.sh $(BUILD)
 
 # The same under Xvfb with a tray host; writes PNGs of the tray menu and the Worklogs window to build/demo/.
-demo-snapshots: build
+demo-snapshots: configure
+	cmake --build $(BUILD) --parallel --target hourloom hourloom-simtracker hourloom-standin
 	scripts/with-tray.sh scripts/demo.sh --snapshots $(BUILD)
 
 # Launch-to-tray time and idle memory/CPU of the application (Release build, Xvfb + trayer).
@@ -74,4 +81,4 @@ format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(BENCH_BUILD) $(PACKAGE_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(BENCH_BUILD) $(PACKAGE_BUILD) $(RUN_BUILD)
