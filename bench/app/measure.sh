@@ -103,9 +103,9 @@ try:
     rss1, peak1, cpu1, wall1 = status_kib(app.pid, "VmRSS"), status_kib(app.pid, "VmHWM"), cpu_seconds(app.pid), time.time()
     cpu = 100.0 * (cpu1 - cpu0) / (wall1 - wall0)
     anon, shared = status_kib(app.pid, "RssAnon"), status_kib(app.pid, "RssFile")
-    print(f"idle over {wall1 - wall0:.0f} s with heartbeats every 5 s: peak RSS after start-up "
-          f"{peak0 / 1024:.1f} MiB (at the end {peak1 / 1024:.1f} MiB), RSS {rss0 / 1024:.1f} -> {rss1 / 1024:.1f} MiB "
-          f"(growth {(rss1 - rss0) / 1024:+.2f} MiB, highest sample {max(samples) / 1024:.1f} MiB; at the end "
+    print(f"idle over {wall1 - wall0:.0f} s with heartbeats every 5 s: peak RSS of the start-up scan "
+          f"{peak0 / 1024:.1f} MiB (over the whole run {peak1 / 1024:.1f} MiB), RSS {rss0 / 1024:.1f} -> {rss1 / 1024:.1f} MiB "
+          f"(growth {(rss1 - rss0) / 1024:+.2f} MiB, highest 30 s sample after start-up {max(samples) / 1024:.1f} MiB; at the end "
           f"{anon / 1024:.1f} MiB own heap, {shared / 1024:.1f} MiB mapped libraries), CPU {cpu:.2f} %")
     print(f"floor (the same binary showing only a Qt window: no monitor, no tray): peak RSS {floor_peak / 1024:.1f} MiB")
 finally:

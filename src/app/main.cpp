@@ -13,6 +13,9 @@
 
 #include <algorithm>
 #include <csignal>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 #include <cstdio>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -63,6 +66,11 @@ int main(int argc, char **argv)
     if (status >= 0)
         return status;
 
+#ifdef __GLIBC__
+    // One heap for every thread: a tray program idles for hours, and the memory a large scan used on the
+    // monitor's thread can then be handed back after it instead of staying in a second arena.
+    mallopt(M_ARENA_MAX, 1);
+#endif
     QApplication app(argc, argv);
     HLConfigureApplicationIdentity();
     QGuiApplication::setDesktopFileName(QStringLiteral(HOURLOOM_APP_ID));
