@@ -40,7 +40,8 @@ void quitOnTerminationSignals(QApplication &app)
     QObject::connect(notifier, &QSocketNotifier::activated, &app, [] {
         char byte;
         [[maybe_unused]] const ssize_t read = ::read(g_signalPipe[1], &byte, 1);
-        QCoreApplication::quit();
+        // exit() rather than quit(): it also ends an alert's loop, and a window cannot refuse it.
+        QCoreApplication::exit(0);
     });
     struct sigaction action {
     };

@@ -37,6 +37,12 @@ StatusInput state(int lastKind, bool live, const QString &description = {}, cons
 
 const QString kNoTask = QStringLiteral("Start a Stintwatch task to observe its description.");
 
+// Keeps the test names short: the case's name instead of its bytes.
+void PrintTo(const Case &c, std::ostream *os)
+{
+    *os << c.name;
+}
+
 class StatusRules : public ::testing::TestWithParam<Case>
 {
 };
