@@ -123,7 +123,9 @@ TEST_F(SupportFolderTest, AFailedMoveIsReportedAndLosesNothing)
     QProcess process;
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("XDG_DATA_HOME"), m_data);
-    environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), testenv::freshDir(QStringLiteral("run")));
+    const QString runtime = testenv::freshDir(QStringLiteral("run"));
+    QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtime);
     process.setProcessEnvironment(environment);
     process.start(testenv::hourloomBinary(), {});
     const QString line = QStringLiteral("Hourloom: could not migrate history from %1: %2\n").arg(former(), error);
