@@ -92,7 +92,7 @@ INSTANTIATE_TEST_SUITE_P(Table, StatusRules,
             QString(), 15000},
         Case {"NothingYet", state(0, false), QStringLiteral("Waiting for Stintwatch activity"), kNoTask, false,
             QString(), 15000}),
-    [](const ::testing::TestParamInfo<Case> &info) { return std::string(info.param.name); });
+    [](const ::testing::TestParamInfo<Case> &param) { return std::string(param.param.name); });
 
 TEST(StatusRules, ElapsedTimeIsTheDurationTextAndNeverNegative)
 {
