@@ -2,6 +2,7 @@
 
 #include "app/appnotifier.h"
 #include "app/autostart.h"
+#include "app/buildinfo.h"
 #include "app/menubarcontroller.h"
 #include "app/statusrules.h"
 #include "app/trayicons.h"
@@ -43,16 +44,6 @@ namespace
 constexpr int kTrayWaitMs = 4000;
 constexpr int kTrayPollMs = 250;
 const QString kWebSite = QStringLiteral("https://hourloom.app");
-
-QString versionText()
-{
-#ifdef HOURLOOM_BUILD_VERSION
-    const QString build = QStringLiteral(HOURLOOM_BUILD_VERSION);
-#else
-    const QString build = QStringLiteral("unknown");
-#endif
-    return QStringLiteral("%1 (%2)").arg(QCoreApplication::applicationVersion(), build);
-}
 
 void systemLog(const QString &line)
 {
@@ -332,7 +323,7 @@ void AppDelegate::about()
             QStringLiteral("<p><b>Hourloom</b><br>Version %1</p>"
                            "<p>A native Linux companion for reviewing Stintwatch sessions and posting Jira worklogs "
                            "after confirmation.</p><p><a href=\"%2\">%2</a></p>")
-                .arg(versionText().toHtmlEscaped(), kWebSite),
+                .arg(HLVersionText().toHtmlEscaped(), kWebSite),
             QMessageBox::Ok, m_review ? m_review->window() : nullptr);
         m_about->setIconPixmap(JTApplicationIcon().pixmap(64, 64));
         m_about->setTextFormat(Qt::RichText);

@@ -1,5 +1,6 @@
 #include "app/appdelegate.h"
 #include "app/autostart.h"
+#include "app/buildinfo.h"
 #include "app/menubarcontroller.h"
 #include "app/ui/jirareviewwindowcontroller.h"
 #include "diagnostics/diagnosticlog.h"
@@ -216,9 +217,9 @@ TEST(AppDelegate, DiagnosticsReportIsWrittenForTheOwnerOnly)
     EXPECT_FALSE(AppDelegate::writeReport(path + QStringLiteral(".missing/x"), QStringLiteral("report"), &error));
     EXPECT_FALSE(error.isEmpty());
     EXPECT_TRUE(DiagnosticLog::shared().report().startsWith(QStringLiteral("Hourloom diagnostics\nVersion: ")
-        + QCoreApplication::applicationVersion() + QStringLiteral(" (") + QStringLiteral(HOURLOOM_BUILD_VERSION)
-        + u')'));
-    EXPECT_NE(QStringLiteral(HOURLOOM_BUILD_VERSION), QStringLiteral("unknown"));
+        + QCoreApplication::applicationVersion() + QStringLiteral(" (") + HLBuildVersion() + u')'));
+    EXPECT_NE(HLBuildVersion(), QStringLiteral("unknown"));
+    EXPECT_EQ(HLVersionText(), QCoreApplication::applicationVersion() + QStringLiteral(" (") + HLBuildVersion() + u')');
 }
 
 TEST(Autostart, StartAtLoginWritesAndRemovesTheEntry)
