@@ -18,6 +18,8 @@ packages=(
     xvfb dunst
     tzdata
     python3 python3-jsonschema python3-reportlab
+    xvfb xauth trayer
+    desktop-file-utils appstream lintian fakeroot dpkg-dev
 )
 
 missing=()

@@ -1,5 +1,7 @@
 #include "app/autostart.h"
 
+#include "platform/appidentity.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
@@ -7,69 +9,70 @@
 #include <QSaveFile>
 #include <QStandardPaths>
 
-QString HLAutostartPath()
+namespace Autostart
 {
-    return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation)
-        + QStringLiteral("/autostart/app.hourloom.Hourloom.desktop");
+
+QString entryPath()
+{
+    return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) + QStringLiteral("/autostart/")
+        + HLApplicationIdentifier() + QStringLiteral(".desktop");
 }
 
-bool HLAutostartEnabled()
+bool enabled()
 {
-    return QFileInfo::exists(HLAutostartPath());
+    return QFileInfo::exists(entryPath());
 }
 
-namespace
+QByteArray entry(const QString &executable)
 {
-
-// Desktop entry Exec values quote arguments containing reserved characters.
-QString execValue(const QString &path)
-{
-    static const QString reserved = QStringLiteral(" \t\n\"'\\><~|&;$*?#()`");
-    bool quote = false;
-    for (const QChar c : path)
-        quote = quote || reserved.contains(c);
-    if (!quote)
-        return path;
-    QString escaped = path;
-    escaped.replace(u'\\', QStringLiteral("\\\\\\\\"));
-    escaped.replace(u'"', QStringLiteral("\\\\\""));
-    escaped.replace(u'`', QStringLiteral("\\\\`"));
-    escaped.replace(u'$', QStringLiteral("\\\\$"));
-    return u'"' + escaped + u'"';
+    // Exec arguments with spaces or quotes need quoting by the desktop-entry rules.
+    QString exec = executable;
+    if (exec.contains(QLatin1Char(' ')) || exec.contains(QLatin1Char('"'))) {
+        exec.replace(QLatin1Char('\\'), QStringLiteral("\\\\")).replace(QLatin1Char('"'), QStringLiteral("\\\""));
+        exec = QLatin1Char('"') + exec + QLatin1Char('"');
+    }
+    return QStringLiteral("[Desktop Entry]\n"
+                          "Type=Application\n"
+                          "Name=Hourloom\n"
+                          "Comment=Review Stintwatch sessions and post Jira worklogs\n"
+                          "Exec=%1\n"
+                          "Icon=%2\n"
+                          "Terminal=false\n"
+                          "NoDisplay=true\n"
+                          "X-GNOME-Autostart-enabled=true\n"
+                          "X-GNOME-Autostart-Delay=5\n")
+        .arg(exec, HLApplicationIdentifier())
+        .toUtf8();
 }
 
-} // namespace
-
-bool HLSetAutostartEnabled(bool enabled, QString *error, const QString &executable)
+bool setEnabled(bool on, QString *error)
 {
-    const QString path = HLAutostartPath();
-    if (!enabled) {
-        if (!QFileInfo::exists(path) || QFile::remove(path))
+    const QString path = entryPath();
+    if (!on) {
+        QFile file(path);
+        if (!file.exists() || file.remove())
             return true;
         if (error)
-            *error = QStringLiteral("Could not remove %1.").arg(QDir::toNativeSeparators(path));
+            *error = file.errorString();
         return false;
     }
-    const QString program = executable.isEmpty() ? QCoreApplication::applicationFilePath() : executable;
     QDir().mkpath(QFileInfo(path).absolutePath());
+    // An installed program starts by name, so a later upgrade that moves the binary keeps working.
+    const QString installed = QStandardPaths::findExecutable(QStringLiteral("hourloom"));
+    const QString self = QCoreApplication::applicationFilePath();
+    const QString executable
+        = !installed.isEmpty() && QFileInfo(installed).canonicalFilePath() == QFileInfo(self).canonicalFilePath()
+        ? QStringLiteral("hourloom")
+        : self;
     QSaveFile file(path);
-    const QByteArray content = QByteArrayLiteral("[Desktop Entry]\n"
-                                                 "Type=Application\n"
-                                                 "Name=Hourloom\n"
-                                                 "Comment=Review tracked time and post it to Jira\n"
-                                                 "Icon=app.hourloom.Hourloom\n"
-                                                 "Exec=")
-        + execValue(program).toUtf8()
-        + QByteArrayLiteral("\n"
-                            "Terminal=false\n"
-                            "X-GNOME-Autostart-enabled=true\n");
-    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size()
-        || !file.setPermissions(
-            QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadGroup | QFileDevice::ReadOther)
+    if (!file.open(QIODevice::WriteOnly) || file.write(entry(executable)) < 0
+        || !file.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup | QFile::ReadOther)
         || !file.commit()) {
         if (error)
-            *error = QStringLiteral("Could not write %1.").arg(QDir::toNativeSeparators(path));
+            *error = file.errorString();
         return false;
     }
     return true;
 }
+
+} // namespace Autostart

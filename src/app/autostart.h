@@ -2,10 +2,17 @@
 
 #include <QString>
 
-// The desktop's "start at login" entry: ~/.config/autostart/app.hourloom.Hourloom.desktop (the XDG config
-// folder's autostart directory). Written whole and atomically; removing it turns start at login off.
-QString HLAutostartPath();
-bool HLAutostartEnabled();
-// `executable` empty: this program's own path. False with `error` set when the file could not be written or
-// removed.
-bool HLSetAutostartEnabled(bool enabled, QString *error, const QString &executable = {});
+// "Start at login" through the desktop's XDG autostart folder: an entry in ~/.config/autostart starts
+// Hourloom with the session; removing it stops that. Nothing else records the choice.
+namespace Autostart
+{
+
+// $XDG_CONFIG_HOME/autostart/app.hourloom.Hourloom.desktop
+QString entryPath();
+bool enabled();
+// Writes the entry (whole, 0644) or removes it. False with the reason in `error` when that failed.
+bool setEnabled(bool enabled, QString *error);
+// The entry's text; `executable` is what the session runs.
+QByteArray entry(const QString &executable);
+
+} // namespace Autostart

@@ -146,20 +146,6 @@ TEST(RunDiagnostics, OnlyTheFourExactWordsAreCommands)
     }
 }
 
-TEST(CommandLine, UnknownOrAbsentArgumentsStartTheApplication)
-{
-    for (const QStringList &arguments : {QStringList {}, QStringList {QStringLiteral("--probe-x")},
-             QStringList {QStringLiteral("--help")}, QStringList {QStringLiteral("probe")}}) {
-        const QString home = testenv::freshDir(QStringLiteral("home"));
-        const Outcome run = runHourloom(arguments, home);
-        EXPECT_EQ(run.exitCode, 0) << arguments.join(QLatin1Char(' ')).toStdString();
-        EXPECT_EQ(run.out, QString());
-        EXPECT_EQ(run.err, QString());
-        // Starting prepares the support folder.
-        EXPECT_TRUE(QFileInfo(home + QStringLiteral("/.local/share/Hourloom")).isDir());
-    }
-}
-
 TEST(CommandLine, InvoiceWithoutAPathPrintsTheUsage)
 {
     const QString home = testenv::freshDir(QStringLiteral("home"));
@@ -174,17 +160,4 @@ TEST(CommandLine, InvoiceWithoutAPathPrintsTheUsage)
         QStringLiteral("Could not read the invoice: That is not a regular file, so it cannot be read as a PDF.\n"));
     // A diagnostic command never starts the application.
     EXPECT_FALSE(QFileInfo::exists(home + QStringLiteral("/.local/share/Hourloom")));
-}
-
-TEST(CommandLine, SmokeTestsSayTheyNeedTheApplicationShell)
-{
-    const QString home = testenv::freshDir(QStringLiteral("home"));
-    for (const QString &word : {QStringLiteral("--smoke-test"), QStringLiteral("--jira-smoke-test")}) {
-        const Outcome run = runHourloom({word}, home);
-        EXPECT_EQ(run.exitCode, 1);
-        EXPECT_EQ(run.out, QString());
-        EXPECT_TRUE(run.err.startsWith(word + QStringLiteral(": ")));
-        EXPECT_TRUE(run.err.contains(QStringLiteral("application shell")));
-        EXPECT_EQ(run.err.count(QLatin1Char('\n')), 1);
-    }
 }

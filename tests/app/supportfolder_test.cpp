@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -116,17 +118,33 @@ TEST_F(SupportFolderTest, AFailedMoveIsReportedAndLosesNothing)
     EXPECT_FALSE(error.isEmpty());
     EXPECT_EQ(readFile(former() + QStringLiteral("/history.db")), QByteArray("keep me"));
 
-    // The program itself writes the line and carries on starting.
+    // The program itself writes the line and carries on starting, until it finds that it has no place for
+    // its history: it then says so in an alert, and a session that ends closes it.
     QProcess process;
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("XDG_DATA_HOME"), m_data);
+    const QString runtime = testenv::freshDir(QStringLiteral("run"));
+    QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtime);
     process.setProcessEnvironment(environment);
     process.start(testenv::hourloomBinary(), {});
+    const QString line = QStringLiteral("Hourloom: could not migrate history from %1: %2\n").arg(former(), error);
+    QString stderrText;
+    ASSERT_TRUE(testenv::waitFor(
+        [&] {
+            stderrText += QString::fromUtf8(process.readAllStandardError());
+            return stderrText.contains(line);
+        },
+        30000))
+        << stderrText.toStdString();
+    ::kill(pid_t(process.processId()), SIGTERM);
     ASSERT_TRUE(process.waitForFinished(30000));
     EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
-    EXPECT_EQ(process.exitCode(), 0);
-    EXPECT_EQ(QString::fromUtf8(process.readAllStandardError()),
-        QStringLiteral("Hourloom: could not migrate history from %1: %2\n").arg(former(), error));
+    EXPECT_EQ(process.exitCode(), 1);
+    // The line is the program's first and only word on it (the display plug-in may add its own).
+    stderrText += QString::fromUtf8(process.readAllStandardError());
+    EXPECT_TRUE(stderrText.startsWith(line)) << stderrText.toStdString();
+    EXPECT_EQ(stderrText.count(QStringLiteral("Hourloom:")), 1);
     EXPECT_TRUE(process.readAllStandardOutput().isEmpty());
     EXPECT_EQ(readFile(former() + QStringLiteral("/history.db")), QByteArray("keep me"));
 }

@@ -1,4 +1,3 @@
-#include "app/autostart.h"
 #include "app/settingsrules.h"
 #include "app/ui/issuerulestable.h"
 #include "app/ui/onboardingwindow.h"
@@ -101,21 +100,6 @@ TEST(SettingsRules, SignInServiceApplyRules)
     EXPECT_FALSE(none.hasBuiltIn());
     none.select(false, QString());
     EXPECT_TRUE(none.pendingCustom()) << "without a built-in service only a custom one can be chosen";
-}
-
-TEST(Autostart, WritesAndRemovesTheDesktopEntry)
-{
-    QString error;
-    ASSERT_TRUE(HLSetAutostartEnabled(true, &error, QStringLiteral("/opt/Hour loom/hourloom"))) << error.toStdString();
-    EXPECT_TRUE(HLAutostartPath().endsWith(QStringLiteral("/.config/autostart/app.hourloom.Hourloom.desktop")));
-    QFile file(HLAutostartPath());
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    const QByteArray text = file.readAll();
-    EXPECT_TRUE(text.startsWith("[Desktop Entry]\n"));
-    EXPECT_TRUE(text.contains("Exec=\"/opt/Hour loom/hourloom\"\n"));
-    EXPECT_TRUE(HLAutostartEnabled());
-    ASSERT_TRUE(HLSetAutostartEnabled(false, &error));
-    EXPECT_FALSE(HLAutostartEnabled());
 }
 
 class RulesFixture : public ::testing::Test

@@ -271,12 +271,12 @@ QWidget *SettingsWindow::buildGeneral()
     pane->addRow(QStringLiteral("Short sessions:"), {m_ignoreShort, m_hideShort, shortHelp, shortMessage},
         {false, true, false, false});
 
-    m_startAtLogin = checkBox(QStringLiteral("Start Hourloom when you log in"), HLAutostartEnabled(), pane);
+    m_startAtLogin = checkBox(QStringLiteral("Start Hourloom when you log in"), Autostart::enabled(), pane);
     m_startAtLogin->setObjectName(QStringLiteral("StartAtLogin"));
     m_startAtLoginHelp = helpLabel(QString(), pane);
     connect(m_startAtLogin, &QCheckBox::toggled, this, [this](bool on) {
         QString error;
-        if (!HLSetAutostartEnabled(on, &error)) {
+        if (!Autostart::setEnabled(on, &error)) {
             const QSignalBlocker block(m_startAtLogin);
             m_startAtLogin->setChecked(!on);
             m_startAtLoginHelp->setText(error);

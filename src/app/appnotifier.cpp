@@ -1,0 +1,7 @@
+#include "app/appnotifier.h"
+
+AppNotifier &AppNotifier::shared()
+{
+    static AppNotifier notifier;
+    return notifier;
+}
