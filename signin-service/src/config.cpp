@@ -204,7 +204,7 @@ std::string validate(Config &config)
             + config.listenHost + ".";
     if (config.store != "memory" && config.store.rfind("redis://", 0) != 0)
         return "store must be \"memory\" or a redis:// URL.";
-    static const std::regex scopes(R"(^[a-z:-]+( [a-z:-]+)*$)");
+    static const std::regex scopes(R"(^[a-z:_.-]+( [a-z:_.-]+)*$)");
     if (!std::regex_match(config.scopes, scopes))
         return "scopes must be scope names separated by single spaces.";
     return readSecret(config);

@@ -52,28 +52,8 @@ const char *levelName(LogLevel level)
     return "info";
 }
 
-} // namespace
-
-void Logger::setLevel(LogLevel level)
+void write(LogLevel level, const char *event, Logger::Fields fields)
 {
-    g_level = level;
-}
-
-LogLevel Logger::parseLevel(const std::string &text)
-{
-    if (text == "debug")
-        return LogLevel::Debug;
-    if (text == "warning")
-        return LogLevel::Warning;
-    if (text == "error")
-        return LogLevel::Error;
-    return LogLevel::Info;
-}
-
-void Logger::log(LogLevel level, const char *event, Fields fields)
-{
-    if (level < g_level.load())
-        return;
     const auto now = std::chrono::system_clock::now();
     const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
     const auto millis = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
@@ -100,6 +80,35 @@ void Logger::log(LogLevel level, const char *event, Fields fields)
     std::lock_guard lock(g_mutex);
     std::fwrite(line.data(), 1, line.size(), stderr);
     std::fflush(stderr);
+}
+
+} // namespace
+
+void Logger::setLevel(LogLevel level)
+{
+    g_level = level;
+}
+
+LogLevel Logger::parseLevel(const std::string &text)
+{
+    if (text == "debug")
+        return LogLevel::Debug;
+    if (text == "warning")
+        return LogLevel::Warning;
+    if (text == "error")
+        return LogLevel::Error;
+    return LogLevel::Info;
+}
+
+void Logger::lifecycle(const char *event, Fields fields)
+{
+    write(LogLevel::Info, event, fields);
+}
+
+void Logger::log(LogLevel level, const char *event, Fields fields)
+{
+    if (level >= g_level.load())
+        write(level, event, fields);
 }
 
 } // namespace signin

@@ -23,6 +23,8 @@ public:
     static void info(const char *event, Fields fields = {}) { log(LogLevel::Info, event, fields); }
     static void warning(const char *event, Fields fields = {}) { log(LogLevel::Warning, event, fields); }
     static void error(const char *event, Fields fields = {}) { log(LogLevel::Error, event, fields); }
+    // Start and stop: written at every level, so supervisors and tests always see them.
+    static void lifecycle(const char *event, Fields fields = {});
 };
 
 } // namespace signin

@@ -56,7 +56,7 @@ int main(int argc, char **argv)
     std::thread stopper([&service, stopSignals] {
         int received = 0;
         sigwait(&stopSignals, &received);
-        signin::Logger::info("service.stopping", {{"signal", std::to_string(received)}});
+        signin::Logger::lifecycle("service.stopping", {{"signal", std::to_string(received)}});
         service.stop();
     });
     service.run();

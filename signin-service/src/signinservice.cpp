@@ -201,7 +201,10 @@ SigninService::SigninService(Config config, std::unique_ptr<Store> store)
     m_http->set_read_timeout(5);
     m_http->set_write_timeout(5);
     m_http->set_keep_alive_timeout(5);
-    m_http->set_keep_alive_max_count(100);
+    // Over direct TLS, httplib 0.11 can wait out its read time-out on a kept-alive connection whose next request
+    // OpenSSL has already buffered (the socket looks idle); one request per connection avoids that stall. Behind
+    // a reverse proxy (plain HTTP on loopback) connections are kept alive.
+    m_http->set_keep_alive_max_count(m_config.plainHttp() ? 100 : 1);
 
     // Each handler runs inside one trap: a store that cannot be reached is a clear 503 and nothing is kept.
     auto guarded = [this](void (SigninService::*handler)(const httplib::Request &, httplib::Response &), bool page) {
@@ -284,7 +287,7 @@ bool SigninService::bind(std::string *error)
 
 void SigninService::run()
 {
-    Logger::info("service.listening",
+    Logger::lifecycle("service.listening",
         {{"address", m_config.listenHost}, {"port", std::to_string(m_port)}, {"store", m_store->kind()},
             {"tls", m_config.plainHttp() ? "no" : "yes"}, {"public_origin", m_config.publicOrigin}});
     m_http->listen_after_bind();
@@ -318,7 +321,7 @@ bool SigninService::admit(
     const std::string client = clientAddress(req);
     if (limiter.allow(client, &retryAfter))
         return true;
-    Logger::warning("rate_limited", {{"endpoint", endpoint}, {"client", client}});
+    Logger::log(LogLevel::Debug, "rate_limited", {{"endpoint", endpoint}, {"client", client}});
     res.set_header("Retry-After", std::to_string(retryAfter));
     answerError(res, 429, "slow_down", "Too many requests from this address. Try again later.");
     return false;
