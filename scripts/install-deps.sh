@@ -14,6 +14,7 @@ packages=(
     libgtest-dev libgmock-dev googletest
     libbenchmark-dev
     libcpp-httplib-dev libssl-dev openssl ca-certificates
+    libhiredis-dev redis-server
     dbus dbus-x11 gnome-keyring libsecret-tools
     xvfb dunst
     tzdata

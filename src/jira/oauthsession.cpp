@@ -1,6 +1,7 @@
 #include "jira/oauthsession.h"
 
 #include "jira/jsonvalue.h"
+#include "jira/loopbacklistener.h"
 #include "jira/servicefail.h"
 #include "platform/appidentity.h"
 #include "platform/endpoints.h"
@@ -200,14 +201,22 @@ void OAuthSession::runConnect(const QString &origin, qint64 attempt)
     const QString verifier = Base64URL(random);
     const QString challenge = Base64URL(QCryptographicHash::hash(verifier.toUtf8(), QCryptographicHash::Sha256));
 
+    // The service may bind the sign-in to this device by confirming it on a loopback port; a service that does
+    // not know the port ignores it, and without a port the sign-in goes on unbound.
+    LoopbackListener listener;
+    QVariantMap startBody {{QStringLiteral("challenge"), challenge}};
+    if (listener.listen())
+        startBody.insert(QStringLiteral("port"), int(listener.port()));
+
     qint64 status = 0;
-    const QVariant start = m_transport.request(base + QStringLiteral("/oauth/start"), QStringLiteral("POST"),
-        QVariantMap {{QStringLiteral("challenge"), challenge}}, QString(), status);
+    const QVariant start = m_transport.request(
+        base + QStringLiteral("/oauth/start"), QStringLiteral("POST"), startBody, QString(), status);
     if (status != 200 || !isMap(start) || start.toMap().value(QStringLiteral("state")).typeId() != QMetaType::QString)
         HLServiceFail(kNoBroker);
     const QVariantMap started = start.toMap();
     const QString state = started.value(QStringLiteral("state")).toString();
     const QUrl page = authorizationURL(started.value(QStringLiteral("authorization_url")));
+    listener.expectState(state);
 
     if (m_generation.load() != attempt)
         return;
@@ -215,13 +224,15 @@ void OAuthSession::runConnect(const QString &origin, qint64 attempt)
 
     QVariant answer;
     status = 202;
-    const QVariantMap poll {{QStringLiteral("state"), state}, {QStringLiteral("verifier"), verifier}};
+    QVariantMap poll {{QStringLiteral("state"), state}, {QStringLiteral("verifier"), verifier}};
     for (int polls = 0; polls < kMaxPolls && status == 202; ++polls) {
         if (m_generation.load() != attempt)
             return;
         QThread::msleep(kPollIntervalMs);
         if (m_generation.load() != attempt)
             return;
+        if (const QString nonce = listener.nonce(); !nonce.isNull())
+            poll.insert(QStringLiteral("nonce"), nonce);
         answer = m_transport.request(
             base + QStringLiteral("/oauth/poll"), QStringLiteral("POST"), poll, QString(), status);
     }
