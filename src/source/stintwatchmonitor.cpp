@@ -6,6 +6,7 @@
 #include "platform/processlookup.h"
 #include "platform/serialqueue.h"
 #include "platform/wakenotifier.h"
+#include "records/session.h"
 #include "source/history.h"
 #include "source/logparser.h"
 #include "source/logreader.h"
@@ -88,19 +89,19 @@ QVariantMap sessionRecord(const tracker::Activity &activity)
 {
     const std::string issue = tracker::issue(activity.description);
     return {
-        {QStringLiteral("date"),
+        {SessionKey::kDate,
             QLocale::c().toString(
                 QDateTime::fromMSecsSinceEpoch(activity.start_ms), QStringLiteral("MMM d, HH:mm:ss"))},
-        {QStringLiteral("issue"), issue.empty() ? QStringLiteral("Unassigned") : QString::fromStdString(issue)},
-        {QStringLiteral("description"), text(activity.description)},
-        {QStringLiteral("duration"), durationText(activity.start_ms, activity.end_ms)},
-        {QStringLiteral("start_ms"), qint64(activity.start_ms)},
-        {QStringLiteral("end_ms"), qint64(activity.end_ms)},
-        {QStringLiteral("local_id"), qint64(activity.id)},
-        {QStringLiteral("api_id"), qint64(activity.api_id)},
-        {QStringLiteral("project"), qint64(activity.project)},
-        {QStringLiteral("source_seconds"), qint64(activity.seconds)},
-        {QStringLiteral("source_account"), text(activity.source)},
+        {SessionKey::kIssue, issue.empty() ? SessionKey::kUnassigned : QString::fromStdString(issue)},
+        {SessionKey::kDescription, text(activity.description)},
+        {SessionKey::kDuration, durationText(activity.start_ms, activity.end_ms)},
+        {SessionKey::kStartMs, qint64(activity.start_ms)},
+        {SessionKey::kEndMs, qint64(activity.end_ms)},
+        {SessionKey::kLocalId, qint64(activity.id)},
+        {SessionKey::kApiId, qint64(activity.api_id)},
+        {SessionKey::kProject, qint64(activity.project)},
+        {SessionKey::kSourceSeconds, qint64(activity.seconds)},
+        {SessionKey::kSourceAccount, text(activity.source)},
     };
 }
 
@@ -284,8 +285,8 @@ bool StintwatchMonitor::Reader::readStores(const QString &folder, const QString 
                 rows.append(sessionRecord(activity));
             QVariantList summary;
             for (const auto &[project, start, end] : tracker::summaryHistory(path, since)) {
-                summary.append(QVariantMap {{QStringLiteral("project"), qint64(project)},
-                    {QStringLiteral("start_ms"), qint64(start)}, {QStringLiteral("end_ms"), qint64(end)}});
+                summary.append(QVariantMap {{SessionKey::kProject, qint64(project)},
+                    {SessionKey::kStartMs, qint64(start)}, {SessionKey::kEndMs, qint64(end)}});
             }
             readRows = rows;
             readSummary = summary;
@@ -388,8 +389,8 @@ StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
         // Heartbeats carry neither project nor description of their own, and are never journaled; a log
         // full of them stays a small list of small records.
         if (event.kind != 4) {
-            record.insert(QStringLiteral("project"), qint64(event.project));
-            record.insert(QStringLiteral("description"), text(event.description));
+            record.insert(SessionKey::kProject, qint64(event.project));
+            record.insert(SessionKey::kDescription, text(event.description));
         } else {
             if (const auto found = extended.find(event.activity); found != extended.end()) {
                 record.insert(QStringLiteral("activity_start_ms"), qint64(found->second->start_ms));
@@ -670,12 +671,12 @@ void StintwatchMonitor::publish(const ScanResult &result)
     // Skipped log lines are counted even while another problem is already shown; their content never is.
     QVariantMap values;
     if (result.malformedLines > 0)
-        values.insert(QStringLiteral("count"), result.malformedLines);
+        values.insert(DiagnosticKey::kCount, result.malformedLines);
     if (result.storeDamage != 0)
-        values.insert(QStringLiteral("error_code"), result.storeDamage);
+        values.insert(DiagnosticKey::kErrorCode, result.storeDamage);
     if (m_error.isEmpty() != result.error.isEmpty() || !values.isEmpty())
         DiagnosticLog::shared().record(
-            result.error.isEmpty() ? QStringLiteral("tracking_recovered") : QStringLiteral("tracking_unavailable"),
+            result.error.isEmpty() ? DiagnosticEvent::kTrackingRecovered : DiagnosticEvent::kTrackingUnavailable,
             values);
     m_error = result.error;
     if (result.hasSummary)
@@ -691,7 +692,7 @@ void StintwatchMonitor::publish(const ScanResult &result)
         if (kind == 3) {
             if (historical)
                 m_liveObserved = false;
-            m_currentDescription = event.value(QStringLiteral("description")).toString();
+            m_currentDescription = event.value(SessionKey::kDescription).toString();
         } else if (kind == 4) {
             if (m_lastKind != 1)
                 continue;
@@ -714,7 +715,7 @@ void StintwatchMonitor::publish(const ScanResult &result)
             }
         } else {
             m_lastKind = int(kind);
-            m_project = event.value(QStringLiteral("project")).toLongLong();
+            m_project = event.value(SessionKey::kProject).toLongLong();
             m_lastTimestamp = timestamp;
             m_start = HLEventDate(timestamp);
             m_liveObserved = !historical && m_start.isValid()

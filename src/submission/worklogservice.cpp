@@ -4,6 +4,12 @@
 #include "jira/jiraclient.h"
 #include "jira/jsonvalue.h"
 #include "platform/failure.h"
+#include "records/comparison.h"
+#include "records/draft.h"
+#include "records/exclusion.h"
+#include "records/receipt.h"
+#include "records/session.h"
+#include "records/worklog.h"
 #include "submission/receiptcoverage.h"
 #include "submission/submissionlock.h"
 #include "worklogs/engine.h"
@@ -19,13 +25,6 @@
 namespace
 {
 
-const QString kIssue = QStringLiteral("issue");
-const QString kSourceKeys = QStringLiteral("source_keys");
-const QString kCompleted = QStringLiteral("completed");
-const QString kTotal = QStringLiteral("total");
-const QString kState = QStringLiteral("state");
-const QString kExclusion = QStringLiteral("jira_exclusion");
-const QString kRemaining = QStringLiteral("remaining_seconds");
 const QRegularExpression kIssueKey(QStringLiteral("^[A-Z][A-Z0-9_]*-[0-9]+\\z"));
 
 QString text(const QVariantMap &map, const QString &key)
@@ -41,7 +40,7 @@ bool isText(const QVariant &value)
 // "remaining_seconds" present and zero: nothing is left to post.
 bool nothingRemains(const QVariantMap &draft)
 {
-    const auto remaining = draft.constFind(kRemaining);
+    const auto remaining = draft.constFind(DraftKey::kRemainingSeconds);
     return remaining != draft.constEnd() && remaining->toLongLong() == 0;
 }
 
@@ -53,8 +52,7 @@ void notify(const WorklogService::Progress &progress, const QVariantMap &event)
 
 void recordCompletion(const QString &event, qint64 count, bool failed)
 {
-    DiagnosticLog::shared().record(
-        event, {{QStringLiteral("count"), count}, {QStringLiteral("failed"), failed ? 1 : 0}});
+    DiagnosticLog::shared().record(event, {{DiagnosticKey::kCount, count}, {DiagnosticKey::kFailed, failed ? 1 : 0}});
 }
 
 // The user's comment from a posted body: the marker tag line (current or former name) is cut off.
@@ -77,19 +75,19 @@ QVariantMap receiptUnder(const QVariantMap &receipts, const QString &marker)
     if (found == receipts.constEnd())
         return {};
     if (found->typeId() != QMetaType::QVariantMap)
-        return {{kState, QStringLiteral("unknown")}};
+        return {{ReceiptKey::kState, ReceiptKey::kUnknown}};
     return found->toMap();
 }
 
 // The states the caller's own view of the ledger gave the row's sessions ("jira_receipt_state").
 bool callerSaysUncertain(const QVariantMap &row)
 {
-    QVariantList sessions {row.value(QStringLiteral("session"))};
-    sessions += row.value(QStringLiteral("source_sessions")).toList();
-    if (text(row, QStringLiteral("jira_receipt_state")) == QStringLiteral("pending"))
+    QVariantList sessions {row.value(DraftKey::kSession)};
+    sessions += row.value(DraftKey::kSourceSessions).toList();
+    if (text(row, DraftKey::kJiraReceiptState) == ReceiptKey::kPending)
         return true;
     for (const QVariant &session : std::as_const(sessions))
-        if (text(session.toMap(), QStringLiteral("jira_receipt_state")) == QStringLiteral("pending"))
+        if (text(session.toMap(), SessionKey::kJiraReceiptState) == ReceiptKey::kPending)
             return true;
     return false;
 }
@@ -105,8 +103,7 @@ QVariantList ownWorklogs(const QVariantList &worklogs, const QString &account)
 {
     QVariantList own;
     for (const QVariant &worklog : worklogs) {
-        const QVariant author
-            = worklog.toMap().value(QStringLiteral("author")).toMap().value(QStringLiteral("accountId"));
+        const QVariant author = worklog.toMap().value(WorklogKey::kAuthor).toMap().value(WorklogKey::kAccountId);
         if (isText(author) && author.toString() == account)
             own.append(worklog);
     }
@@ -116,9 +113,9 @@ QVariantList ownWorklogs(const QVariantList &worklogs, const QString &account)
 // Worklogs posted in this run count towards the Jira time of their issue and day: "%@|%.0f".
 QString dayKey(const QVariantMap &row)
 {
-    const QDateTime started = JRDate(row.value(QStringLiteral("started")));
+    const QDateTime started = JRDate(row.value(DraftKey::kStarted));
     const qint64 dayStart = started.isValid() ? started.toLocalTime().date().startOfDay().toSecsSinceEpoch() : 0;
-    return text(row, kIssue) + QLatin1Char('|') + QString::number(dayStart);
+    return text(row, DraftKey::kIssue) + QLatin1Char('|') + QString::number(dayStart);
 }
 
 } // namespace
@@ -139,12 +136,14 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
     QString currentIssue;
     QVariantList currentKeys;
     const auto event = [&](const char *state) {
-        return QVariantMap {{QStringLiteral("phase"), QStringLiteral("compare")}, {kState, QString::fromLatin1(state)},
-            {kIssue, currentIssue}, {kSourceKeys, currentKeys}, {kCompleted, completed}, {kTotal, total}};
+        return QVariantMap {{ProgressKey::kPhase, QStringLiteral("compare")},
+            {ProgressKey::kState, QString::fromLatin1(state)}, {ProgressKey::kIssue, currentIssue},
+            {ProgressKey::kSourceKeys, currentKeys}, {ProgressKey::kCompleted, completed},
+            {ProgressKey::kTotal, total}};
     };
 
     try {
-        const QString account = text(m_client.identity(cloud), QStringLiteral("accountId"));
+        const QString account = text(m_client.identity(cloud), WorklogKey::kAccountId);
         const QVariantMap receipts = m_store.receipts();
 
         // A posted or pending worklog is always compared on the issue it was sent to, whatever the
@@ -153,9 +152,10 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
         copies.reserve(drafts.size());
         for (const QVariant &item : drafts) {
             QVariantMap copy = item.toMap();
-            const QVariant receiptIssue = receipts.value(JRMarker(copy, cloud, account)).toMap().value(kIssue);
+            const QVariant receiptIssue
+                = receipts.value(JRMarker(copy, cloud, account)).toMap().value(ReceiptKey::kIssue);
             if (isText(receiptIssue) && !receiptIssue.toString().isEmpty())
-                copy.insert(kIssue, receiptIssue);
+                copy.insert(DraftKey::kIssue, receiptIssue);
             copies.append(copy);
         }
 
@@ -167,29 +167,29 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
         QHash<qsizetype, QString> proofIssues;
         for (qsizetype index = 0; index < copies.size(); ++index) {
             const QVariantMap copy = copies.at(index).toMap();
-            const QString issue = text(copy, kIssue);
-            if (!copy.value(kExclusion).toMap().isEmpty() || copy.value(QStringLiteral("source_running")).toBool()
+            const QString issue = text(copy, DraftKey::kIssue);
+            if (!copy.value(DraftKey::kJiraExclusion).toMap().isEmpty() || copy.value(DraftKey::kSourceRunning).toBool()
                 || nothingRemains(copy) || !JRValid(copy) || issue.isEmpty())
                 continue;
             if (!queueKeys.contains(issue)) {
                 QVariantList rows;
                 for (const QVariant &other : std::as_const(copies))
-                    if (text(other.toMap(), kIssue) == issue)
+                    if (text(other.toMap(), DraftKey::kIssue) == issue)
                         rows.append(other);
                 const QVariantList keys = QVariant(JRSourceKeysForRows(rows)).toList();
                 queueKeys.insert(issue, keys);
-                queue.append(QVariantMap {{kIssue, issue}, {kSourceKeys, keys}});
+                queue.append(QVariantMap {{ProgressKey::kIssue, issue}, {ProgressKey::kSourceKeys, keys}});
             }
             const QVariantMap covering = ledgerCoverage.blocking(copy);
-            const QString sentTo = text(covering, kIssue);
-            if (covering.isEmpty() || text(covering, kState) == QStringLiteral("posted") || sentTo == issue
+            const QString sentTo = text(covering, ReceiptKey::kIssue);
+            if (covering.isEmpty() || text(covering, ReceiptKey::kState) == ReceiptKey::kPosted || sentTo == issue
                 || !kIssueKey.match(sentTo).hasMatch())
                 continue;
             proofIssues.insert(index, sentTo);
             if (!queueKeys.contains(sentTo)) {
                 const QVariantList keys = QVariant(JRSourceKeysForRows({copy})).toList();
                 queueKeys.insert(sentTo, keys);
-                queue.append(QVariantMap {{kIssue, sentTo}, {kSourceKeys, keys}});
+                queue.append(QVariantMap {{ProgressKey::kIssue, sentTo}, {ProgressKey::kSourceKeys, keys}});
             }
         }
         total = queue.size();
@@ -199,9 +199,9 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
         JRDayWindow(copies, from, to);
 
         QVariantMap start = event("start");
-        start.remove(kIssue);
-        start.remove(kSourceKeys);
-        start.insert(QStringLiteral("items"), queue);
+        start.remove(ProgressKey::kIssue);
+        start.remove(ProgressKey::kSourceKeys);
+        start.insert(ProgressKey::kItems, queue);
         notify(progress, start);
 
         IssueAssignments assignments(m_directory);
@@ -219,8 +219,8 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
             notify(progress, event("active"));
             const auto pageProgress = [&](qint64 page, qint64 pages) {
                 QVariantMap pageEvent = event("page");
-                pageEvent.insert(QStringLiteral("page"), page);
-                pageEvent.insert(QStringLiteral("pages"), pages);
+                pageEvent.insert(ProgressKey::kPage, page);
+                pageEvent.insert(ProgressKey::kPages, pages);
                 notify(progress, pageEvent);
             };
             fetched.insert(issue, ownWorklogs(m_client.worklogs(issue, cloud, from, to, pageProgress), account));
@@ -229,38 +229,39 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
         };
         for (qsizetype index = 0; index < copies.size(); ++index) {
             QVariantMap copy = copies.at(index).toMap();
-            copy.insert(QStringLiteral("include"), false);
+            copy.insert(DraftKey::kInclude, false);
 
-            if (copy.contains(QStringLiteral("session"))) {
-                const QVariantMap resolved = assignments.resolve(copy.value(QStringLiteral("session")).toMap(), cloud);
-                QVariantMap exclusion = resolved.value(kExclusion).toMap();
+            if (copy.contains(DraftKey::kSession)) {
+                const QVariantMap resolved = assignments.resolve(copy.value(DraftKey::kSession).toMap(), cloud);
+                QVariantMap exclusion = resolved.value(DraftKey::kJiraExclusion).toMap();
                 // A manual match silences a draft only when nothing remains to post; any remainder stays
                 // available.
-                const QString kind = text(exclusion, QStringLiteral("kind"));
-                if (kind != QStringLiteral("ignore") && copy.contains(kRemaining) && !nothingRemains(copy))
+                const QString kind = text(exclusion, ExclusionKey::kKind);
+                if (kind != ExclusionKey::kIgnore && copy.contains(DraftKey::kRemainingSeconds)
+                    && !nothingRemains(copy))
                     exclusion.clear();
-                copy.insert(kExclusion, exclusion);
-                if (text(exclusion, QStringLiteral("kind")) == QStringLiteral("manual"))
-                    copy.insert(QStringLiteral("manual_worklog_id"), text(exclusion, QStringLiteral("worklog_id")));
+                copy.insert(DraftKey::kJiraExclusion, exclusion);
+                if (text(exclusion, ExclusionKey::kKind) == ExclusionKey::kManual)
+                    copy.insert(DraftKey::kManualWorklogId, text(exclusion, ExclusionKey::kWorklogId));
             }
 
-            const QVariantMap exclusion = copy.value(kExclusion).toMap();
+            const QVariantMap exclusion = copy.value(DraftKey::kJiraExclusion).toMap();
             if (!exclusion.isEmpty()) {
-                copy.insert(QStringLiteral("status"), JRExclusionStatus(exclusion));
-                copy.insert(QStringLiteral("eligible"), false);
+                copy.insert(DraftKey::kStatus, JRExclusionStatus(exclusion));
+                copy.insert(DraftKey::kEligible, false);
                 result.append(copy);
                 continue;
             }
-            if (copy.value(QStringLiteral("source_running")).toBool()) {
-                copy.insert(QStringLiteral("eligible"), false);
+            if (copy.value(DraftKey::kSourceRunning).toBool()) {
+                copy.insert(DraftKey::kEligible, false);
                 result.append(copy);
                 continue;
             }
             if (nothingRemains(copy)) {
-                copy.insert(QStringLiteral("status"), QStringLiteral("Complete"));
-                copy.insert(QStringLiteral("eligible"), false);
-                copy.insert(QStringLiteral("existing"), 0);
-                copy.insert(QStringLiteral("manual_matches"), QVariantList {});
+                copy.insert(DraftKey::kStatus, QStringLiteral("Complete"));
+                copy.insert(DraftKey::kEligible, false);
+                copy.insert(DraftKey::kExisting, 0);
+                copy.insert(DraftKey::kManualMatches, QVariantList {});
                 result.append(copy);
                 continue;
             }
@@ -268,21 +269,21 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
             const QString marker = JRMarker(copy, cloud, account);
             const QVariantMap receipt = receiptUnder(receipts, marker);
             if (!receipt.isEmpty()) {
-                const QVariant receiptIssue = receipt.value(kIssue);
+                const QVariant receiptIssue = receipt.value(ReceiptKey::kIssue);
                 if (isText(receiptIssue) && !receiptIssue.toString().isEmpty())
-                    copy.insert(kIssue, receiptIssue);
-                if (receipt.contains(QStringLiteral("payload"))) {
-                    const QVariantMap payload = receipt.value(QStringLiteral("payload")).toMap();
-                    if (payload.contains(QStringLiteral("started")))
-                        copy.insert(QStringLiteral("started"), payload.value(QStringLiteral("started")));
-                    if (payload.contains(QStringLiteral("timeSpentSeconds")))
-                        copy.insert(QStringLiteral("post_seconds"), payload.value(QStringLiteral("timeSpentSeconds")));
-                    copy.insert(QStringLiteral("comment"), commentWithoutTag(payload.value(QStringLiteral("comment"))));
+                    copy.insert(DraftKey::kIssue, receiptIssue);
+                if (receipt.contains(ReceiptKey::kPayload)) {
+                    const QVariantMap payload = receipt.value(ReceiptKey::kPayload).toMap();
+                    if (payload.contains(DraftKey::kStarted))
+                        copy.insert(DraftKey::kStarted, payload.value(DraftKey::kStarted));
+                    if (payload.contains(WorklogKey::kTimeSpentSeconds))
+                        copy.insert(DraftKey::kPostSeconds, payload.value(WorklogKey::kTimeSpentSeconds));
+                    copy.insert(DraftKey::kComment, commentWithoutTag(payload.value(DraftKey::kComment)));
                 }
-                copy.insert(QStringLiteral("assignment"), QStringLiteral("Submission recorded"));
+                copy.insert(DraftKey::kAssignment, QStringLiteral("Submission recorded"));
             }
 
-            const QString issue = text(copy, kIssue);
+            const QString issue = text(copy, DraftKey::kIssue);
             if (JRValid(copy) && !fetched.contains(issue))
                 fetch(issue);
             const QString proofIssue = proofIssues.value(index);
@@ -298,7 +299,7 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
                 }
             }
 
-            copy.insert(QStringLiteral("marker"), marker);
+            copy.insert(DraftKey::kMarker, marker);
             pending.append({result.size(), marker, receipt});
             result.append(copy);
         }
@@ -315,68 +316,67 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
                 if (marker.isEmpty() || entry.typeId() != QMetaType::QVariantMap)
                     continue;
                 const QVariantMap receipt = entry.toMap();
-                const QString site = text(receipt, QStringLiteral("cloud"));
-                const QVariant id = worklog.value(QStringLiteral("id"));
-                if (text(receipt, kState) == QStringLiteral("posted") || (!site.isEmpty() && site != cloud)
+                const QString site = text(receipt, ReceiptKey::kCloud);
+                const QVariant id = worklog.value(WorklogKey::kId);
+                if (text(receipt, ReceiptKey::kState) == ReceiptKey::kPosted || (!site.isEmpty() && site != cloud)
                     || !isText(id) || id.toString().isEmpty() || proven.contains(marker))
                     continue;
                 proven.insert(marker, id.toString());
-                found.append(QVariantMap {{QStringLiteral("marker"), marker}, {QStringLiteral("id"), id},
-                    {kIssue, it.key()}, {QStringLiteral("cloud"), cloud}, {QStringLiteral("account"), account}});
+                found.append(QVariantMap {{DraftKey::kMarker, marker}, {ReceiptKey::kId, id},
+                    {ReceiptKey::kIssue, it.key()}, {ReceiptKey::kCloud, cloud}, {ReceiptKey::kAccount, account}});
             }
         }
         for (const QVariant &item : std::as_const(found))
-            m_found.insert(item.toMap().value(QStringLiteral("marker")).toString(), item.toMap());
+            m_found.insert(item.toMap().value(WorklogKey::kMarker).toString(), item.toMap());
         const ReceiptCoverage coverage(receipts, cloud, proven);
 
         // The comparisons cannot fail, so they run after the fetches, issue by issue: the engine prepares an
         // issue's worklogs once for consecutive comparisons against the same list.
         std::stable_sort(pending.begin(), pending.end(), [&result](const Pending &left, const Pending &right) {
-            return text(result.at(left.index).toMap(), kIssue) < text(result.at(right.index).toMap(), kIssue);
+            return text(result.at(left.index).toMap(), DraftKey::kIssue)
+                < text(result.at(right.index).toMap(), DraftKey::kIssue);
         });
         for (const Pending &entry : std::as_const(pending)) {
             QVariantMap copy = result.at(entry.index).toMap();
-            const QVariantList worklogs = fetched.value(text(copy, kIssue));
+            const QVariantList worklogs = fetched.value(text(copy, DraftKey::kIssue));
             // Under another marker (another group, issue or logged time) the same sessions may already be in
             // Jira, or may be any moment: such a draft shows the receipt's state and is never eligible.
             QVariantMap receipt = entry.receipt;
             if (receipt.isEmpty()) {
                 receipt = coverage.blocking(copy);
                 if (receipt.isEmpty() && callerSaysUncertain(copy))
-                    receipt = {{kState, QStringLiteral("pending")}};
+                    receipt = {{ReceiptKey::kState, ReceiptKey::kPending}};
                 if (!receipt.isEmpty()) {
-                    copy.insert(QStringLiteral("jira_receipt_state"),
-                        text(receipt, kState) == QStringLiteral("posted") ? QStringLiteral("posted")
-                                                                          : QStringLiteral("pending"));
-                    copy.insert(QStringLiteral("assignment"), QStringLiteral("Submission recorded"));
+                    copy.insert(DraftKey::kJiraReceiptState,
+                        text(receipt, ReceiptKey::kState) == ReceiptKey::kPosted ? ReceiptKey::kPosted
+                                                                                 : ReceiptKey::kPending);
+                    copy.insert(DraftKey::kAssignment, QStringLiteral("Submission recorded"));
                 }
             }
             const QVariantMap comparison = JRCompare(copy, worklogs, account, entry.marker, receipt);
             for (auto it = comparison.constBegin(); it != comparison.constEnd(); ++it)
                 copy.insert(it.key(), it.value());
-            const bool eligible = copy.value(QStringLiteral("eligible")).toBool();
+            const bool eligible = copy.value(DraftKey::kEligible).toBool();
             const QVariantList matches = eligible ? JRManualMatches(copy, worklogs, account) : QVariantList {};
-            copy.insert(QStringLiteral("manual_matches"), matches);
+            copy.insert(DraftKey::kManualMatches, matches);
             if (!matches.isEmpty())
-                copy.insert(
-                    QStringLiteral("status"), QStringLiteral("Possible manual worklog — confirm match or review"));
-            copy.insert(QStringLiteral("include"), eligible);
+                copy.insert(DraftKey::kStatus, QStringLiteral("Possible manual worklog — confirm match or review"));
+            copy.insert(DraftKey::kInclude, eligible);
             result[entry.index] = copy;
         }
 
-        recordCompletion(QStringLiteral("jira_compare_completed"), result.size(), false);
-        return {{QStringLiteral("drafts"), result}, {QStringLiteral("account"), account},
-            {QStringLiteral("receipts_found"), found}};
+        recordCompletion(DiagnosticEvent::kJiraCompareCompleted, result.size(), false);
+        return {{CheckKey::kDrafts, result}, {ReceiptKey::kAccount, account}, {CheckKey::kReceiptsFound, found}};
     } catch (const std::exception &caught) {
         // Named failures carry the sentence for the user; anything else (a system error) gets the general one.
         const auto *named = dynamic_cast<const NamedFailure *>(&caught);
         const QString reason
             = named && !named->reason().isEmpty() ? named->reason() : QStringLiteral("Checking Jira failed.");
         QVariantMap failed = event("failed");
-        failed.insert(QStringLiteral("error"), reason);
+        failed.insert(ProgressKey::kError, reason);
         notify(progress, failed);
-        recordCompletion(QStringLiteral("jira_compare_completed"), result.size(), true);
-        return {{QStringLiteral("error"), reason}};
+        recordCompletion(DiagnosticEvent::kJiraCompareCompleted, result.size(), true);
+        return {{ProgressKey::kError, reason}};
     }
 }
 
@@ -401,16 +401,17 @@ QVariantList WorklogService::postDrafts(const QVariantList &drafts, const QStrin
         lock.emplace(m_directory + QStringLiteral("/jira-submit.lock"));
         QVariantList posted
             = postRows(drafts, cloud, account, generation, estimate, progress, completed, issue, sourceKeys);
-        recordCompletion(QStringLiteral("jira_post_completed"), completed, false);
+        recordCompletion(DiagnosticEvent::kJiraPostCompleted, completed, false);
         return posted;
     } catch (const std::exception &caught) {
         const auto *named = dynamic_cast<const NamedFailure *>(&caught);
         notify(progress,
-            {{QStringLiteral("phase"), QStringLiteral("post")}, {kState, QStringLiteral("failed")}, {kIssue, issue},
-                {kSourceKeys, sourceKeys}, {kCompleted, completed}, {kTotal, qint64(drafts.size())},
-                {QStringLiteral("error"),
+            {{ProgressKey::kPhase, QStringLiteral("post")}, {ProgressKey::kState, QStringLiteral("failed")},
+                {ProgressKey::kIssue, issue}, {ProgressKey::kSourceKeys, sourceKeys},
+                {ProgressKey::kCompleted, completed}, {ProgressKey::kTotal, qint64(drafts.size())},
+                {ProgressKey::kError,
                     named && !named->reason().isEmpty() ? named->reason() : QStringLiteral("Posting failed.")}});
-        recordCompletion(QStringLiteral("jira_post_completed"), completed, true);
+        recordCompletion(DiagnosticEvent::kJiraPostCompleted, completed, true);
         throw;
     }
 }
@@ -421,15 +422,15 @@ bool WorklogService::settle(QVariantMap &receipts, const QString &cloud, const Q
     for (auto it = m_found.constBegin(); it != m_found.constEnd(); ++it) {
         const QVariantMap &proof = it.value();
         const QVariant entry = receipts.value(it.key());
-        if (text(proof, QStringLiteral("cloud")) != cloud || text(proof, QStringLiteral("account")) != account
+        if (text(proof, ReceiptKey::kCloud) != cloud || text(proof, ReceiptKey::kAccount) != account
             || entry.typeId() != QMetaType::QVariantMap)
             continue;
         QVariantMap receipt = entry.toMap();
-        if (text(receipt, kState) == QStringLiteral("posted"))
+        if (text(receipt, ReceiptKey::kState) == ReceiptKey::kPosted)
             continue;
         // The record stays whole: only its state and Jira's id are added, as if the answer had arrived.
-        receipt.insert(kState, QStringLiteral("posted"));
-        receipt.insert(QStringLiteral("id"), text(proof, QStringLiteral("id")));
+        receipt.insert(ReceiptKey::kState, ReceiptKey::kPosted);
+        receipt.insert(ReceiptKey::kId, text(proof, ReceiptKey::kId));
         receipts.insert(it.key(), receipt);
         changed = true;
     }
@@ -445,11 +446,12 @@ QVariantList WorklogService::postRows(const QVariantList &rows, const QString &c
 {
     const qint64 total = rows.size();
     const auto event = [&](const char *state) {
-        return QVariantMap {{QStringLiteral("phase"), QStringLiteral("post")}, {kState, QString::fromLatin1(state)},
-            {kIssue, issue}, {kSourceKeys, sourceKeys}, {kCompleted, completed}, {kTotal, total}};
+        return QVariantMap {{ProgressKey::kPhase, QStringLiteral("post")},
+            {ProgressKey::kState, QString::fromLatin1(state)}, {ProgressKey::kIssue, issue},
+            {ProgressKey::kSourceKeys, sourceKeys}, {ProgressKey::kCompleted, completed}, {ProgressKey::kTotal, total}};
     };
 
-    if (text(m_client.identity(cloud), QStringLiteral("accountId")) != account)
+    if (text(m_client.identity(cloud), WorklogKey::kAccountId) != account)
         throw failure("AccountChanged", "Jira account changed. Check Jira again.");
 
     QVariantMap receipts = m_store.receipts();
@@ -465,18 +467,18 @@ QVariantList WorklogService::postRows(const QVariantList &rows, const QString &c
     IssueAssignments assignments(m_directory);
     for (const QVariant &item : rows) {
         const QVariantMap row = item.toMap();
-        QVariantList sessions {row.value(QStringLiteral("session"))};
-        sessions += row.value(QStringLiteral("source_sessions")).toList();
-        bool excluded = text(row.value(kExclusion).toMap(), QStringLiteral("kind")) == QStringLiteral("ignore");
+        QVariantList sessions {row.value(DraftKey::kSession)};
+        sessions += row.value(DraftKey::kSourceSessions).toList();
+        bool excluded = text(row.value(DraftKey::kJiraExclusion).toMap(), ExclusionKey::kKind) == ExclusionKey::kIgnore;
         for (const QVariant &value : std::as_const(sessions)) {
             const QVariantMap session = value.toMap();
             if (session.isEmpty())
                 continue;
-            const QVariantMap built = session.value(kExclusion).toMap();
-            const QVariantMap now = assignments.resolve(session, cloud).value(kExclusion).toMap();
-            const QString kind = text(now, QStringLiteral("kind"));
-            excluded = excluded || text(built, QStringLiteral("kind")) == QStringLiteral("ignore")
-                || kind == QStringLiteral("ignore") || (kind == QStringLiteral("manual") && now != built);
+            const QVariantMap built = session.value(DraftKey::kJiraExclusion).toMap();
+            const QVariantMap now = assignments.resolve(session, cloud).value(DraftKey::kJiraExclusion).toMap();
+            const QString kind = text(now, ExclusionKey::kKind);
+            excluded = excluded || text(built, ExclusionKey::kKind) == ExclusionKey::kIgnore
+                || kind == ExclusionKey::kIgnore || (kind == ExclusionKey::kManual && now != built);
         }
         if (excluded)
             throw failure("Excluded", "This session is excluded from Jira. Check Jira again.");
@@ -506,7 +508,7 @@ QVariantList WorklogService::postRows(const QVariantList &rows, const QString &c
     for (qsizetype index = 0; index < rows.size(); ++index) {
         const QVariantMap row = rows.at(index).toMap();
         const QString &marker = markers.at(index);
-        issue = text(row, kIssue);
+        issue = text(row, DraftKey::kIssue);
         sourceKeys = JRSourceKeysForRows({row});
 
         // Re-check immediately before the POST: Jira must still hold what the user saw, plus what this run
@@ -515,21 +517,21 @@ QVariantList WorklogService::postRows(const QVariantList &rows, const QString &c
         QDateTime to;
         JRDayWindow({row}, from, to);
         const QVariantMap fresh = JRCompare(row, m_client.worklogs(issue, cloud, from, to, {}), account, marker, {});
-        if (!fresh.value(QStringLiteral("eligible")).toBool())
+        if (!fresh.value(ComparisonKey::kEligible).toBool())
             throw failure("Duplicate", "An entry is already posted or has an uncertain submission. Check Jira again.");
         const QString day = dayKey(row);
-        const qint64 expected = row.value(QStringLiteral("existing")).toLongLong() + postedPerDay.value(day);
-        if (fresh.value(QStringLiteral("existing")).toLongLong() != expected)
+        const qint64 expected = row.value(DraftKey::kExisting).toLongLong() + postedPerDay.value(day);
+        if (fresh.value(ComparisonKey::kExisting).toLongLong() != expected)
             throw failure("Changed", "Jira time changed since the last check. Check Jira again.");
 
         const QVariantMap payload = JRPayload(row, marker);
         QVariantMap receipt {
-            {kState, QStringLiteral("pending")},
-            {kIssue, issue},
-            {QStringLiteral("source_key"), text(row, QStringLiteral("source_key"))},
-            {QStringLiteral("coverage"), JRCoverage(row)},
-            {QStringLiteral("cloud"), cloud},
-            {QStringLiteral("payload"), payload},
+            {ReceiptKey::kState, ReceiptKey::kPending},
+            {ReceiptKey::kIssue, issue},
+            {DraftKey::kSourceKey, text(row, DraftKey::kSourceKey)},
+            {ReceiptKey::kCoverage, JRCoverage(row)},
+            {ReceiptKey::kCloud, cloud},
+            {ReceiptKey::kPayload, payload},
         };
         // A token that cannot be refreshed fails here, before a receipt exists, not after it as an uncertain
         // submission; the POST below then finds the token fresh.
@@ -539,19 +541,19 @@ QVariantList WorklogService::postRows(const QVariantList &rows, const QString &c
 
         notify(report, event("submitting"));
         const QVariantMap created = m_client.post(payload, issue, cloud, mode);
-        const QVariant spent = created.value(QStringLiteral("timeSpentSeconds"));
+        const QVariant spent = created.value(WorklogKey::kTimeSpentSeconds);
         const qint64 seconds = HLIsJSONNumber(spent) ? spent.toLongLong() : JRPostSeconds(row);
         postedPerDay[day] += seconds;
 
-        receipt.insert(kState, QStringLiteral("posted"));
-        receipt.insert(QStringLiteral("id"), created.value(QStringLiteral("id")).toString());
+        receipt.insert(ReceiptKey::kState, ReceiptKey::kPosted);
+        receipt.insert(ReceiptKey::kId, created.value(WorklogKey::kId).toString());
         receipts.insert(marker, receipt);
         m_store.saveReceipts(receipts);
 
         ++completed;
-        posted.append(QVariantMap {{QStringLiteral("marker"), marker}, {kIssue, issue},
-            {QStringLiteral("id"), receipt.value(QStringLiteral("id"))}, {QStringLiteral("seconds"), seconds},
-            {kSourceKeys, sourceKeys}});
+        posted.append(QVariantMap {{PostedKey::kMarker, marker}, {PostedKey::kIssue, issue},
+            {PostedKey::kId, receipt.value(ReceiptKey::kId)}, {PostedKey::kSeconds, seconds},
+            {PostedKey::kSourceKeys, sourceKeys}});
         notify(report, event("complete"));
     }
     return posted;

@@ -1,4 +1,5 @@
 #include "summary/timesummary.h"
+#include "records/session.h"
 
 #include <QLocale>
 #include <QRegularExpression>
@@ -119,8 +120,8 @@ double TimeSummary::seconds(const QVariantList &sessions, const QDateTime &now, 
     spans.reserve(size_t(sessions.size()));
     for (const QVariant &item : sessions) {
         const QVariantMap session = item.toMap();
-        const double start = std::max(session.value(QStringLiteral("start_ms")).toDouble() / 1000.0, from);
-        const double end = std::min(session.value(QStringLiteral("end_ms")).toDouble() / 1000.0, until);
+        const double start = std::max(session.value(SessionKey::kStartMs).toDouble() / 1000.0, from);
+        const double end = std::min(session.value(SessionKey::kEndMs).toDouble() / 1000.0, until);
         if (end > start)
             spans.emplace_back(start, end);
     }

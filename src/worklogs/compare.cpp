@@ -1,5 +1,8 @@
 #include "worklogs/compare.h"
 
+#include "records/draft.h"
+#include "records/receipt.h"
+#include "records/worklog.h"
 #include "worklogs/drafts.h"
 #include "worklogs/engineinternal.h"
 #include "worklogs/marker.h"
@@ -17,8 +20,7 @@ namespace
 
 QVariantMap result(const QString &status, bool eligible, qint64 existing)
 {
-    return QVariantMap {{QStringLiteral("status"), status}, {QStringLiteral("eligible"), eligible},
-        {QStringLiteral("existing"), existing}};
+    return QVariantMap {{DraftKey::kStatus, status}, {DraftKey::kEligible, eligible}, {DraftKey::kExisting, existing}};
 }
 
 } // namespace
@@ -26,7 +28,7 @@ QVariantMap result(const QString &status, bool eligible, qint64 existing)
 QVariantMap JRCompare(const QVariantMap &draft, const QVariantList &worklogs, const QString &accountId,
     const QString &marker, const QVariantMap &receipt)
 {
-    const QVariantMap exclusion = mapValue(draft.value(QStringLiteral("jira_exclusion")));
+    const QVariantMap exclusion = mapValue(draft.value(DraftKey::kJiraExclusion));
     if (!exclusion.isEmpty())
         return result(JRExclusionStatus(exclusion), false, 0);
     const bool ignoreShort = JRIgnoreShortSessions();
@@ -37,17 +39,17 @@ QVariantMap JRCompare(const QVariantMap &draft, const QVariantList &worklogs, co
     }
 
     qint64 startMs = 0;
-    parseJiraDate(draft.value(QStringLiteral("started")), startMs); // valid drafts always have a start
+    parseJiraDate(draft.value(DraftKey::kStarted), startMs); // valid drafts always have a start
     const LocalDayRange day = localDayRangeOf(startMs);
     const qint64 postSeconds = JRPostSeconds(draft);
 
     QSet<QString> keys;
-    const QVariantList sourceKeys = listValue(draft.value(QStringLiteral("source_keys")));
+    const QVariantList sourceKeys = listValue(draft.value(DraftKey::kSourceKeys));
     if (!sourceKeys.isEmpty()) {
         for (const QVariant &key : sourceKeys)
             keys.insert(plainText(key));
     } else {
-        const QString key = plainText(draft.value(QStringLiteral("source_key")));
+        const QString key = plainText(draft.value(DraftKey::kSourceKey));
         if (!key.isEmpty())
             keys.insert(key);
     }
@@ -63,8 +65,8 @@ QVariantMap JRCompare(const QVariantMap &draft, const QVariantList &worklogs, co
             return;
         commentsBuilt = true;
         QVariantMap withoutTitle = draft;
-        withoutTitle.remove(QStringLiteral("issue_title"));
-        const QString comment = QStringLiteral("comment");
+        withoutTitle.remove(DraftKey::kIssueTitle);
+        const QString &comment = WorklogKey::kComment;
         propertyComment = JRText(JRPayload(draft, marker).value(comment));
         if (!tag.isNull()) {
             tagComment = JRText(JRPayloadWithTag(draft, tag).value(comment));
@@ -126,7 +128,7 @@ QVariantMap JRCompare(const QVariantMap &draft, const QVariantList &worklogs, co
     else if (combined)
         status = QStringLiteral("Posted in a combined worklog");
     else if (!receipt.isEmpty())
-        status = plainText(receipt.value(QStringLiteral("state"))) == u"posted"
+        status = plainText(receipt.value(ReceiptKey::kState)) == ReceiptKey::kPosted
             ? QStringLiteral("Previously posted — review changes")
             : QStringLiteral("Uncertain submission — review in Jira");
     else if (manual > 0)
@@ -142,9 +144,9 @@ QVariantMap JRCompare(const QVariantMap &draft, const QVariantList &worklogs, co
 QString JRComparisonFingerprint(const QVariantMap &draft)
 {
     const QString running
-        = isYes(draft.value(QStringLiteral("source_running"))) ? QStringLiteral("running") : QStringLiteral("stopped");
-    return JRHash(plainText(draft.value(QStringLiteral("source_key"))) + u'|'
-        + plainText(draft.value(QStringLiteral("marker_seed"))) + u'|' + plainText(draft.value(QStringLiteral("issue")))
-        + u'|' + QString::number(JRPostSeconds(draft)) + u'|' + plainText(draft.value(QStringLiteral("started"))) + u'|'
-        + rowComment(draft) + u'|' + exclusionKind(draft) + u'|' + running);
+        = isYes(draft.value(DraftKey::kSourceRunning)) ? QStringLiteral("running") : QStringLiteral("stopped");
+    return JRHash(plainText(draft.value(DraftKey::kSourceKey)) + u'|' + plainText(draft.value(DraftKey::kMarkerSeed))
+        + u'|' + plainText(draft.value(DraftKey::kIssue)) + u'|' + QString::number(JRPostSeconds(draft)) + u'|'
+        + plainText(draft.value(DraftKey::kStarted)) + u'|' + rowComment(draft) + u'|' + exclusionKind(draft) + u'|'
+        + running);
 }

@@ -1,5 +1,9 @@
 #include "worklogs/drafts.h"
 
+#include "records/draft.h"
+#include "records/exclusion.h"
+#include "records/receipt.h"
+#include "records/session.h"
 #include "worklogs/engineinternal.h"
 #include "worklogs/preferences.h"
 
@@ -12,8 +16,8 @@ using namespace jrinternal;
 namespace
 {
 
-const QString kIgnore = QStringLiteral("ignore");
-const QString kManual = QStringLiteral("manual");
+const QString &kIgnore = ExclusionKey::kIgnore;
+const QString &kManual = ExclusionKey::kManual;
 
 struct Kept {
     QVariantMap session;
@@ -26,23 +30,22 @@ struct Kept {
 
 QString JRSourceKey(const QVariantMap &session)
 {
-    const qint64 apiId = int64Value(session.value(QStringLiteral("api_id")));
+    const qint64 apiId = int64Value(session.value(SessionKey::kApiId));
     // The server id survives a re-install of the tracker; the local id is all an unsynced session has.
-    const QString identity = apiId >= 1
-        ? QStringLiteral("api:") + QString::number(apiId)
-        : QStringLiteral("local:") + plainText(session.value(QStringLiteral("local_id")));
-    return JRHash(plainText(session.value(QStringLiteral("source_account"))) + u'|'
-        + plainText(session.value(QStringLiteral("project"))) + u'|' + identity + u'|'
-        + plainText(session.value(QStringLiteral("start_ms"))));
+    const QString identity = apiId >= 1 ? QStringLiteral("api:") + QString::number(apiId)
+                                        : QStringLiteral("local:") + plainText(session.value(SessionKey::kLocalId));
+    return JRHash(plainText(session.value(SessionKey::kSourceAccount)) + u'|'
+        + plainText(session.value(SessionKey::kProject)) + u'|' + identity + u'|'
+        + plainText(session.value(SessionKey::kStartMs)));
 }
 
 QString JRExclusionStatus(const QVariantMap &exclusion)
 {
     if (exclusion.isEmpty())
         return QStringLiteral("");
-    if (plainText(exclusion.value(QStringLiteral("kind"))) == kManual)
-        return QStringLiteral("Manually logged · ") + plainText(exclusion.value(QStringLiteral("issue")))
-            + QStringLiteral(" / worklog ") + plainText(exclusion.value(QStringLiteral("worklog_id")));
+    if (plainText(exclusion.value(ExclusionKey::kKind)) == kManual)
+        return QStringLiteral("Manually logged · ") + plainText(exclusion.value(ExclusionKey::kIssue))
+            + QStringLiteral(" / worklog ") + plainText(exclusion.value(ExclusionKey::kWorklogId));
     return QStringLiteral("Ignored for Jira");
 }
 
@@ -73,7 +76,7 @@ QVariantList JRBuildDrafts(const QVariantList &sessions, const QDateTime &day)
         Kept item;
         item.session = entry.toMap();
         bool ok = false;
-        const qint64 startMs = int64Value(item.session.value(QStringLiteral("start_ms")), &ok);
+        const qint64 startMs = int64Value(item.session.value(SessionKey::kStartMs), &ok);
         if (!ok)
             continue;
         if (!wanted.contains(startMs))
@@ -92,7 +95,7 @@ QVariantList JRBuildDrafts(const QVariantList &sessions, const QDateTime &day)
     for (const Kept &item : kept) {
         const QVariantMap &session = item.session;
         const qint64 d = saturatingSub(
-            int64Value(session.value(QStringLiteral("end_ms"))), int64Value(session.value(QStringLiteral("start_ms"))));
+            int64Value(session.value(SessionKey::kEndMs)), int64Value(session.value(SessionKey::kStartMs)));
         const bool fragment
             = d >= 1 && d <= 59999 && !item.combineKey.isNull() && groupSizes.value(item.combineKey) > 1;
         if (d < 60000 && ignoreShort && !fragment)
@@ -102,40 +105,39 @@ QVariantList JRBuildDrafts(const QVariantList &sessions, const QDateTime &day)
         const qint64 tracked = std::max<qint64>(d, 0) / 1000;
         const qint64 seconds = fragment ? tracked : JRRoundedSeconds(tracked);
 
-        const QVariantMap exclusion = mapValue(session.value(QStringLiteral("jira_exclusion")));
-        const QString kind = plainText(exclusion.value(QStringLiteral("kind")));
+        const QVariantMap exclusion = mapValue(session.value(SessionKey::kJiraExclusion));
+        const QString kind = plainText(exclusion.value(ExclusionKey::kKind));
         qint64 manualCover = 0;
         if (kind == kManual) {
-            manualCover = int64Value(exclusion.value(QStringLiteral("seconds")));
+            manualCover = int64Value(exclusion.value(ExclusionKey::kSeconds));
             if (manualCover == 0)
                 manualCover = seconds;
         }
         // Time in Jira is never negative; a negative value in a damaged record would inflate what is posted.
         const qint64 inJira
-            = saturatingAdd(std::max<qint64>(int64Value(session.value(QStringLiteral("jira_logged_seconds"))), 0),
+            = saturatingAdd(std::max<qint64>(int64Value(session.value(SessionKey::kJiraLoggedSeconds)), 0),
                 std::max<qint64>(manualCover, 0));
         const qint64 capped = std::min(seconds, inJira);
         const qint64 logged = (fragment && capped >= 1) ? seconds : capped;
         const qint64 remaining = kind == kIgnore ? 0 : std::max<qint64>(seconds - logged, 0);
 
         const QString sourceKey = JRSourceKey(session);
-        const QString activity = sessionActivity(session).isNull()
-            ? QStringLiteral("")
-            : textValue(session.value(QStringLiteral("description")));
-        const bool custom = isYes(session.value(QStringLiteral("comment_custom")));
-        const QString title = textValue(session.value(QStringLiteral("issue_title")));
+        const QString activity = sessionActivity(session).isNull() ? QStringLiteral("")
+                                                                   : textValue(session.value(SessionKey::kDescription));
+        const bool custom = isYes(session.value(SessionKey::kCommentCustom));
+        const QString title = textValue(session.value(SessionKey::kIssueTitle));
         QString comment;
-        if (session.contains(QStringLiteral("comment")))
-            comment = plainText(session.value(QStringLiteral("comment")));
+        if (session.contains(SessionKey::kComment))
+            comment = plainText(session.value(SessionKey::kComment));
         else
-            comment = plainText(session.value(QStringLiteral("description")));
+            comment = plainText(session.value(SessionKey::kDescription));
         if (!custom && !title.isEmpty() && activity.isEmpty())
             comment = QStringLiteral("");
 
-        const bool running = isYes(session.value(QStringLiteral("source_running")));
-        const QString receiptState = plainText(session.value(QStringLiteral("jira_receipt_state")));
+        const bool running = isYes(session.value(SessionKey::kSourceRunning));
+        const QString receiptState = plainText(session.value(SessionKey::kJiraReceiptState));
         QString status;
-        if (receiptState == u"pending")
+        if (receiptState == ReceiptKey::kPending)
             status = QStringLiteral("Submission uncertain");
         else if (kind == kIgnore)
             status = JRExclusionStatus(exclusion);
@@ -145,33 +147,32 @@ QVariantList JRBuildDrafts(const QVariantList &sessions, const QDateTime &day)
             status = QStringLiteral("Complete");
 
         QVariantMap draft;
-        draft.insert(QStringLiteral("source_key"), sourceKey);
-        draft.insert(QStringLiteral("marker_seed"),
-            QString(
-                sourceKey + u'|' + QString::number(logged) + u'|' + plainText(session.value(QStringLiteral("issue")))));
-        draft.insert(QStringLiteral("issue"), item.issue);
-        draft.insert(QStringLiteral("seconds"), seconds);
-        draft.insert(QStringLiteral("source_milliseconds"), std::max<qint64>(d, 0));
-        draft.insert(QStringLiteral("logged_seconds"), logged);
-        draft.insert(QStringLiteral("remaining_seconds"), remaining);
-        draft.insert(QStringLiteral("post_seconds"), remaining);
-        draft.insert(QStringLiteral("started"), JRISO(item.start));
-        draft.insert(QStringLiteral("comment"), comment);
-        draft.insert(QStringLiteral("comment_custom"), custom);
-        draft.insert(QStringLiteral("issue_title"), title);
-        draft.insert(QStringLiteral("session"), session);
-        draft.insert(QStringLiteral("jira_exclusion"), remaining == 0 ? exclusion : QVariantMap());
-        draft.insert(QStringLiteral("manual_worklog_id"), plainText(exclusion.value(QStringLiteral("worklog_id"))));
-        draft.insert(QStringLiteral("assignment"), plainText(session.value(QStringLiteral("assignment"))));
-        draft.insert(QStringLiteral("include"), false);
-        draft.insert(QStringLiteral("eligible"), false);
-        draft.insert(QStringLiteral("existing"), qint64(0));
-        draft.insert(QStringLiteral("fragment"), fragment);
-        draft.insert(QStringLiteral("activity"), activity);
-        draft.insert(QStringLiteral("source_running"), running);
-        draft.insert(QStringLiteral("jira_receipt_state"), receiptState);
-        draft.insert(QStringLiteral("status"), status);
-        drafts.emplace_back(draft.value(QStringLiteral("started")).toString(), draft);
+        draft.insert(DraftKey::kSourceKey, sourceKey);
+        draft.insert(DraftKey::kMarkerSeed,
+            QString(sourceKey + u'|' + QString::number(logged) + u'|' + plainText(session.value(SessionKey::kIssue))));
+        draft.insert(DraftKey::kIssue, item.issue);
+        draft.insert(DraftKey::kSeconds, seconds);
+        draft.insert(DraftKey::kSourceMilliseconds, std::max<qint64>(d, 0));
+        draft.insert(DraftKey::kLoggedSeconds, logged);
+        draft.insert(DraftKey::kRemainingSeconds, remaining);
+        draft.insert(DraftKey::kPostSeconds, remaining);
+        draft.insert(DraftKey::kStarted, JRISO(item.start));
+        draft.insert(DraftKey::kComment, comment);
+        draft.insert(DraftKey::kCommentCustom, custom);
+        draft.insert(DraftKey::kIssueTitle, title);
+        draft.insert(DraftKey::kSession, session);
+        draft.insert(DraftKey::kJiraExclusion, remaining == 0 ? exclusion : QVariantMap());
+        draft.insert(DraftKey::kManualWorklogId, plainText(exclusion.value(ExclusionKey::kWorklogId)));
+        draft.insert(DraftKey::kAssignment, plainText(session.value(SessionKey::kAssignment)));
+        draft.insert(DraftKey::kInclude, false);
+        draft.insert(DraftKey::kEligible, false);
+        draft.insert(DraftKey::kExisting, qint64(0));
+        draft.insert(DraftKey::kFragment, fragment);
+        draft.insert(DraftKey::kActivity, activity);
+        draft.insert(DraftKey::kSourceRunning, running);
+        draft.insert(DraftKey::kJiraReceiptState, receiptState);
+        draft.insert(DraftKey::kStatus, status);
+        drafts.emplace_back(draft.value(DraftKey::kStarted).toString(), draft);
     }
 
     // Sorting by the texts orders by start time within one offset, as the window shows them.

@@ -1,5 +1,9 @@
 #include "worklogs/engineinternal.h"
 
+#include "records/draft.h"
+#include "records/exclusion.h"
+#include "records/session.h"
+#include "records/worklog.h"
 #include "worklogs/preferences.h"
 
 #include <QStringList>
@@ -309,20 +313,20 @@ LocalDayRange localDayRangeOf(qint64 ms)
 
 QString sessionIssue(const QVariantMap &session)
 {
-    const QVariant issue = session.value(QStringLiteral("issue"));
-    if (issue.typeId() == QMetaType::QString && issue.toString() != u"Unassigned")
+    const QVariant issue = session.value(SessionKey::kIssue);
+    if (issue.typeId() == QMetaType::QString && issue.toString() != SessionKey::kUnassigned)
         return issue.toString();
     return QStringLiteral("");
 }
 
 QString sessionActivity(const QVariantMap &session)
 {
-    if (!isText(session.value(QStringLiteral("assignment")), QStringLiteral("Description rule")))
+    if (!isText(session.value(SessionKey::kAssignment), QStringLiteral("Description rule")))
         return {};
-    const QVariant aggregate = session.value(QStringLiteral("aggregate_description"));
+    const QVariant aggregate = session.value(SessionKey::kAggregateDescription);
     const QVariant activity = (aggregate.typeId() == QMetaType::QString && !aggregate.toString().isEmpty())
         ? aggregate
-        : session.value(QStringLiteral("description"));
+        : session.value(SessionKey::kDescription);
     if (activity.typeId() == QMetaType::QString && !activity.toString().isEmpty())
         return activity.toString();
     return {};
@@ -333,9 +337,9 @@ QString sessionCombineKey(const QVariantMap &session, const QString &issue, bool
     if (issue.isEmpty())
         return {};
     if (!combineDaily) {
-        if (!isYes(session.value(QStringLiteral("aggregate_daily"))))
+        if (!isYes(session.value(SessionKey::kAggregateDaily)))
             return {};
-        return issue + u'|' + plainText(session.value(QStringLiteral("aggregate_description")));
+        return issue + u'|' + plainText(session.value(SessionKey::kAggregateDescription));
     }
     const QString activity = sessionActivity(session);
     if (!activity.isNull())
@@ -345,17 +349,17 @@ QString sessionCombineKey(const QVariantMap &session, const QString &issue, bool
 
 QString exclusionKind(const QVariantMap &record)
 {
-    return plainText(mapValue(record.value(QStringLiteral("jira_exclusion"))).value(QStringLiteral("kind")));
+    return plainText(mapValue(record.value(DraftKey::kJiraExclusion)).value(ExclusionKey::kKind));
 }
 
 QString combineKey(const QVariantMap &draft, bool combineDaily, LocalDayCache *days)
 {
-    if (isYes(draft.value(QStringLiteral("source_running"))) || exclusionKind(draft) == u"ignore")
+    if (isYes(draft.value(DraftKey::kSourceRunning)) || exclusionKind(draft) == ExclusionKey::kIgnore)
         return {};
-    const QString key = sessionCombineKey(mapValue(draft.value(QStringLiteral("session"))),
-        textValue(draft.value(QStringLiteral("issue"))), combineDaily);
+    const QString key = sessionCombineKey(
+        mapValue(draft.value(DraftKey::kSession)), textValue(draft.value(DraftKey::kIssue)), combineDaily);
     qint64 startMs = 0;
-    if (key.isNull() || !parseJiraDate(draft.value(QStringLiteral("started")), startMs))
+    if (key.isNull() || !parseJiraDate(draft.value(DraftKey::kStarted), startMs))
         return {};
     LocalDayCache own;
     const LocalDayRange &day = (days ? days : &own)->of(startMs);
@@ -366,10 +370,10 @@ QString combineKey(const QVariantMap &draft, bool combineDaily, LocalDayCache *d
 
 bool valid(const QVariantMap &draft, bool ignoreShort)
 {
-    if (!isIssueKey(textValue(draft.value(QStringLiteral("issue")))))
+    if (!isIssueKey(textValue(draft.value(DraftKey::kIssue))))
         return false;
-    const auto post = draft.constFind(QStringLiteral("post_seconds"));
-    const QString text = plainText(post != draft.constEnd() ? *post : draft.value(QStringLiteral("seconds")));
+    const auto post = draft.constFind(DraftKey::kPostSeconds);
+    const QString text = plainText(post != draft.constEnd() ? *post : draft.value(DraftKey::kSeconds));
     if (text.isEmpty())
         return false;
     for (const QChar c : text) {
@@ -380,33 +384,33 @@ bool valid(const QVariantMap &draft, bool ignoreShort)
     const qint64 seconds = text.toLongLong(&ok);
     if (!ok)
         return false;
-    const bool fragment = isYes(draft.value(QStringLiteral("fragment")));
+    const bool fragment = isYes(draft.value(DraftKey::kFragment));
     const qint64 lower = (fragment || !ignoreShort) ? 1 : 60;
     if (seconds < lower || seconds > 86400)
         return false;
     qint64 startMs = 0;
-    return parseJiraDate(draft.value(QStringLiteral("started")), startMs);
+    return parseJiraDate(draft.value(DraftKey::kStarted), startMs);
 }
 
 QString rowComment(const QVariantMap &draft)
 {
-    const QString text = textValue(draft.value(QStringLiteral("comment")));
-    if (isYes(draft.value(QStringLiteral("comment_custom"))))
+    const QString text = textValue(draft.value(DraftKey::kComment));
+    if (isYes(draft.value(DraftKey::kCommentCustom)))
         return text;
     // Without an own comment or activity, the issue's title says it all; Jira needs no copy of it.
-    if (!textValue(draft.value(QStringLiteral("issue_title"))).isEmpty()
-        && textValue(draft.value(QStringLiteral("activity"))).isEmpty())
+    if (!textValue(draft.value(DraftKey::kIssueTitle)).isEmpty()
+        && textValue(draft.value(DraftKey::kActivity)).isEmpty())
         return QStringLiteral("");
     return text;
 }
 
 QVariantMap commentDocument(const QString &text)
 {
-    const QVariantMap textNode {{QStringLiteral("type"), QStringLiteral("text")}, {QStringLiteral("text"), text}};
+    const QVariantMap textNode {{WorklogKey::kNodeType, WorklogKey::kNodeText}, {WorklogKey::kNodeText, text}};
     const QVariantMap paragraph {
-        {QStringLiteral("type"), QStringLiteral("paragraph")}, {QStringLiteral("content"), QVariantList {textNode}}};
-    return QVariantMap {{QStringLiteral("version"), 1}, {QStringLiteral("type"), QStringLiteral("doc")},
-        {QStringLiteral("content"), QVariantList {paragraph}}};
+        {WorklogKey::kNodeType, QStringLiteral("paragraph")}, {WorklogKey::kNodeContent, QVariantList {textNode}}};
+    return QVariantMap {{WorklogKey::kNodeVersion, 1}, {WorklogKey::kNodeType, QStringLiteral("doc")},
+        {WorklogKey::kNodeContent, QVariantList {paragraph}}};
 }
 
 } // namespace jrinternal

@@ -1,5 +1,7 @@
 #include "worklogs/preferences.h"
 
+#include "records/draft.h"
+#include "records/worklog.h"
 #include "worklogs/engineinternal.h"
 
 #include <QCryptographicHash>
@@ -142,10 +144,10 @@ qint64 JRRoundedSeconds(qint64 seconds)
 
 qint64 JRPostSeconds(const QVariantMap &draft)
 {
-    const auto post = draft.constFind(QStringLiteral("post_seconds"));
+    const auto post = draft.constFind(DraftKey::kPostSeconds);
     if (post != draft.constEnd())
         return jrinternal::int64Value(*post);
-    return jrinternal::int64Value(draft.value(QStringLiteral("seconds")));
+    return jrinternal::int64Value(draft.value(DraftKey::kSeconds));
 }
 
 QString JRDurationText(qint64 seconds)
@@ -217,10 +219,10 @@ void appendText(const QVariant &node, QString &out, int depth)
         return;
     case QMetaType::QVariantMap: {
         const QVariantMap map = node.toMap();
-        const auto text = map.constFind(QStringLiteral("text"));
+        const auto text = map.constFind(WorklogKey::kNodeText);
         if (text != map.constEnd() && text->typeId() == QMetaType::QString)
             out += text->toString();
-        const auto content = map.constFind(QStringLiteral("content"));
+        const auto content = map.constFind(WorklogKey::kNodeContent);
         if (content != map.constEnd())
             appendText(*content, out, depth + 1);
         return;
