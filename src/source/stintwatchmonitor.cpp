@@ -47,6 +47,8 @@ constexpr qint64 kTickToleranceMs = 1'000;
 constexpr qint64 kStartWindowMs = 60'000;
 constexpr qint64 kHeartbeatWindowMs = 90'000;
 
+constexpr tracker::EventKind kHeartbeat = tracker::EventKind::ServiceHeartbeat;
+
 const QString kLogUnavailable = QStringLiteral("Stintwatch log unavailable. Live state cannot be verified.");
 
 QString text(const std::string &bytes)
@@ -271,8 +273,9 @@ bool StintwatchMonitor::Reader::readStores(const QString &folder, const QString 
     }
 
     try {
-        const qint64 since
-            = std::min(TimeSummary::summaryStart(now, 1), TimeSummary::summaryStart(now, 2)).toMSecsSinceEpoch();
+        const qint64 since = std::min(TimeSummary::summaryStart(now, int(SummaryPeriod::Week)),
+            TimeSummary::summaryStart(now, int(SummaryPeriod::Month)))
+                                 .toMSecsSinceEpoch();
         const QString storeNow = statusText(historyPath) + u'|' + statusText(historyPath + QStringLiteral("-wal"))
             + u'|' + statusText(historyPath + QStringLiteral("-journal"));
         if (storeNow != readStore || since != readSince) {
@@ -368,7 +371,8 @@ StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
     // Each heartbeat names the activity it extends: the active one with that id that changed last (the first
     // in reading order on a tie). One pass builds the index, so a log full of heartbeats stays linear.
     std::unordered_map<int64_t, const tracker::Activity *> extended;
-    if (std::any_of(events.cbegin(), events.cend(), [](const LogReader::Entry &e) { return e.event.kind == 4; })) {
+    if (std::any_of(events.cbegin(), events.cend(),
+            [](const LogReader::Entry &e) { return tracker::eventKind(e.event) == kHeartbeat; })) {
         for (const tracker::Activity &activity : activities) {
             if (activity.active == 0)
                 continue;
@@ -388,7 +392,7 @@ StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
         };
         // Heartbeats carry neither project nor description of their own, and are never journaled; a log
         // full of them stays a small list of small records.
-        if (event.kind != 4) {
+        if (tracker::eventKind(event) != kHeartbeat) {
             record.insert(SessionKey::kProject, qint64(event.project));
             record.insert(SessionKey::kDescription, text(event.description));
         } else {
@@ -404,7 +408,8 @@ StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
     QByteArray journal;
     for (const QVariant &item : std::as_const(result.events)) {
         const QVariantMap event = item.toMap();
-        if (event.value(QStringLiteral("historical")).toBool() || event.value(QStringLiteral("kind")).toUInt() == 4)
+        if (event.value(QStringLiteral("historical")).toBool()
+            || tracker::EventKind(event.value(QStringLiteral("kind")).toInt()) == kHeartbeat)
             continue;
         journal += QJsonDocument(QJsonObject::fromVariantMap(event)).toJson(QJsonDocument::Compact) + '\n';
     }
@@ -686,15 +691,15 @@ void StintwatchMonitor::publish(const ScanResult &result)
     EventClock eventClock;
     for (const QVariant &item : result.events) {
         const QVariantMap event = item.toMap();
-        const uint kind = event.value(QStringLiteral("kind")).toUInt();
+        const auto kind = tracker::EventKind(event.value(QStringLiteral("kind")).toInt());
         const bool historical = event.value(QStringLiteral("historical")).toBool();
         const QString timestamp = event.value(QStringLiteral("timestamp")).toString();
-        if (kind == 3) {
+        if (kind == tracker::EventKind::DescriptionAdded) {
             if (historical)
                 m_liveObserved = false;
             m_currentDescription = event.value(SessionKey::kDescription).toString();
-        } else if (kind == 4) {
-            if (m_lastKind != 1)
+        } else if (kind == kHeartbeat) {
+            if (tracker::EventKind(m_lastKind) != tracker::EventKind::TrackingStarted)
                 continue;
             const qint64 atMs = eventClock.msecs(timestamp);
             if (atMs < 0 || std::abs(currentMs - atMs) >= kHeartbeatWindowMs)

@@ -11,6 +11,19 @@
 
 class SerialQueue;
 
+// The keys of the rate service's answer, as cached in the settings with the two the program adds.
+namespace RateAnswerKey
+{
+inline const QString kBase = QStringLiteral("base");
+inline const QString kQuote = QStringLiteral("quote");
+inline const QString kRate = QStringLiteral("rate");
+// The rate's publication date, "yyyy-MM-dd".
+inline const QString kDate = QStringLiteral("date");
+// Added: when the answer arrived (a QDateTime), and "ECB" or empty for a blended rate.
+inline const QString kChecked = QStringLiteral("checked");
+inline const QString kProvider = QStringLiteral("provider");
+} // namespace RateAnswerKey
+
 // Converts earnings into a second currency at the ECB's daily reference rate, as the rate service publishes
 // it. Fetches at most once a day, at most once an hour after a failure, and keeps the last good answer in the
 // settings under "ExchangeRate.<base>.<quote>" (the service's JSON object plus "checked", a QDateTime, and

@@ -18,6 +18,9 @@ using namespace jrinternal;
 namespace
 {
 
+// Jira keeps seconds; the draft's start has milliseconds. Starts this close are the same start.
+constexpr qint64 kSameStartMs = 1000;
+
 QVariantMap result(const QString &status, bool eligible, qint64 existing)
 {
     return QVariantMap {{DraftKey::kStatus, status}, {DraftKey::kEligible, eligible}, {DraftKey::kExisting, existing}};
@@ -102,7 +105,7 @@ QVariantMap JRCompare(const QVariantMap &draft, const QVariantList &worklogs, co
             hit = true;
             buildComments();
             // The last marked worklog decides.
-            const bool timesAgree = worklog.hasStart && std::llabs(worklog.startedMs - startMs) < 1000
+            const bool timesAgree = worklog.hasStart && std::llabs(worklog.startedMs - startMs) < kSameStartMs
                 && worklog.hasSpent && worklog.spent == postSeconds;
             const QString &text = worklog.text;
             if (byProperty)

@@ -19,6 +19,11 @@ namespace
 const QString &kIgnore = ExclusionKey::kIgnore;
 const QString &kManual = ExclusionKey::kManual;
 
+// A session shorter than a minute is short: ignored when the user asks for it, unless it is a fragment.
+constexpr qint64 kShortSessionMs = 60'000;
+// The longest session that is still a fragment: under one minute, so it rounds to nothing on its own.
+constexpr qint64 kLongestFragmentMs = kShortSessionMs - 1;
+
 struct Kept {
     QVariantMap session;
     QDateTime start;
@@ -97,8 +102,8 @@ QVariantList JRBuildDrafts(const QVariantList &sessions, const QDateTime &day)
         const qint64 d = saturatingSub(
             int64Value(session.value(SessionKey::kEndMs)), int64Value(session.value(SessionKey::kStartMs)));
         const bool fragment
-            = d >= 1 && d <= 59999 && !item.combineKey.isNull() && groupSizes.value(item.combineKey) > 1;
-        if (d < 60000 && ignoreShort && !fragment)
+            = d >= 1 && d <= kLongestFragmentMs && !item.combineKey.isNull() && groupSizes.value(item.combineKey) > 1;
+        if (d < kShortSessionMs && ignoreShort && !fragment)
             continue;
 
         // A fragment keeps its exact seconds so that its group's total is rounded once.

@@ -20,6 +20,10 @@ namespace
 constexpr qint64 kMax = std::numeric_limits<qint64>::max();
 constexpr qint64 kMin = std::numeric_limits<qint64>::min();
 
+// What a valid draft may post: a minute unless short sessions are kept, and never more than a day.
+constexpr qint64 kShortestWorklogSeconds = 60;
+constexpr qint64 kLongestWorklogSeconds = 86'400;
+
 qint64 fromDouble(double value)
 {
     if (std::isnan(value))
@@ -385,8 +389,8 @@ bool valid(const QVariantMap &draft, bool ignoreShort)
     if (!ok)
         return false;
     const bool fragment = isYes(draft.value(DraftKey::kFragment));
-    const qint64 lower = (fragment || !ignoreShort) ? 1 : 60;
-    if (seconds < lower || seconds > 86400)
+    const qint64 lower = (fragment || !ignoreShort) ? 1 : kShortestWorklogSeconds;
+    if (seconds < lower || seconds > kLongestWorklogSeconds)
         return false;
     qint64 startMs = 0;
     return parseJiraDate(draft.value(DraftKey::kStarted), startMs);

@@ -24,6 +24,10 @@ const QString kEnd = QStringLiteral("WorkdayEndMinutes");
 const QString kWeekends = QStringLiteral("WorkdayIncludesWeekends");
 const QString kReduceEstimate = QStringLiteral("ReduceEstimateOnPost");
 
+constexpr int kDefaultWorkdayStart = 9 * 60;
+constexpr int kDefaultWorkdayEnd = 17 * 60;
+constexpr int kMinutesPerDay = 24 * 60;
+
 // Preferences that default to YES are read only when a value is stored: no defaults are registered.
 bool boolDefaultYes(const QString &key)
 {
@@ -48,7 +52,7 @@ int workdayMinutes(const QString &key, int fallback)
         return fallback;
     const qint64 value = jrinternal::int64Value(settings.value(key));
     // Compared as unsigned on purpose: negative values fall back as well.
-    return quint64(value) < 1440 ? int(value) : fallback;
+    return quint64(value) < kMinutesPerDay ? int(value) : fallback;
 }
 
 } // namespace
@@ -112,11 +116,11 @@ void JRSetReduceEstimateOnPost(bool reduce)
 
 int JRWorkdayStartMinutes()
 {
-    return workdayMinutes(kStart, 540);
+    return workdayMinutes(kStart, kDefaultWorkdayStart);
 }
 int JRWorkdayEndMinutes()
 {
-    return workdayMinutes(kEnd, 1020);
+    return workdayMinutes(kEnd, kDefaultWorkdayEnd);
 }
 
 void JRSetWorkdayMinutes(int start, int end)

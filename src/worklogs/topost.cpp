@@ -143,8 +143,9 @@ void JRDayWindow(const QVariantList &rows, QDateTime &from, QDateTime &to)
         return;
     }
     // An hour of margin on both sides catches worklogs whose stored offset differs from the local one.
-    from = localDayStart(localDay(earliest)).addSecs(-3600);
-    to = localDayStart(localDay(latest).addDays(1)).addSecs(3600);
+    constexpr qint64 kMarginSeconds = 3600;
+    from = localDayStart(localDay(earliest)).addSecs(-kMarginSeconds);
+    to = localDayStart(localDay(latest).addDays(1)).addSecs(kMarginSeconds);
 }
 
 QStringList JRSourceKeysForRows(const QVariantList &rows)
