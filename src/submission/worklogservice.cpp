@@ -118,37 +118,68 @@ QString dayKey(const QVariantMap &row)
     return text(row, DraftKey::kIssue) + QLatin1Char('|') + QString::number(dayStart);
 }
 
-} // namespace
+// One check of drafts against Jira, as a list of steps over the state they share. Only `fetch` talks to Jira;
+// the steps before it decide what to fetch, the steps after it compare what came back.
+struct CheckRun {
+    struct Pending {
+        qsizetype index; // into `result`
+        QString marker;
+        QVariantMap receipt; // the receipt under the draft's own marker; empty = none
+    };
 
-WorklogService::WorklogService(JiraClient &client, const QString &directory)
-    : m_client(client)
-    , m_directory(directory)
-    , m_store(directory)
-{
-}
+    CheckRun(JiraClient &jira, const QString &site, const WorklogService::Progress &report)
+        : client(jira)
+        , cloud(site)
+        , progress(report)
+    {
+    }
 
-QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QString &cloud, const Progress &progress)
-{
-    Q_ASSERT(m_client.queue().isCurrent());
+    JiraClient &client;
+    const QString &cloud;
+    const WorklogService::Progress &progress;
+
+    QString account;
+    QVariantMap receipts;
+    // The drafts, each on the issue its receipt names.
+    QVariantList copies;
+    // The issues to fetch, each {"issue", "source_keys"}, and each one's source keys.
+    QVariantList queue;
+    QHash<QString, QVariantList> queueKeys;
+    // Draft index -> another issue whose worklogs may prove that an uncertain receipt's worklog exists.
+    QHash<qsizetype, QString> proofIssues;
+    QDateTime from;
+    QDateTime to;
+    // Issue -> the user's worklogs on it.
+    QHash<QString, QVariantList> fetched;
+    QSet<QString> unreachable;
+    QList<Pending> pending;
     QVariantList result;
+    // Pending receipts whose worklog Jira holds: marker -> Jira's id, and the records handed to the caller.
+    QHash<QString, QString> proven;
+    QVariantList found;
     qint64 completed = 0;
     qint64 total = 0;
     QString currentIssue;
     QVariantList currentKeys;
-    const auto event = [&](const char *state) {
+
+    QVariantMap event(const char *state) const
+    {
         return QVariantMap {{ProgressKey::kPhase, QStringLiteral("compare")},
             {ProgressKey::kState, QString::fromLatin1(state)}, {ProgressKey::kIssue, currentIssue},
             {ProgressKey::kSourceKeys, currentKeys}, {ProgressKey::kCompleted, completed},
             {ProgressKey::kTotal, total}};
-    };
+    }
 
-    try {
-        const QString account = text(m_client.identity(cloud), WorklogKey::kAccountId);
-        const QVariantMap receipts = m_store.receipts();
+    void readLedger(const ReceiptStore &store)
+    {
+        account = text(client.identity(cloud), WorklogKey::kAccountId);
+        receipts = store.receipts();
+    }
 
-        // A posted or pending worklog is always compared on the issue it was sent to, whatever the
-        // assignments say now.
-        QVariantList copies;
+    // A posted or pending worklog is always compared on the issue it was sent to, whatever the assignments
+    // say now.
+    void moveToReceiptIssues(const QVariantList &drafts)
+    {
         copies.reserve(drafts.size());
         for (const QVariant &item : drafts) {
             QVariantMap copy = item.toMap();
@@ -158,13 +189,20 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
                 copy.insert(DraftKey::kIssue, receiptIssue);
             copies.append(copy);
         }
+    }
 
-        QVariantList queue;
-        QHash<QString, QVariantList> queueKeys;
-        // A draft whose session a receipt of unknown outcome covers on another issue (the session moved since)
-        // also fetches that issue: finding the worklog there settles the receipt.
+    void enqueue(const QString &issue, const QVariantList &keys)
+    {
+        queueKeys.insert(issue, keys);
+        queue.append(QVariantMap {{ProgressKey::kIssue, issue}, {ProgressKey::kSourceKeys, keys}});
+    }
+
+    // The issues to fetch: every issue a comparable draft is on, and the issues that may prove an uncertain
+    // receipt. A draft whose session a receipt of unknown outcome covers on another issue (the session moved
+    // since) also fetches that issue: finding the worklog there settles the receipt.
+    void planFetches()
+    {
         const ReceiptCoverage ledgerCoverage(receipts, cloud);
-        QHash<qsizetype, QString> proofIssues;
         for (qsizetype index = 0; index < copies.size(); ++index) {
             const QVariantMap copy = copies.at(index).toMap();
             const QString issue = text(copy, DraftKey::kIssue);
@@ -176,9 +214,7 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
                 for (const QVariant &other : std::as_const(copies))
                     if (text(other.toMap(), DraftKey::kIssue) == issue)
                         rows.append(other);
-                const QVariantList keys = QVariant(JRSourceKeysForRows(rows)).toList();
-                queueKeys.insert(issue, keys);
-                queue.append(QVariantMap {{ProgressKey::kIssue, issue}, {ProgressKey::kSourceKeys, keys}});
+                enqueue(issue, QVariant(JRSourceKeysForRows(rows)).toList());
             }
             const QVariantMap covering = ledgerCoverage.blocking(copy);
             const QString sentTo = text(covering, ReceiptKey::kIssue);
@@ -186,128 +222,142 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
                 || !kIssueKey.match(sentTo).hasMatch())
                 continue;
             proofIssues.insert(index, sentTo);
-            if (!queueKeys.contains(sentTo)) {
-                const QVariantList keys = QVariant(JRSourceKeysForRows({copy})).toList();
-                queueKeys.insert(sentTo, keys);
-                queue.append(QVariantMap {{ProgressKey::kIssue, sentTo}, {ProgressKey::kSourceKeys, keys}});
-            }
+            if (!queueKeys.contains(sentTo))
+                enqueue(sentTo, QVariant(JRSourceKeysForRows({copy})).toList());
         }
         total = queue.size();
-
-        QDateTime from;
-        QDateTime to;
         JRDayWindow(copies, from, to);
+    }
 
+    void announce() const
+    {
         QVariantMap start = event("start");
         start.remove(ProgressKey::kIssue);
         start.remove(ProgressKey::kSourceKeys);
         start.insert(ProgressKey::kItems, queue);
         notify(progress, start);
+    }
 
-        IssueAssignments assignments(m_directory);
-        QHash<QString, QVariantList> fetched;
-        struct Pending {
-            qsizetype index;
-            QString marker;
-            QVariantMap receipt;
+    void fetch(const QString &issue)
+    {
+        currentIssue = issue;
+        currentKeys = queueKeys.value(issue);
+        notify(progress, event("active"));
+        const auto pageProgress = [&](qint64 page, qint64 pages) {
+            QVariantMap pageEvent = event("page");
+            pageEvent.insert(ProgressKey::kPage, page);
+            pageEvent.insert(ProgressKey::kPages, pages);
+            notify(progress, pageEvent);
         };
-        QList<Pending> pending;
-        QSet<QString> unreachable;
-        const auto fetch = [&](const QString &issue) {
-            currentIssue = issue;
-            currentKeys = queueKeys.value(issue);
-            notify(progress, event("active"));
-            const auto pageProgress = [&](qint64 page, qint64 pages) {
-                QVariantMap pageEvent = event("page");
-                pageEvent.insert(ProgressKey::kPage, page);
-                pageEvent.insert(ProgressKey::kPages, pages);
-                notify(progress, pageEvent);
-            };
-            fetched.insert(issue, ownWorklogs(m_client.worklogs(issue, cloud, from, to, pageProgress), account));
+        fetched.insert(issue, ownWorklogs(client.worklogs(issue, cloud, from, to, pageProgress), account));
+        ++completed;
+        notify(progress, event("complete"));
+    }
+
+    // Only a proof is looked for there: an issue deleted or closed to the user since leaves the receipt
+    // uncertain instead of failing the whole check.
+    void fetchProof(const QString &issue)
+    {
+        if (issue.isEmpty() || fetched.contains(issue) || unreachable.contains(issue))
+            return;
+        try {
+            fetch(issue);
+        } catch (const NamedFailure &) {
+            unreachable.insert(issue);
             ++completed;
             notify(progress, event("complete"));
-        };
+        }
+    }
+
+    // The exclusion as the assignments hold it now. A manual match silences a draft only when nothing remains
+    // to post; any remainder stays available.
+    static void resolveExclusion(QVariantMap &copy, const IssueAssignments &assignments, const QString &cloud)
+    {
+        if (!copy.contains(DraftKey::kSession))
+            return;
+        const QVariantMap resolved = assignments.resolve(copy.value(DraftKey::kSession).toMap(), cloud);
+        QVariantMap exclusion = resolved.value(SessionKey::kJiraExclusion).toMap();
+        const QString kind = text(exclusion, ExclusionKey::kKind);
+        if (kind != ExclusionKey::kIgnore && copy.contains(DraftKey::kRemainingSeconds) && !nothingRemains(copy))
+            exclusion.clear();
+        copy.insert(DraftKey::kJiraExclusion, exclusion);
+        if (text(exclusion, ExclusionKey::kKind) == ExclusionKey::kManual)
+            copy.insert(DraftKey::kManualWorklogId, text(exclusion, ExclusionKey::kWorklogId));
+    }
+
+    // Fills in the outcome of a draft that is never compared (excluded, still running, nothing left to post);
+    // false for a draft that is.
+    static bool settledWithoutJira(QVariantMap &copy)
+    {
+        const QVariantMap exclusion = copy.value(DraftKey::kJiraExclusion).toMap();
+        if (!exclusion.isEmpty()) {
+            copy.insert(DraftKey::kStatus, JRExclusionStatus(exclusion));
+            copy.insert(DraftKey::kEligible, false);
+            return true;
+        }
+        if (copy.value(DraftKey::kSourceRunning).toBool()) {
+            copy.insert(DraftKey::kEligible, false);
+            return true;
+        }
+        if (nothingRemains(copy)) {
+            copy.insert(DraftKey::kStatus, QStringLiteral("Complete"));
+            copy.insert(DraftKey::kEligible, false);
+            copy.insert(DraftKey::kExisting, 0);
+            copy.insert(DraftKey::kManualMatches, QVariantList {});
+            return true;
+        }
+        return false;
+    }
+
+    // A draft sent before is compared as it was sent: issue, start, seconds and comment from the receipt.
+    static void applyReceipt(QVariantMap &copy, const QVariantMap &receipt)
+    {
+        const QVariant receiptIssue = receipt.value(ReceiptKey::kIssue);
+        if (isText(receiptIssue) && !receiptIssue.toString().isEmpty())
+            copy.insert(DraftKey::kIssue, receiptIssue);
+        if (receipt.contains(ReceiptKey::kPayload)) {
+            const QVariantMap payload = receipt.value(ReceiptKey::kPayload).toMap();
+            if (payload.contains(WorklogKey::kStarted))
+                copy.insert(DraftKey::kStarted, payload.value(WorklogKey::kStarted));
+            if (payload.contains(WorklogKey::kTimeSpentSeconds))
+                copy.insert(DraftKey::kPostSeconds, payload.value(WorklogKey::kTimeSpentSeconds));
+            copy.insert(DraftKey::kComment, commentWithoutTag(payload.value(WorklogKey::kComment)));
+        }
+        copy.insert(DraftKey::kAssignment, QStringLiteral("Submission recorded"));
+    }
+
+    // Settles what needs no Jira, fetches each issue a comparable draft needs, and queues that draft for
+    // comparison.
+    void fetchForDrafts(const IssueAssignments &assignments)
+    {
         for (qsizetype index = 0; index < copies.size(); ++index) {
             QVariantMap copy = copies.at(index).toMap();
             copy.insert(DraftKey::kInclude, false);
-
-            if (copy.contains(DraftKey::kSession)) {
-                const QVariantMap resolved = assignments.resolve(copy.value(DraftKey::kSession).toMap(), cloud);
-                QVariantMap exclusion = resolved.value(DraftKey::kJiraExclusion).toMap();
-                // A manual match silences a draft only when nothing remains to post; any remainder stays
-                // available.
-                const QString kind = text(exclusion, ExclusionKey::kKind);
-                if (kind != ExclusionKey::kIgnore && copy.contains(DraftKey::kRemainingSeconds)
-                    && !nothingRemains(copy))
-                    exclusion.clear();
-                copy.insert(DraftKey::kJiraExclusion, exclusion);
-                if (text(exclusion, ExclusionKey::kKind) == ExclusionKey::kManual)
-                    copy.insert(DraftKey::kManualWorklogId, text(exclusion, ExclusionKey::kWorklogId));
-            }
-
-            const QVariantMap exclusion = copy.value(DraftKey::kJiraExclusion).toMap();
-            if (!exclusion.isEmpty()) {
-                copy.insert(DraftKey::kStatus, JRExclusionStatus(exclusion));
-                copy.insert(DraftKey::kEligible, false);
+            resolveExclusion(copy, assignments, cloud);
+            if (settledWithoutJira(copy)) {
                 result.append(copy);
                 continue;
             }
-            if (copy.value(DraftKey::kSourceRunning).toBool()) {
-                copy.insert(DraftKey::kEligible, false);
-                result.append(copy);
-                continue;
-            }
-            if (nothingRemains(copy)) {
-                copy.insert(DraftKey::kStatus, QStringLiteral("Complete"));
-                copy.insert(DraftKey::kEligible, false);
-                copy.insert(DraftKey::kExisting, 0);
-                copy.insert(DraftKey::kManualMatches, QVariantList {});
-                result.append(copy);
-                continue;
-            }
-
             const QString marker = JRMarker(copy, cloud, account);
             const QVariantMap receipt = receiptUnder(receipts, marker);
-            if (!receipt.isEmpty()) {
-                const QVariant receiptIssue = receipt.value(ReceiptKey::kIssue);
-                if (isText(receiptIssue) && !receiptIssue.toString().isEmpty())
-                    copy.insert(DraftKey::kIssue, receiptIssue);
-                if (receipt.contains(ReceiptKey::kPayload)) {
-                    const QVariantMap payload = receipt.value(ReceiptKey::kPayload).toMap();
-                    if (payload.contains(DraftKey::kStarted))
-                        copy.insert(DraftKey::kStarted, payload.value(DraftKey::kStarted));
-                    if (payload.contains(WorklogKey::kTimeSpentSeconds))
-                        copy.insert(DraftKey::kPostSeconds, payload.value(WorklogKey::kTimeSpentSeconds));
-                    copy.insert(DraftKey::kComment, commentWithoutTag(payload.value(DraftKey::kComment)));
-                }
-                copy.insert(DraftKey::kAssignment, QStringLiteral("Submission recorded"));
-            }
+            if (!receipt.isEmpty())
+                applyReceipt(copy, receipt);
 
             const QString issue = text(copy, DraftKey::kIssue);
             if (JRValid(copy) && !fetched.contains(issue))
                 fetch(issue);
-            const QString proofIssue = proofIssues.value(index);
-            if (!proofIssue.isEmpty() && !fetched.contains(proofIssue) && !unreachable.contains(proofIssue)) {
-                // Only a proof is looked for there: an issue deleted or closed to the user since leaves the
-                // receipt uncertain instead of failing the whole check.
-                try {
-                    fetch(proofIssue);
-                } catch (const NamedFailure &) {
-                    unreachable.insert(proofIssue);
-                    ++completed;
-                    notify(progress, event("complete"));
-                }
-            }
+            fetchProof(proofIssues.value(index));
 
             copy.insert(DraftKey::kMarker, marker);
             pending.append({result.size(), marker, receipt});
             result.append(copy);
         }
+    }
 
-        // A worklog that carries the marker of a receipt still "pending" proves that Jira created it: the
-        // receipt counts as posted from now on, and the next post run records it so (see settle()).
-        QHash<QString, QString> proven;
-        QVariantList found;
+    // A worklog that carries the marker of a receipt still "pending" proves that Jira created it: the receipt
+    // counts as posted from now on, and the next post run records it so (see WorklogService::settle).
+    void findProofs()
+    {
         for (auto it = fetched.constBegin(); it != fetched.constEnd(); ++it) {
             for (const QVariant &item : it.value()) {
                 const QVariantMap worklog = item.toMap();
@@ -322,61 +372,114 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
                     || !isText(id) || id.toString().isEmpty() || proven.contains(marker))
                     continue;
                 proven.insert(marker, id.toString());
-                found.append(QVariantMap {{DraftKey::kMarker, marker}, {ReceiptKey::kId, id},
+                found.append(QVariantMap {{ReceiptKey::kMarker, marker}, {ReceiptKey::kId, id},
                     {ReceiptKey::kIssue, it.key()}, {ReceiptKey::kCloud, cloud}, {ReceiptKey::kAccount, account}});
             }
         }
-        for (const QVariant &item : std::as_const(found))
-            m_found.insert(item.toMap().value(WorklogKey::kMarker).toString(), item.toMap());
-        const ReceiptCoverage coverage(receipts, cloud, proven);
+    }
 
-        // The comparisons cannot fail, so they run after the fetches, issue by issue: the engine prepares an
-        // issue's worklogs once for consecutive comparisons against the same list.
-        std::stable_sort(pending.begin(), pending.end(), [&result](const Pending &left, const Pending &right) {
+    // Under another marker (another group, issue or logged time) the same sessions may already be in Jira, or
+    // may be any moment: such a draft shows the receipt's state and is never eligible.
+    static QVariantMap coveringReceipt(QVariantMap &copy, const ReceiptCoverage &coverage)
+    {
+        QVariantMap receipt = coverage.blocking(copy);
+        if (receipt.isEmpty() && callerSaysUncertain(copy))
+            receipt = {{ReceiptKey::kState, ReceiptKey::kPending}};
+        if (!receipt.isEmpty()) {
+            copy.insert(DraftKey::kJiraReceiptState,
+                text(receipt, ReceiptKey::kState) == ReceiptKey::kPosted ? ReceiptKey::kPosted : ReceiptKey::kPending);
+            copy.insert(DraftKey::kAssignment, QStringLiteral("Submission recorded"));
+        }
+        return receipt;
+    }
+
+    void compareOne(const Pending &entry, const ReceiptCoverage &coverage)
+    {
+        QVariantMap copy = result.at(entry.index).toMap();
+        const QVariantList worklogs = fetched.value(text(copy, DraftKey::kIssue));
+        const QVariantMap receipt = entry.receipt.isEmpty() ? coveringReceipt(copy, coverage) : entry.receipt;
+        const QVariantMap comparison = JRCompare(copy, worklogs, account, entry.marker, receipt);
+        for (auto it = comparison.constBegin(); it != comparison.constEnd(); ++it)
+            copy.insert(it.key(), it.value());
+        const bool eligible = copy.value(ComparisonKey::kEligible).toBool();
+        const QVariantList matches = eligible ? JRManualMatches(copy, worklogs, account) : QVariantList {};
+        copy.insert(DraftKey::kManualMatches, matches);
+        if (!matches.isEmpty())
+            copy.insert(DraftKey::kStatus, QStringLiteral("Possible manual worklog — confirm match or review"));
+        copy.insert(DraftKey::kInclude, eligible);
+        result[entry.index] = copy;
+    }
+
+    // The comparisons cannot fail, so they run after the fetches, issue by issue: the engine prepares an
+    // issue's worklogs once for consecutive comparisons against the same list.
+    void compareAll()
+    {
+        const ReceiptCoverage coverage(receipts, cloud, proven);
+        std::stable_sort(pending.begin(), pending.end(), [this](const Pending &left, const Pending &right) {
             return text(result.at(left.index).toMap(), DraftKey::kIssue)
                 < text(result.at(right.index).toMap(), DraftKey::kIssue);
         });
-        for (const Pending &entry : std::as_const(pending)) {
-            QVariantMap copy = result.at(entry.index).toMap();
-            const QVariantList worklogs = fetched.value(text(copy, DraftKey::kIssue));
-            // Under another marker (another group, issue or logged time) the same sessions may already be in
-            // Jira, or may be any moment: such a draft shows the receipt's state and is never eligible.
-            QVariantMap receipt = entry.receipt;
-            if (receipt.isEmpty()) {
-                receipt = coverage.blocking(copy);
-                if (receipt.isEmpty() && callerSaysUncertain(copy))
-                    receipt = {{ReceiptKey::kState, ReceiptKey::kPending}};
-                if (!receipt.isEmpty()) {
-                    copy.insert(DraftKey::kJiraReceiptState,
-                        text(receipt, ReceiptKey::kState) == ReceiptKey::kPosted ? ReceiptKey::kPosted
-                                                                                 : ReceiptKey::kPending);
-                    copy.insert(DraftKey::kAssignment, QStringLiteral("Submission recorded"));
-                }
-            }
-            const QVariantMap comparison = JRCompare(copy, worklogs, account, entry.marker, receipt);
-            for (auto it = comparison.constBegin(); it != comparison.constEnd(); ++it)
-                copy.insert(it.key(), it.value());
-            const bool eligible = copy.value(DraftKey::kEligible).toBool();
-            const QVariantList matches = eligible ? JRManualMatches(copy, worklogs, account) : QVariantList {};
-            copy.insert(DraftKey::kManualMatches, matches);
-            if (!matches.isEmpty())
-                copy.insert(DraftKey::kStatus, QStringLiteral("Possible manual worklog — confirm match or review"));
-            copy.insert(DraftKey::kInclude, eligible);
-            result[entry.index] = copy;
-        }
+        for (const Pending &entry : std::as_const(pending))
+            compareOne(entry, coverage);
+    }
 
-        recordCompletion(DiagnosticEvent::kJiraCompareCompleted, result.size(), false);
-        return {{CheckKey::kDrafts, result}, {ReceiptKey::kAccount, account}, {CheckKey::kReceiptsFound, found}};
+    QVariantMap answer() const
+    {
+        return {{CheckKey::kDrafts, result}, {CheckKey::kAccount, account}, {CheckKey::kReceiptsFound, found}};
+    }
+};
+
+// The failure a service call reports: a named failure as it stands (with `general` when it has no sentence),
+// anything else (a system error) as a "JiraError" with the general sentence.
+NamedFailure asNamedFailure(const std::exception &caught, const QString &general)
+{
+    const auto *named = dynamic_cast<const NamedFailure *>(&caught);
+    if (!named)
+        return NamedFailure(QStringLiteral("JiraError"), general);
+    return named->reason().isEmpty() ? NamedFailure(named->name(), general) : *named;
+}
+
+} // namespace
+
+WorklogService::WorklogService(JiraClient &client, const QString &directory)
+    : m_client(client)
+    , m_directory(directory)
+    , m_store(directory)
+{
+}
+
+QVariantMap WorklogService::checkDrafts(const QVariantList &drafts, const QString &cloud, const Progress &progress)
+{
+    Q_ASSERT(m_client.queue().isCurrent());
+    CheckRun run(m_client, cloud, progress);
+    try {
+        run.readLedger(m_store);
+        run.moveToReceiptIssues(drafts);
+        run.planFetches();
+        run.announce();
+        run.fetchForDrafts(IssueAssignments(m_directory));
+        run.findProofs();
+        run.compareAll();
     } catch (const std::exception &caught) {
-        // Named failures carry the sentence for the user; anything else (a system error) gets the general one.
-        const auto *named = dynamic_cast<const NamedFailure *>(&caught);
-        const QString reason
-            = named && !named->reason().isEmpty() ? named->reason() : QStringLiteral("Checking Jira failed.");
-        QVariantMap failed = event("failed");
-        failed.insert(ProgressKey::kError, reason);
+        const NamedFailure failure = asNamedFailure(caught, QStringLiteral("Checking Jira failed."));
+        QVariantMap failed = run.event("failed");
+        failed.insert(ProgressKey::kError, failure.reason());
         notify(progress, failed);
-        recordCompletion(DiagnosticEvent::kJiraCompareCompleted, result.size(), true);
-        return {{ProgressKey::kError, reason}};
+        recordCompletion(DiagnosticEvent::kJiraCompareCompleted, run.result.size(), true);
+        throw failure;
+    }
+    for (const QVariant &item : std::as_const(run.found))
+        m_found.insert(item.toMap().value(ReceiptKey::kMarker).toString(), item.toMap());
+    recordCompletion(DiagnosticEvent::kJiraCompareCompleted, run.result.size(), false);
+    return run.answer();
+}
+
+QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QString &cloud, const Progress &progress)
+{
+    try {
+        return checkDrafts(drafts, cloud, progress);
+    } catch (const NamedFailure &failure) {
+        return {{CheckKey::kError, failure.reason()}};
     }
 }
 
@@ -404,15 +507,14 @@ QVariantList WorklogService::postDrafts(const QVariantList &drafts, const QStrin
         recordCompletion(DiagnosticEvent::kJiraPostCompleted, completed, false);
         return posted;
     } catch (const std::exception &caught) {
-        const auto *named = dynamic_cast<const NamedFailure *>(&caught);
+        const NamedFailure failure = asNamedFailure(caught, QStringLiteral("Posting failed."));
         notify(progress,
             {{ProgressKey::kPhase, QStringLiteral("post")}, {ProgressKey::kState, QStringLiteral("failed")},
                 {ProgressKey::kIssue, issue}, {ProgressKey::kSourceKeys, sourceKeys},
                 {ProgressKey::kCompleted, completed}, {ProgressKey::kTotal, qint64(drafts.size())},
-                {ProgressKey::kError,
-                    named && !named->reason().isEmpty() ? named->reason() : QStringLiteral("Posting failed.")}});
+                {ProgressKey::kError, failure.reason()}});
         recordCompletion(DiagnosticEvent::kJiraPostCompleted, completed, true);
-        throw;
+        throw failure;
     }
 }
 
@@ -440,6 +542,88 @@ bool WorklogService::settle(QVariantMap &receipts, const QString &cloud, const Q
     return changed;
 }
 
+namespace
+{
+
+// Exclusions as they are now, not as they were when the rows were built: an exclusion or a manual match added
+// after the check must stop the post.
+void refuseExcluded(const QVariantList &rows, const IssueAssignments &assignments, const QString &cloud)
+{
+    for (const QVariant &item : rows) {
+        const QVariantMap row = item.toMap();
+        QVariantList sessions {row.value(DraftKey::kSession)};
+        sessions += row.value(DraftKey::kSourceSessions).toList();
+        bool excluded = text(row.value(DraftKey::kJiraExclusion).toMap(), ExclusionKey::kKind) == ExclusionKey::kIgnore;
+        for (const QVariant &value : std::as_const(sessions)) {
+            const QVariantMap session = value.toMap();
+            if (session.isEmpty())
+                continue;
+            const QVariantMap built = session.value(SessionKey::kJiraExclusion).toMap();
+            const QVariantMap now = assignments.resolve(session, cloud).value(SessionKey::kJiraExclusion).toMap();
+            const QString kind = text(now, ExclusionKey::kKind);
+            excluded = excluded || text(built, ExclusionKey::kKind) == ExclusionKey::kIgnore
+                || kind == ExclusionKey::kIgnore || (kind == ExclusionKey::kManual && now != built);
+        }
+        if (excluded)
+            throw failure("Excluded", "This session is excluded from Jira. Check Jira again.");
+    }
+}
+
+// The marker of each row, refusing the run when any row may already be in Jira. Any receipt, posted or left
+// pending by an earlier run, means the worklog may already be in Jira. The same marker twice in one run would
+// post one worklog twice. Under another marker, the receipts' coverage still knows every session that is, or
+// may be, in Jira.
+QStringList markersOrRefuse(
+    const QVariantList &rows, const QVariantMap &receipts, const QString &cloud, const QString &account)
+{
+    QStringList markers;
+    QSet<QString> seen;
+    ReceiptCoverage coverage(receipts, cloud);
+    for (const QVariant &item : rows) {
+        const QVariantMap row = item.toMap();
+        const QString marker = JRMarker(row, cloud, account);
+        if (receipts.contains(marker) || seen.contains(marker) || callerSaysUncertain(row)
+            || !coverage.blocking(row).isEmpty())
+            throw failure("Duplicate",
+                "A session in this worklog is already posted or has an uncertain submission. Check Jira again.");
+        coverage.add(row);
+        seen.insert(marker);
+        markers.append(marker);
+    }
+    return markers;
+}
+
+// Re-check immediately before the POST: Jira must still hold what the user saw, plus `postedToday`, what this
+// run has posted to the same issue and day.
+void recheck(JiraClient &client, const QVariantMap &row, const QString &marker, const QString &cloud,
+    const QString &account, qint64 postedToday)
+{
+    QDateTime from;
+    QDateTime to;
+    JRDayWindow({row}, from, to);
+    const QVariantMap fresh
+        = JRCompare(row, client.worklogs(text(row, DraftKey::kIssue), cloud, from, to, {}), account, marker, {});
+    if (!fresh.value(ComparisonKey::kEligible).toBool())
+        throw failure("Duplicate", "An entry is already posted or has an uncertain submission. Check Jira again.");
+    const qint64 expected = row.value(DraftKey::kExisting).toLongLong() + postedToday;
+    if (fresh.value(ComparisonKey::kExisting).toLongLong() != expected)
+        throw failure("Changed", "Jira time changed since the last check. Check Jira again.");
+}
+
+} // namespace
+
+QVariantMap WorklogService::openLedger(const QString &cloud, const QString &account, qint64 generation)
+{
+    if (text(m_client.identity(cloud), WorklogKey::kAccountId) != account)
+        throw failure("AccountChanged", "Jira account changed. Check Jira again.");
+    QVariantMap receipts = m_store.receipts();
+    // The user disconnected or reconnected since the check: what they approved no longer applies.
+    if (m_client.generation() != generation)
+        throw failure("ConnectionChanged", "Jira connection changed. Check Jira again.");
+    settle(receipts, cloud, account);
+    return receipts;
+}
+
 QVariantList WorklogService::postRows(const QVariantList &rows, const QString &cloud, const QString &account,
     qint64 generation, Estimate estimate, const Progress &report, qint64 &completed, QString &issue,
     QStringList &sourceKeys)
@@ -451,56 +635,9 @@ QVariantList WorklogService::postRows(const QVariantList &rows, const QString &c
             {ProgressKey::kSourceKeys, sourceKeys}, {ProgressKey::kCompleted, completed}, {ProgressKey::kTotal, total}};
     };
 
-    if (text(m_client.identity(cloud), WorklogKey::kAccountId) != account)
-        throw failure("AccountChanged", "Jira account changed. Check Jira again.");
-
-    QVariantMap receipts = m_store.receipts();
-
-    // The user disconnected or reconnected since the check: what they approved no longer applies.
-    if (m_client.generation() != generation)
-        throw failure("ConnectionChanged", "Jira connection changed. Check Jira again.");
-
-    settle(receipts, cloud, account);
-
-    // Exclusions as they are now, not as they were when the rows were built: an exclusion or a manual match
-    // added after the check must stop the post.
-    IssueAssignments assignments(m_directory);
-    for (const QVariant &item : rows) {
-        const QVariantMap row = item.toMap();
-        QVariantList sessions {row.value(DraftKey::kSession)};
-        sessions += row.value(DraftKey::kSourceSessions).toList();
-        bool excluded = text(row.value(DraftKey::kJiraExclusion).toMap(), ExclusionKey::kKind) == ExclusionKey::kIgnore;
-        for (const QVariant &value : std::as_const(sessions)) {
-            const QVariantMap session = value.toMap();
-            if (session.isEmpty())
-                continue;
-            const QVariantMap built = session.value(DraftKey::kJiraExclusion).toMap();
-            const QVariantMap now = assignments.resolve(session, cloud).value(DraftKey::kJiraExclusion).toMap();
-            const QString kind = text(now, ExclusionKey::kKind);
-            excluded = excluded || text(built, ExclusionKey::kKind) == ExclusionKey::kIgnore
-                || kind == ExclusionKey::kIgnore || (kind == ExclusionKey::kManual && now != built);
-        }
-        if (excluded)
-            throw failure("Excluded", "This session is excluded from Jira. Check Jira again.");
-    }
-
-    QStringList markers;
-    QSet<QString> seen;
-    ReceiptCoverage coverage(receipts, cloud);
-    for (const QVariant &item : rows) {
-        const QVariantMap row = item.toMap();
-        const QString marker = JRMarker(row, cloud, account);
-        // Any receipt, posted or left pending by an earlier run, means the worklog may already be in Jira. The
-        // same marker twice in one run would post one worklog twice. Under another marker, the receipts'
-        // coverage still knows every session that is, or may be, in Jira.
-        if (receipts.contains(marker) || seen.contains(marker) || callerSaysUncertain(row)
-            || !coverage.blocking(row).isEmpty())
-            throw failure("Duplicate",
-                "A session in this worklog is already posted or has an uncertain submission. Check Jira again.");
-        coverage.add(row);
-        seen.insert(marker);
-        markers.append(marker);
-    }
+    QVariantMap receipts = openLedger(cloud, account, generation);
+    refuseExcluded(rows, IssueAssignments(m_directory), cloud);
+    const QStringList markers = markersOrRefuse(rows, receipts, cloud, account);
 
     const QString mode = estimate == Estimate::Reduce ? QStringLiteral("auto") : QStringLiteral("leave");
     QHash<QString, qint64> postedPerDay;
@@ -510,25 +647,14 @@ QVariantList WorklogService::postRows(const QVariantList &rows, const QString &c
         const QString &marker = markers.at(index);
         issue = text(row, DraftKey::kIssue);
         sourceKeys = JRSourceKeysForRows({row});
-
-        // Re-check immediately before the POST: Jira must still hold what the user saw, plus what this run
-        // has posted to the same issue and day.
-        QDateTime from;
-        QDateTime to;
-        JRDayWindow({row}, from, to);
-        const QVariantMap fresh = JRCompare(row, m_client.worklogs(issue, cloud, from, to, {}), account, marker, {});
-        if (!fresh.value(ComparisonKey::kEligible).toBool())
-            throw failure("Duplicate", "An entry is already posted or has an uncertain submission. Check Jira again.");
         const QString day = dayKey(row);
-        const qint64 expected = row.value(DraftKey::kExisting).toLongLong() + postedPerDay.value(day);
-        if (fresh.value(ComparisonKey::kExisting).toLongLong() != expected)
-            throw failure("Changed", "Jira time changed since the last check. Check Jira again.");
+        recheck(m_client, row, marker, cloud, account, postedPerDay.value(day));
 
         const QVariantMap payload = JRPayload(row, marker);
         QVariantMap receipt {
             {ReceiptKey::kState, ReceiptKey::kPending},
             {ReceiptKey::kIssue, issue},
-            {DraftKey::kSourceKey, text(row, DraftKey::kSourceKey)},
+            {ReceiptKey::kSourceKey, text(row, DraftKey::kSourceKey)},
             {ReceiptKey::kCoverage, JRCoverage(row)},
             {ReceiptKey::kCloud, cloud},
             {ReceiptKey::kPayload, payload},
