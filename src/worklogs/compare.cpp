@@ -4,10 +4,12 @@
 #include "records/receipt.h"
 #include "records/worklog.h"
 #include "worklogs/drafts.h"
+#include "worklogs/durations.h"
 #include "worklogs/engineinternal.h"
 #include "worklogs/marker.h"
 #include "worklogs/preferences.h"
 #include "worklogs/preparedworklogs.h"
+#include "worklogs/text.h"
 
 #include <QSet>
 

@@ -4,8 +4,10 @@
 #include "records/exclusion.h"
 #include "records/receipt.h"
 #include "records/session.h"
+#include "worklogs/durations.h"
 #include "worklogs/engineinternal.h"
 #include "worklogs/preferences.h"
+#include "worklogs/text.h"
 
 #include <QHash>
 

@@ -3,8 +3,10 @@
 #include "records/draft.h"
 #include "records/session.h"
 #include "records/worklog.h"
+#include "worklogs/durations.h"
 #include "worklogs/engineinternal.h"
 #include "worklogs/preferences.h"
+#include "worklogs/text.h"
 
 #include <QVariantList>
 

@@ -1,9 +1,11 @@
 #include "worklogs/preparedworklogs.h"
 
 #include "records/worklog.h"
+#include "worklogs/durations.h"
 #include "worklogs/engineinternal.h"
 #include "worklogs/marker.h"
 #include "worklogs/preferences.h"
+#include "worklogs/text.h"
 
 namespace jrinternal
 {

@@ -2,8 +2,10 @@
 
 #include "records/draft.h"
 #include "records/session.h"
+#include "worklogs/durations.h"
 #include "worklogs/engineinternal.h"
 #include "worklogs/preferences.h"
+#include "worklogs/text.h"
 
 #include <QHash>
 #include <QSet>
