@@ -1,5 +1,7 @@
 #include "diagnostics/diagnosticlog.h"
 
+#include "platform/clock.h"
+
 #include <QCoreApplication>
 #include <QDateTime>
 #include <QDir>
@@ -124,16 +126,10 @@ bool isUtf8(const QByteArray &bytes)
     return !decoder.hasError();
 }
 
-double systemNow()
-{
-    return double(QDateTime::currentMSecsSinceEpoch()) / 1000.0;
-}
-
 } // namespace
 
 DiagnosticLog::DiagnosticLog(const QString &directory)
     : m_directory(directory)
-    , m_clock(systemNow)
 {
 }
 
@@ -195,10 +191,10 @@ QString DiagnosticLog::path(int index) const
     return QDir(m_directory).filePath(QStringLiteral("diagnostics-%1.jsonl").arg(index));
 }
 
-void DiagnosticLog::setClock(std::function<double()> clock)
+void DiagnosticLog::setClock(const Clock *clock)
 {
     QMutexLocker locker(&logLock());
-    m_clock = clock ? std::move(clock) : std::function<double()>(systemNow);
+    m_clock = clock;
 }
 
 void DiagnosticLog::record(const QString &name, const QVariantMap &values)
@@ -218,7 +214,7 @@ void DiagnosticLog::recordLocked(const QString &name, const QVariantMap &values)
     QVariantMap event = safeEvent(name, values);
     if (event.isEmpty())
         return;
-    event.insert(DiagnosticKey::kTime, m_clock());
+    event.insert(DiagnosticKey::kTime, double((m_clock ? *m_clock : Clock::shared()).wallMs()) / 1000.0);
     const QByteArray json = QJsonDocument(QJsonObject::fromVariantMap(event)).toJson(QJsonDocument::Compact);
     if (json.isEmpty())
         return;

@@ -3,7 +3,7 @@
 #include <QString>
 #include <QVariantMap>
 
-#include <functional>
+class Clock;
 
 // The names a diagnostic record may have, and the values it may carry; anything else is dropped.
 // When you add one, also add it to `allowedEvents` or `allowedKeys` in diagnosticlog.cpp.
@@ -57,12 +57,13 @@ public:
     // Deletes files 0, 1 and 2; stops at the first one that exists and cannot be removed.
     bool deleteLogs(QString *error);
 
-    // Replaces the clock that stamps records (seconds since 1970). Tests fix it so record lengths are known.
-    void setClock(std::function<double()> clock);
+    // The clock whose wall time stamps records (not owned; nullptr, the default, means Clock::shared()). Tests
+    // fix it so record lengths are known.
+    void setClock(const Clock *clock);
 
 private:
     void recordLocked(const QString &name, const QVariantMap &values);
 
     QString m_directory;
-    std::function<double()> m_clock;
+    const Clock *m_clock = nullptr;
 };

@@ -1,5 +1,6 @@
 #include "submission/comparisoncache.h"
 
+#include "platform/clock.h"
 #include "records/comparison.h"
 #include "records/draft.h"
 #include "worklogs/compare.h"
@@ -45,8 +46,9 @@ double checkedAt(const QVariantMap &entry)
 
 } // namespace
 
-ComparisonCache::ComparisonCache(const QString &directory)
+ComparisonCache::ComparisonCache(const QString &directory, const Clock *clock)
     : m_directory(directory)
+    , m_clock(clock)
 {
 }
 
@@ -86,8 +88,19 @@ void ComparisonCache::write(const QVariantMap &entries) const
     QFile::setPermissions(path(), privateFile);
 }
 
+void ComparisonCache::saveDrafts(const QVariantList &drafts, const QString &cloud, const QString &account) const
+{
+    save(drafts, cloud, account, (m_clock ? *m_clock : Clock::shared()).wallNow());
+}
+
 void ComparisonCache::saveDrafts(
     const QVariantList &drafts, const QString &cloud, const QString &account, const QDateTime &now)
+{
+    save(drafts, cloud, account, now);
+}
+
+void ComparisonCache::save(
+    const QVariantList &drafts, const QString &cloud, const QString &account, const QDateTime &now) const
 {
     if (cloud.isEmpty() || account.isEmpty())
         return;
@@ -131,6 +144,12 @@ void ComparisonCache::saveDrafts(
         } while (removed < all.size() - kMaximumEntries);
     }
     write(all);
+}
+
+void ComparisonCache::applyToDrafts(
+    QVariantList &drafts, const QString &cloud, const QString &account, double freshness) const
+{
+    applyToDrafts(drafts, cloud, account, (m_clock ? *m_clock : Clock::shared()).wallNow(), freshness);
 }
 
 void ComparisonCache::applyToDrafts(

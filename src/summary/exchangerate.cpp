@@ -1,5 +1,7 @@
 #include "summary/exchangerate.h"
 
+#include "platform/clock.h"
+
 #include "jira/httptransport.h"
 #include "jira/jsonvalue.h"
 #include "platform/appidentity.h"
@@ -88,9 +90,9 @@ ExchangeRate &ExchangeRate::shared()
     return *instance;
 }
 
-ExchangeRate::ExchangeRate(Clock clock, QObject *parent)
+ExchangeRate::ExchangeRate(const Clock *clock, QObject *parent)
     : QObject(parent)
-    , m_clock(std::move(clock))
+    , m_clock(clock)
     , m_queue(std::make_unique<SerialQueue>(QStringLiteral(HOURLOOM_APP_ID ".rates")))
 {
 }
@@ -104,7 +106,7 @@ QString ExchangeRate::cacheKey(const QString &base, const QString &quote)
 
 QDateTime ExchangeRate::now() const
 {
-    return m_clock ? m_clock() : QDateTime::currentDateTimeUtc();
+    return (m_clock ? *m_clock : Clock::shared()).wallNow().toUTC();
 }
 
 void ExchangeRate::refresh(bool force)
@@ -212,7 +214,7 @@ bool ExchangeRate::validResponse(const QVariant &answer, const QString &base, co
         return false;
     // No lower bound on the age: a rate from before a long holiday is still the latest reference rate.
     const QDateTime start(date, QTime(0, 0), QTimeZone::utc());
-    return QDateTime::currentDateTimeUtc().secsTo(start) < kDaySeconds;
+    return Clock::shared().wallNow().toUTC().secsTo(start) < kDaySeconds;
 }
 
 QString ExchangeRate::conversionForSeconds(double seconds) const
