@@ -1,7 +1,9 @@
 #include "app/statusrules.h"
 
 #include "source/logparser.h"
+#include "worklogs/durations.h"
 #include "worklogs/preferences.h"
+#include "worklogs/text.h"
 
 #include <algorithm>
 

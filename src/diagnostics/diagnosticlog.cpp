@@ -1,5 +1,7 @@
 #include "diagnostics/diagnosticlog.h"
 
+#include "platform/clock.h"
+
 #include <QCoreApplication>
 #include <QDateTime>
 #include <QDir>
@@ -30,17 +32,16 @@ const QString kSettingKey = QStringLiteral("SaveDiagnosticLogs");
 
 const QStringList &allowedEvents()
 {
-    static const QStringList names {QStringLiteral("app_started"), QStringLiteral("network_completed"),
-        QStringLiteral("network_failed"), QStringLiteral("jira_operation_failed"),
-        QStringLiteral("tracking_unavailable"), QStringLiteral("tracking_recovered"),
-        QStringLiteral("jira_compare_completed"), QStringLiteral("jira_post_completed")};
+    using namespace DiagnosticEvent;
+    static const QStringList names {kAppStarted, kNetworkCompleted, kNetworkFailed, kJiraOperationFailed,
+        kTrackingUnavailable, kTrackingRecovered, kJiraCompareCompleted, kJiraPostCompleted};
     return names;
 }
 
 const QStringList &allowedKeys()
 {
-    static const QStringList keys {QStringLiteral("duration_ms"), QStringLiteral("http_status"),
-        QStringLiteral("error_code"), QStringLiteral("count"), QStringLiteral("failed")};
+    using namespace DiagnosticKey;
+    static const QStringList keys {kDurationMs, kHttpStatus, kErrorCode, kCount, kFailed};
     return keys;
 }
 
@@ -125,16 +126,10 @@ bool isUtf8(const QByteArray &bytes)
     return !decoder.hasError();
 }
 
-double systemNow()
-{
-    return double(QDateTime::currentMSecsSinceEpoch()) / 1000.0;
-}
-
 } // namespace
 
 DiagnosticLog::DiagnosticLog(const QString &directory)
     : m_directory(directory)
-    , m_clock(systemNow)
 {
 }
 
@@ -143,7 +138,7 @@ QVariantMap DiagnosticLog::safeEvent(const QString &name, const QVariantMap &val
     if (!allowedEvents().contains(name))
         return {};
     QVariantMap record;
-    record.insert(QStringLiteral("event"), name);
+    record.insert(DiagnosticKey::kEvent, name);
     for (const QString &key : allowedKeys()) {
         const auto it = values.constFind(key);
         if (it == values.constEnd() || !isNumber(*it))
@@ -196,10 +191,10 @@ QString DiagnosticLog::path(int index) const
     return QDir(m_directory).filePath(QStringLiteral("diagnostics-%1.jsonl").arg(index));
 }
 
-void DiagnosticLog::setClock(std::function<double()> clock)
+void DiagnosticLog::setClock(const Clock *clock)
 {
     QMutexLocker locker(&logLock());
-    m_clock = clock ? std::move(clock) : std::function<double()>(systemNow);
+    m_clock = clock;
 }
 
 void DiagnosticLog::record(const QString &name, const QVariantMap &values)
@@ -219,7 +214,7 @@ void DiagnosticLog::recordLocked(const QString &name, const QVariantMap &values)
     QVariantMap event = safeEvent(name, values);
     if (event.isEmpty())
         return;
-    event.insert(QStringLiteral("time"), m_clock());
+    event.insert(DiagnosticKey::kTime, double((m_clock ? *m_clock : Clock::shared()).wallMs()) / 1000.0);
     const QByteArray json = QJsonDocument(QJsonObject::fromVariantMap(event)).toJson(QJsonDocument::Compact);
     if (json.isEmpty())
         return;
@@ -293,16 +288,16 @@ QString DiagnosticLog::report()
             if (error.error != QJsonParseError::NoError || !document.isObject())
                 continue;
             const QJsonObject object = document.object();
-            const QJsonValue name = object.value(QStringLiteral("event"));
+            const QJsonValue name = object.value(DiagnosticKey::kEvent);
             if (!name.isString())
                 continue;
             // Filtering again keeps a hand-edited file from smuggling other keys or texts into the report.
             QVariantMap event = safeEvent(name.toString(), object.toVariantMap());
             if (event.isEmpty())
                 continue;
-            const QJsonValue time = object.value(QStringLiteral("time"));
+            const QJsonValue time = object.value(DiagnosticKey::kTime);
             if (time.isDouble())
-                event.insert(QStringLiteral("time"), time.toVariant());
+                event.insert(DiagnosticKey::kTime, time.toVariant());
             const QByteArray json = QJsonDocument(QJsonObject::fromVariantMap(event)).toJson(QJsonDocument::Compact);
             text += QString::fromUtf8(json) + QLatin1Char('\n');
         }

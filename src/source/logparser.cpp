@@ -84,7 +84,7 @@ private:
 };
 
 struct EventPattern {
-    int kind;
+    EventKind kind;
     std::string_view phrase; // what must follow "[Info] " for the pattern to have any chance
     const char *pattern;
 };
@@ -92,11 +92,13 @@ struct EventPattern {
 constexpr std::string_view kInfo = "[Info] ";
 
 constexpr std::array<EventPattern, 4> kEventPatterns {{
-    {1, "Tracking started (project id: ", R"re(^\[([^\]]+)\].*\[Info\] Tracking started \(project id: ([0-9]+)\))re"},
-    {2, "Tracking stopped (project id: ", R"re(^\[([^\]]+)\].*\[Info\] Tracking stopped \(project id: ([0-9]+)\))re"},
-    {3, "Adding activity description \"",
+    {EventKind::TrackingStarted,
+        "Tracking started (project id: ", R"re(^\[([^\]]+)\].*\[Info\] Tracking started \(project id: ([0-9]+)\))re"},
+    {EventKind::TrackingStopped,
+        "Tracking stopped (project id: ", R"re(^\[([^\]]+)\].*\[Info\] Tracking stopped \(project id: ([0-9]+)\))re"},
+    {EventKind::DescriptionAdded, "Adding activity description \"",
         R"re(^\[([^\]]+)\].*\[Info\] Adding activity description "(.*)" for project ([0-9]+) to storage)re"},
-    {4, "Service timeout, updating activity end time (id: ",
+    {EventKind::ServiceHeartbeat, "Service timeout, updating activity end time (id: ",
         R"re(^\[([^\]]+)\].*\[Info\] Service timeout, updating activity end time \(id: ([0-9]+)\))re"},
 }};
 
@@ -131,7 +133,7 @@ unsigned candidateKinds(std::string_view line)
         const std::string_view rest = line.substr(at + kInfo.size());
         for (const EventPattern &p : kEventPatterns) {
             if (rest.starts_with(p.phrase))
-                kinds |= 1u << (p.kind - 1);
+                kinds |= 1u << (int(p.kind) - 1);
         }
     }
     return kinds;
@@ -149,19 +151,21 @@ Event parseEvent(const std::string &line)
     for (size_t i = 0; i < kEventPatterns.size(); ++i) {
         if (!(kinds & (1u << i)) || !eventPattern(i).search(line, groups))
             continue;
-        event.kind = kEventPatterns[i].kind;
+        event.kind = int(kEventPatterns[i].kind);
         event.timestamp.assign(groups[1]);
-        switch (event.kind) {
-        case 1:
-        case 2:
+        switch (kEventPatterns[i].kind) {
+        case EventKind::TrackingStarted:
+        case EventKind::TrackingStopped:
             event.project = number(groups[2]);
             break;
-        case 3:
+        case EventKind::DescriptionAdded:
             event.description.assign(groups[2]);
             event.project = number(groups[3]);
             break;
-        case 4:
+        case EventKind::ServiceHeartbeat:
             event.activity = number(groups[2]);
+            break;
+        case EventKind::None:
             break;
         }
         return event;

@@ -6,6 +6,7 @@
 #include "platform/processlookup.h"
 #include "platform/serialqueue.h"
 #include "platform/wakenotifier.h"
+#include "records/session.h"
 #include "source/history.h"
 #include "source/logparser.h"
 #include "source/logreader.h"
@@ -45,6 +46,19 @@ constexpr int kTickMs = 15'000;
 constexpr qint64 kTickToleranceMs = 1'000;
 constexpr qint64 kStartWindowMs = 60'000;
 constexpr qint64 kHeartbeatWindowMs = 90'000;
+
+constexpr tracker::EventKind kHeartbeat = tracker::EventKind::ServiceHeartbeat;
+
+// The keys of a line of the event journal ("events.jsonl"), one line per live event that is not a heartbeat.
+namespace JournalKey
+{
+const QString kKind = QStringLiteral("kind");
+const QString kTimestamp = QStringLiteral("timestamp");
+const QString kActivity = QStringLiteral("activity");
+const QString kHistorical = QStringLiteral("historical");
+const QString kProject = QStringLiteral("project");
+const QString kDescription = QStringLiteral("description");
+} // namespace JournalKey
 
 const QString kLogUnavailable = QStringLiteral("Stintwatch log unavailable. Live state cannot be verified.");
 
@@ -88,19 +102,19 @@ QVariantMap sessionRecord(const tracker::Activity &activity)
 {
     const std::string issue = tracker::issue(activity.description);
     return {
-        {QStringLiteral("date"),
+        {SessionKey::kDate,
             QLocale::c().toString(
                 QDateTime::fromMSecsSinceEpoch(activity.start_ms), QStringLiteral("MMM d, HH:mm:ss"))},
-        {QStringLiteral("issue"), issue.empty() ? QStringLiteral("Unassigned") : QString::fromStdString(issue)},
-        {QStringLiteral("description"), text(activity.description)},
-        {QStringLiteral("duration"), durationText(activity.start_ms, activity.end_ms)},
-        {QStringLiteral("start_ms"), qint64(activity.start_ms)},
-        {QStringLiteral("end_ms"), qint64(activity.end_ms)},
-        {QStringLiteral("local_id"), qint64(activity.id)},
-        {QStringLiteral("api_id"), qint64(activity.api_id)},
-        {QStringLiteral("project"), qint64(activity.project)},
-        {QStringLiteral("source_seconds"), qint64(activity.seconds)},
-        {QStringLiteral("source_account"), text(activity.source)},
+        {SessionKey::kIssue, issue.empty() ? SessionKey::kUnassigned : QString::fromStdString(issue)},
+        {SessionKey::kDescription, text(activity.description)},
+        {SessionKey::kDuration, durationText(activity.start_ms, activity.end_ms)},
+        {SessionKey::kStartMs, qint64(activity.start_ms)},
+        {SessionKey::kEndMs, qint64(activity.end_ms)},
+        {SessionKey::kLocalId, qint64(activity.id)},
+        {SessionKey::kApiId, qint64(activity.api_id)},
+        {SessionKey::kProject, qint64(activity.project)},
+        {SessionKey::kSourceSeconds, qint64(activity.seconds)},
+        {SessionKey::kSourceAccount, text(activity.source)},
     };
 }
 
@@ -112,6 +126,11 @@ quint64 digest(const tracker::Activity &a)
         h = (h ^ quint64(value)) * 0x9E3779B97F4A7C15ULL ^ (h >> 29);
     return h;
 }
+
+} // namespace
+
+namespace monitordetail
+{
 
 // The instant of a log timestamp in ms since 1970, or -1 when it does not parse. Heartbeats come by the
 // thousand within one hour of text: the local time of the hour's start is worked out once and the minutes,
@@ -151,7 +170,26 @@ private:
     qint64 m_base = 0;
 };
 
-} // namespace
+// One event of the tracker's log as the live state needs it.
+struct LiveEvent {
+    tracker::EventKind kind = tracker::EventKind::None;
+    QString timestamp;
+    qint64 activity = 0;
+    bool historical = false; // read from the log as it was before the monitor started
+    // Started, stopped, description added: the event's project and description.
+    qint64 project = 0;
+    QString description;
+    // A heartbeat: the activity it extends, when the tracker's database has it.
+    bool extendsKnownActivity = false;
+    qint64 activityStartMs = 0;
+    qint64 activityProject = 0;
+    QString activityDescription;
+};
+
+} // namespace monitordetail
+
+using monitordetail::EventClock;
+using monitordetail::LiveEvent;
 
 // Everything the scan body owns; touched only on the monitor's queue.
 struct StintwatchMonitor::Reader {
@@ -175,6 +213,9 @@ struct StintwatchMonitor::Reader {
     ScanResult scan(const QString &folder, const QString &store, bool full, const QDateTime &now);
     bool readStores(const QString &folder, const QString &historyPath, bool full, const QDateTime &now,
         ScanResult &result, std::vector<tracker::Activity> &activities, int &damage);
+    bool importTrackerDatabase(const QString &folder, const QString &historyPath, const QMap<QString, QString> &prints,
+        ScanResult &result, std::vector<tracker::Activity> &activities);
+    bool readHistory(const QString &historyPath, const QDateTime &now, ScanResult &result);
     QString setAside(const QString &historyPath, const QDateTime &now);
     void readLog(const QString &folder, ScanResult &result, std::vector<LogReader::Entry> &events);
 };
@@ -183,7 +224,7 @@ struct StintwatchMonitor::ScanResult {
     QString error;
     int malformedLines = 0; // log lines skipped because they could not be understood
     int storeDamage = 0; // SQLite's code for the damaged store that this scan set aside
-    QVariantList events;
+    std::vector<LiveEvent> events;
     QVariantList rows;
     QVariantList summaryRows;
     bool hasSummary = false;
@@ -224,7 +265,21 @@ bool StintwatchMonitor::Reader::readStores(const QString &folder, const QString 
         indexed = false;
     }
 
-    if (full || prints != fingerprints) {
+    if (full || prints != fingerprints)
+        storeFailed = !importTrackerDatabase(folder, historyPath, prints, result, activities);
+
+    storeFailed = !readHistory(historyPath, now, result) || storeFailed;
+    damage = storeFailed ? tracker::damage(QFile::encodeName(historyPath).toStdString()) : 0;
+    return !storeFailed;
+}
+
+// Copies the tracker's changed activities into the store. False when the store failed; a tracker database that
+// cannot be read only sets the error.
+bool StintwatchMonitor::Reader::importTrackerDatabase(const QString &folder, const QString &historyPath,
+    const QMap<QString, QString> &prints, ScanResult &result, std::vector<tracker::Activity> &activities)
+{
+    bool storeFailed = false;
+    {
         bool sourceRead = false;
         try {
             ++sourceReads;
@@ -268,10 +323,17 @@ bool StintwatchMonitor::Reader::readStores(const QString &folder, const QString 
                                .arg(QString::fromUtf8(failure.what()));
         }
     }
+    return !storeFailed;
+}
 
+// Reads the rows and the summary from the store, reusing the last read while neither the store nor the period
+// moved. False when the store failed.
+bool StintwatchMonitor::Reader::readHistory(const QString &historyPath, const QDateTime &now, ScanResult &result)
+{
     try {
-        const qint64 since
-            = std::min(TimeSummary::summaryStart(now, 1), TimeSummary::summaryStart(now, 2)).toMSecsSinceEpoch();
+        const qint64 since = std::min(TimeSummary::summaryStart(now, int(SummaryPeriod::Week)),
+            TimeSummary::summaryStart(now, int(SummaryPeriod::Month)))
+                                 .toMSecsSinceEpoch();
         const QString storeNow = statusText(historyPath) + u'|' + statusText(historyPath + QStringLiteral("-wal"))
             + u'|' + statusText(historyPath + QStringLiteral("-journal"));
         if (storeNow != readStore || since != readSince) {
@@ -284,8 +346,8 @@ bool StintwatchMonitor::Reader::readStores(const QString &folder, const QString 
                 rows.append(sessionRecord(activity));
             QVariantList summary;
             for (const auto &[project, start, end] : tracker::summaryHistory(path, since)) {
-                summary.append(QVariantMap {{QStringLiteral("project"), qint64(project)},
-                    {QStringLiteral("start_ms"), qint64(start)}, {QStringLiteral("end_ms"), qint64(end)}});
+                summary.append(QVariantMap {{SessionKey::kProject, qint64(project)},
+                    {SessionKey::kStartMs, qint64(start)}, {SessionKey::kEndMs, qint64(end)}});
             }
             readRows = rows;
             readSummary = summary;
@@ -296,14 +358,12 @@ bool StintwatchMonitor::Reader::readStores(const QString &folder, const QString 
         result.summaryRows = readSummary;
         result.hasSummary = true;
     } catch (const std::exception &failure) {
-        storeFailed = true;
         readStore.clear();
         result.error = retainedError(QString::fromUtf8(failure.what()));
         result.rows.clear();
+        return false;
     }
-
-    damage = storeFailed ? tracker::damage(QFile::encodeName(historyPath).toStdString()) : 0;
-    return !storeFailed;
+    return true;
 }
 
 // Moves the damaged store and its journal files to "history.db.damaged-<date>" (numbered when that day's
@@ -331,6 +391,80 @@ QString StintwatchMonitor::Reader::setAside(const QString &historyPath, const QD
     readStore.clear();
     return aside;
 }
+
+namespace
+{
+
+// The log's events for the live state. Each heartbeat names the activity it extends: the active one with that
+// id that changed last (the first in reading order on a tie). One pass builds the index, so a log full of
+// heartbeats stays linear.
+std::vector<LiveEvent> liveEvents(
+    const std::vector<LogReader::Entry> &entries, const std::vector<tracker::Activity> &activities)
+{
+    std::unordered_map<int64_t, const tracker::Activity *> extended;
+    if (std::any_of(entries.cbegin(), entries.cend(),
+            [](const LogReader::Entry &e) { return tracker::eventKind(e.event) == kHeartbeat; })) {
+        for (const tracker::Activity &activity : activities) {
+            if (activity.active == 0)
+                continue;
+            auto [slot, inserted] = extended.try_emplace(activity.id, &activity);
+            if (!inserted && activity.changed_ms > slot->second->changed_ms)
+                slot->second = &activity;
+        }
+    }
+    std::vector<LiveEvent> events;
+    events.reserve(entries.size());
+    for (const LogReader::Entry &entry : entries) {
+        const tracker::Event &event = entry.event;
+        LiveEvent live;
+        live.kind = tracker::eventKind(event);
+        live.timestamp = text(event.timestamp);
+        live.activity = qint64(event.activity);
+        live.historical = entry.historical;
+        // Heartbeats carry neither project nor description of their own.
+        if (live.kind != kHeartbeat) {
+            live.project = qint64(event.project);
+            live.description = text(event.description);
+        } else if (const auto found = extended.find(event.activity); found != extended.end()) {
+            live.extendsKnownActivity = true;
+            live.activityStartMs = qint64(found->second->start_ms);
+            live.activityProject = qint64(found->second->project);
+            live.activityDescription = text(found->second->description);
+        }
+        events.push_back(std::move(live));
+    }
+    return events;
+}
+
+// Appends the scan's new events, heartbeats aside, to the store's event journal.
+void appendJournal(const QString &store, const std::vector<LiveEvent> &events)
+{
+    QByteArray journal;
+    for (const LiveEvent &event : events) {
+        if (event.historical || event.kind == kHeartbeat)
+            continue;
+        const QVariantMap line {
+            {JournalKey::kKind, uint(event.kind)},
+            {JournalKey::kTimestamp, event.timestamp},
+            {JournalKey::kActivity, event.activity},
+            {JournalKey::kHistorical, event.historical},
+            {JournalKey::kProject, event.project},
+            {JournalKey::kDescription, event.description},
+        };
+        journal += QJsonDocument(QJsonObject::fromVariantMap(line)).toJson(QJsonDocument::Compact) + '\n';
+    }
+    if (journal.isEmpty())
+        return;
+    const QByteArray path = QFile::encodeName(store + QStringLiteral("/events.jsonl"));
+    const int fd = ::open(path.constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    if (fd >= 0) {
+        // One write per scan keeps lines of concurrent writers whole.
+        [[maybe_unused]] const ssize_t written = ::write(fd, journal.constData(), size_t(journal.size()));
+        ::close(fd);
+    }
+}
+
+} // namespace
 
 StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
     const QString &folder, const QString &store, bool full, const QDateTime &now)
@@ -364,58 +498,8 @@ StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
         }
     }
 
-    // Each heartbeat names the activity it extends: the active one with that id that changed last (the first
-    // in reading order on a tie). One pass builds the index, so a log full of heartbeats stays linear.
-    std::unordered_map<int64_t, const tracker::Activity *> extended;
-    if (std::any_of(events.cbegin(), events.cend(), [](const LogReader::Entry &e) { return e.event.kind == 4; })) {
-        for (const tracker::Activity &activity : activities) {
-            if (activity.active == 0)
-                continue;
-            auto [slot, inserted] = extended.try_emplace(activity.id, &activity);
-            if (!inserted && activity.changed_ms > slot->second->changed_ms)
-                slot->second = &activity;
-        }
-    }
-    result.events.reserve(qsizetype(events.size()));
-    for (const LogReader::Entry &entry : events) {
-        const tracker::Event &event = entry.event;
-        QVariantMap record {
-            {QStringLiteral("kind"), uint(event.kind)},
-            {QStringLiteral("timestamp"), text(event.timestamp)},
-            {QStringLiteral("activity"), qint64(event.activity)},
-            {QStringLiteral("historical"), entry.historical},
-        };
-        // Heartbeats carry neither project nor description of their own, and are never journaled; a log
-        // full of them stays a small list of small records.
-        if (event.kind != 4) {
-            record.insert(QStringLiteral("project"), qint64(event.project));
-            record.insert(QStringLiteral("description"), text(event.description));
-        } else {
-            if (const auto found = extended.find(event.activity); found != extended.end()) {
-                record.insert(QStringLiteral("activity_start_ms"), qint64(found->second->start_ms));
-                record.insert(QStringLiteral("activity_project"), qint64(found->second->project));
-                record.insert(QStringLiteral("activity_description"), text(found->second->description));
-            }
-        }
-        result.events.append(std::move(record));
-    }
-
-    QByteArray journal;
-    for (const QVariant &item : std::as_const(result.events)) {
-        const QVariantMap event = item.toMap();
-        if (event.value(QStringLiteral("historical")).toBool() || event.value(QStringLiteral("kind")).toUInt() == 4)
-            continue;
-        journal += QJsonDocument(QJsonObject::fromVariantMap(event)).toJson(QJsonDocument::Compact) + '\n';
-    }
-    if (!journal.isEmpty()) {
-        const QByteArray path = QFile::encodeName(store + QStringLiteral("/events.jsonl"));
-        const int fd = ::open(path.constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
-        if (fd >= 0) {
-            // One write per scan keeps lines of concurrent writers whole.
-            [[maybe_unused]] const ssize_t written = ::write(fd, journal.constData(), size_t(journal.size()));
-            ::close(fd);
-        }
-    }
+    result.events = liveEvents(events, activities);
+    appendJournal(store, result.events);
     return result;
 }
 
@@ -659,6 +743,40 @@ void StintwatchMonitor::scan(bool full)
     });
 }
 
+void StintwatchMonitor::applyEvent(const LiveEvent &event, qint64 currentMs, EventClock &eventClock)
+{
+    if (event.kind == tracker::EventKind::DescriptionAdded) {
+        if (event.historical)
+            m_liveObserved = false;
+        m_currentDescription = event.description;
+        return;
+    }
+    if (event.kind == kHeartbeat) {
+        if (tracker::EventKind(m_lastKind) != tracker::EventKind::TrackingStarted)
+            return;
+        const qint64 atMs = eventClock.msecs(event.timestamp);
+        if (atMs < 0 || std::abs(currentMs - atMs) >= kHeartbeatWindowMs)
+            return;
+        // Old heartbeats still tie the state to their activity but prove nothing about now.
+        if (!event.historical)
+            m_liveObserved = true;
+        if (event.extendsKnownActivity && event.activityStartMs <= atMs) {
+            if (!m_start.isValid() || m_start.toMSecsSinceEpoch() != event.activityStartMs)
+                m_start = QDateTime::fromMSecsSinceEpoch(event.activityStartMs);
+            m_project = event.activityProject;
+            if (!event.activityDescription.isEmpty())
+                m_currentDescription = event.activityDescription;
+        }
+        return;
+    }
+    m_lastKind = int(event.kind);
+    m_project = event.project;
+    m_lastTimestamp = event.timestamp;
+    m_start = HLEventDate(event.timestamp);
+    m_liveObserved
+        = !event.historical && m_start.isValid() && std::abs(currentMs - m_start.toMSecsSinceEpoch()) < kStartWindowMs;
+}
+
 void StintwatchMonitor::publish(const ScanResult &result)
 {
     m_busy = false;
@@ -670,12 +788,12 @@ void StintwatchMonitor::publish(const ScanResult &result)
     // Skipped log lines are counted even while another problem is already shown; their content never is.
     QVariantMap values;
     if (result.malformedLines > 0)
-        values.insert(QStringLiteral("count"), result.malformedLines);
+        values.insert(DiagnosticKey::kCount, result.malformedLines);
     if (result.storeDamage != 0)
-        values.insert(QStringLiteral("error_code"), result.storeDamage);
+        values.insert(DiagnosticKey::kErrorCode, result.storeDamage);
     if (m_error.isEmpty() != result.error.isEmpty() || !values.isEmpty())
         DiagnosticLog::shared().record(
-            result.error.isEmpty() ? QStringLiteral("tracking_recovered") : QStringLiteral("tracking_unavailable"),
+            result.error.isEmpty() ? DiagnosticEvent::kTrackingRecovered : DiagnosticEvent::kTrackingUnavailable,
             values);
     m_error = result.error;
     if (result.hasSummary)
@@ -683,49 +801,13 @@ void StintwatchMonitor::publish(const ScanResult &result)
 
     const qint64 currentMs = now().toMSecsSinceEpoch();
     EventClock eventClock;
-    for (const QVariant &item : result.events) {
-        const QVariantMap event = item.toMap();
-        const uint kind = event.value(QStringLiteral("kind")).toUInt();
-        const bool historical = event.value(QStringLiteral("historical")).toBool();
-        const QString timestamp = event.value(QStringLiteral("timestamp")).toString();
-        if (kind == 3) {
-            if (historical)
-                m_liveObserved = false;
-            m_currentDescription = event.value(QStringLiteral("description")).toString();
-        } else if (kind == 4) {
-            if (m_lastKind != 1)
-                continue;
-            const qint64 atMs = eventClock.msecs(timestamp);
-            if (atMs < 0 || std::abs(currentMs - atMs) >= kHeartbeatWindowMs)
-                continue;
-            // Old heartbeats still tie the state to their activity but prove nothing about now.
-            if (!historical)
-                m_liveObserved = true;
-            if (event.contains(QStringLiteral("activity_start_ms"))) {
-                const qint64 startMs = event.value(QStringLiteral("activity_start_ms")).toLongLong();
-                if (startMs <= atMs) {
-                    if (!m_start.isValid() || m_start.toMSecsSinceEpoch() != startMs)
-                        m_start = QDateTime::fromMSecsSinceEpoch(startMs);
-                    m_project = event.value(QStringLiteral("activity_project")).toLongLong();
-                    const QString description = event.value(QStringLiteral("activity_description")).toString();
-                    if (!description.isEmpty())
-                        m_currentDescription = description;
-                }
-            }
-        } else {
-            m_lastKind = int(kind);
-            m_project = event.value(QStringLiteral("project")).toLongLong();
-            m_lastTimestamp = timestamp;
-            m_start = HLEventDate(timestamp);
-            m_liveObserved = !historical && m_start.isValid()
-                && std::abs(currentMs - m_start.toMSecsSinceEpoch()) < kStartWindowMs;
-        }
-    }
+    for (const LiveEvent &event : result.events)
+        applyEvent(event, currentMs, eventClock);
 
     if (result.error.isEmpty() || !result.rows.isEmpty())
         m_rows = result.rows;
     if (m_currentDescription.isEmpty() && !m_rows.isEmpty())
-        m_currentDescription = m_rows.first().toMap().value(QStringLiteral("description")).toString();
+        m_currentDescription = m_rows.first().toMap().value(SessionKey::kDescription).toString();
 
     ++m_scanCount;
     notifyChange();

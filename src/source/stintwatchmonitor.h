@@ -19,6 +19,12 @@ class QTimer;
 class SerialQueue;
 class WakeNotifier;
 
+namespace monitordetail
+{
+class EventClock;
+struct LiveEvent;
+} // namespace monitordetail
+
 // Watches the tracker's folder and keeps the session list (always shown from the retained history), the
 // period-summary rows and the live tracking state inferred from the tracker's log up to date. All file and
 // database work runs on one serial background queue; every published field changes on the main thread only,
@@ -89,6 +95,7 @@ private:
     void scheduleScan();
     void watchedPathChanged(const QString &path);
     void publish(const ScanResult &result);
+    void applyEvent(const monitordetail::LiveEvent &event, qint64 currentMs, monitordetail::EventClock &eventClock);
     bool checkTrackerProcess(); // false only when the tracker is known not to run
     QDateTime now() const;
     const Clock &clock() const;

@@ -1,6 +1,7 @@
 #include "source/taskswitchobserver.h"
 
 #include "platform/clock.h"
+#include "records/session.h"
 
 #include <algorithm>
 #include <cmath>
@@ -11,6 +12,8 @@ namespace
 constexpr qint64 kSettleMs = 2000;
 constexpr qint64 kStaleMs = 60000;
 constexpr qsizetype kOfferedCap = 1001;
+// The tracker's interval and its session record start within a second of each other.
+constexpr double kSameStartMs = 1000.0;
 
 qint64 integer(const QVariantMap &record, const QString &key)
 {
@@ -26,10 +29,10 @@ TaskSwitchObserver::TaskSwitchObserver(const Clock *clock)
 
 QString TaskSwitchObserver::identity(const QVariantMap &session)
 {
-    return session.value(QStringLiteral("source_account")).toString() + u'|'
-        + QString::number(integer(session, QStringLiteral("project"))) + u'|'
-        + QString::number(integer(session, QStringLiteral("local_id"))) + u'|'
-        + QString::number(integer(session, QStringLiteral("start_ms")));
+    return session.value(SessionKey::kSourceAccount).toString() + u'|'
+        + QString::number(integer(session, SessionKey::kProject)) + u'|'
+        + QString::number(integer(session, SessionKey::kLocalId)) + u'|'
+        + QString::number(integer(session, SessionKey::kStartMs));
 }
 
 void TaskSwitchObserver::reset()
@@ -51,6 +54,33 @@ QDateTime TaskSwitchObserver::settlesAt() const
     return clock.wallNow().addMSecs(left);
 }
 
+namespace
+{
+
+// The session record of the interval the tracker is running now; empty when the sessions do not have it yet.
+QVariantMap runningRecord(const QVariantList &sessions, const QString &issue, double started, qint64 project)
+{
+    for (const QVariant &item : sessions) {
+        const QVariantMap record = item.toMap();
+        if (record.value(SessionKey::kIssue).toString() == issue && integer(record, SessionKey::kProject) == project
+            && std::fabs(double(integer(record, SessionKey::kStartMs)) - started) < kSameStartMs)
+            return record;
+    }
+    return {};
+}
+
+QVariantMap recordWithIdentity(const QVariantList &sessions, const QString &wanted)
+{
+    for (const QVariant &item : sessions) {
+        const QVariantMap record = item.toMap();
+        if (TaskSwitchObserver::identity(record) == wanted)
+            return record;
+    }
+    return {};
+}
+
+} // namespace
+
 QVariantMap TaskSwitchObserver::observe(const QVariantList &sessions, bool active, bool live, const QString &issue,
     double started, qint64 project, const QDateTime &now)
 {
@@ -59,32 +89,8 @@ QVariantMap TaskSwitchObserver::observe(const QVariantList &sessions, bool activ
         reset();
         return {};
     }
-
-    QVariantMap current;
-    if (active) {
-        for (const QVariant &item : sessions) {
-            const QVariantMap record = item.toMap();
-            if (record.value(QStringLiteral("issue")).toString() == issue
-                && integer(record, QStringLiteral("project")) == project
-                && std::fabs(double(integer(record, QStringLiteral("start_ms"))) - started) < 1000.0) {
-                current = record;
-                break;
-            }
-        }
-    }
-
-    // An active observation without a matching record still compares issues.
-    if (m_wasActive && (!active || issue != m_issue)) {
-        m_pending = m_previous;
-        m_changed = now;
-        m_changedMonotonic = monotonic;
-    }
-
-    m_wasActive = active;
-    m_issue = issue;
-    m_previous = current;
-    m_settling.clear();
-
+    const QVariantMap current = active ? runningRecord(sessions, issue, started, project) : QVariantMap();
+    noteSwitch(active, issue, current, now, monotonic);
     if (m_pending.isEmpty())
         return {};
 
@@ -93,40 +99,52 @@ QVariantMap TaskSwitchObserver::observe(const QVariantList &sessions, bool activ
         m_pending.clear();
         return {};
     }
-
     const QString pendingIdentity = identity(m_pending);
     if (!current.isEmpty() && identity(current) == pendingIdentity)
         return {};
-
-    QVariantMap finished;
-    for (const QVariant &item : sessions) {
-        const QVariantMap record = item.toMap();
-        if (identity(record) == pendingIdentity) {
-            finished = record;
-            break;
-        }
-    }
+    const QVariantMap finished = recordWithIdentity(sessions, pendingIdentity);
     if (finished.isEmpty())
         return {};
-
-    if (finished.value(QStringLiteral("issue")).toString() != m_pending.value(QStringLiteral("issue")).toString()) {
+    if (finished.value(SessionKey::kIssue).toString() != m_pending.value(SessionKey::kIssue).toString()) {
         m_pending.clear();
         return {};
     }
-
-    const qint64 endMs = integer(finished, QStringLiteral("end_ms"));
-    if (endMs <= integer(finished, QStringLiteral("start_ms")))
+    if (!endedAtSwitch(finished))
         return {};
+    return offer(finished, pendingIdentity, sinceChange);
+}
+
+void TaskSwitchObserver::noteSwitch(
+    bool active, const QString &issue, const QVariantMap &current, const QDateTime &now, qint64 monotonic)
+{
+    // An active observation without a matching record still compares issues.
+    if (m_wasActive && (!active || issue != m_issue)) {
+        m_pending = m_previous;
+        m_changed = now;
+        m_changedMonotonic = monotonic;
+    }
+    m_wasActive = active;
+    m_issue = issue;
+    m_previous = current;
+    m_settling.clear();
+}
+
+bool TaskSwitchObserver::endedAtSwitch(const QVariantMap &finished) const
+{
+    const qint64 endMs = integer(finished, SessionKey::kEndMs);
+    if (endMs <= integer(finished, SessionKey::kStartMs))
+        return false;
     // An end written well after the switch belongs to something else than this switch.
-    if (endMs > m_changed.toMSecsSinceEpoch() + kSettleMs)
-        return {};
+    return endMs <= m_changed.toMSecsSinceEpoch() + kSettleMs;
+}
 
+QVariantMap TaskSwitchObserver::offer(const QVariantMap &finished, const QString &pendingIdentity, qint64 sinceChange)
+{
     if (sinceChange < kSettleMs) {
         if (!m_offered.contains(pendingIdentity))
             m_settling = finished;
         return {};
     }
-
     m_pending.clear();
     if (m_offered.contains(pendingIdentity))
         return {};

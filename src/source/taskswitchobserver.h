@@ -34,6 +34,14 @@ public:
     static QString identity(const QVariantMap &session);
 
 private:
+    // Remembers a change of issue, or the end of tracking, as the pending switch.
+    void noteSwitch(
+        bool active, const QString &issue, const QVariantMap &current, const QDateTime &now, qint64 monotonic);
+    // Whether the finished record ended when the switch happened, not later.
+    bool endedAtSwitch(const QVariantMap &finished) const;
+    // The finished record once the switch settled and it was not offered before; else empty.
+    QVariantMap offer(const QVariantMap &finished, const QString &pendingIdentity, qint64 sinceChange);
+
     QVariantMap m_previous;
     QVariantMap m_pending;
     QString m_issue;

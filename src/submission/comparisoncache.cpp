@@ -1,5 +1,8 @@
 #include "submission/comparisoncache.h"
 
+#include "platform/clock.h"
+#include "records/comparison.h"
+#include "records/draft.h"
 #include "worklogs/compare.h"
 
 #include <QFile>
@@ -24,13 +27,13 @@ QString text(const QVariantMap &map, const QString &key)
 // instead of a comparison, and a running session changes all the time.
 bool takesPart(const QVariantMap &draft)
 {
-    if (!text(draft, QStringLiteral("jira_receipt_state")).isEmpty())
+    if (!text(draft, DraftKey::kJiraReceiptState).isEmpty())
         return false;
-    if (!draft.value(QStringLiteral("jira_exclusion")).toMap().isEmpty())
+    if (!draft.value(DraftKey::kJiraExclusion).toMap().isEmpty())
         return false;
-    if (draft.value(QStringLiteral("source_running")).toBool())
+    if (draft.value(DraftKey::kSourceRunning).toBool())
         return false;
-    const auto remaining = draft.constFind(QStringLiteral("remaining_seconds"));
+    const auto remaining = draft.constFind(DraftKey::kRemainingSeconds);
     if (remaining != draft.constEnd() && remaining->toLongLong() == 0)
         return false;
     return true;
@@ -38,13 +41,14 @@ bool takesPart(const QVariantMap &draft)
 
 double checkedAt(const QVariantMap &entry)
 {
-    return entry.value(QStringLiteral("checked_at")).toDouble();
+    return entry.value(CachedComparisonKey::kCheckedAt).toDouble();
 }
 
 } // namespace
 
-ComparisonCache::ComparisonCache(const QString &directory)
+ComparisonCache::ComparisonCache(const QString &directory, const Clock *clock)
     : m_directory(directory)
+    , m_clock(clock)
 {
 }
 
@@ -66,7 +70,7 @@ QVariantMap ComparisonCache::entries() const
 
 QString ComparisonCache::keyForDraft(const QVariantMap &draft, const QString &cloud, const QString &account)
 {
-    return cloud + QLatin1Char('|') + account + QLatin1Char('|') + text(draft, QStringLiteral("source_key"));
+    return cloud + QLatin1Char('|') + account + QLatin1Char('|') + text(draft, DraftKey::kSourceKey);
 }
 
 void ComparisonCache::write(const QVariantMap &entries) const
@@ -84,8 +88,19 @@ void ComparisonCache::write(const QVariantMap &entries) const
     QFile::setPermissions(path(), privateFile);
 }
 
+void ComparisonCache::saveDrafts(const QVariantList &drafts, const QString &cloud, const QString &account) const
+{
+    save(drafts, cloud, account, (m_clock ? *m_clock : Clock::shared()).wallNow());
+}
+
 void ComparisonCache::saveDrafts(
     const QVariantList &drafts, const QString &cloud, const QString &account, const QDateTime &now)
+{
+    save(drafts, cloud, account, now);
+}
+
+void ComparisonCache::save(
+    const QVariantList &drafts, const QString &cloud, const QString &account, const QDateTime &now) const
 {
     if (cloud.isEmpty() || account.isEmpty())
         return;
@@ -93,18 +108,18 @@ void ComparisonCache::saveDrafts(
     QSet<QString> saved;
     for (const QVariant &item : drafts) {
         const QVariantMap draft = item.toMap();
-        if (!takesPart(draft) || text(draft, QStringLiteral("source_key")).isEmpty())
+        if (!takesPart(draft) || text(draft, DraftKey::kSourceKey).isEmpty())
             continue;
-        const QString status = text(draft, QStringLiteral("status"));
+        const QString status = text(draft, DraftKey::kStatus);
         QVariantMap entry {
-            {QStringLiteral("fingerprint"), JRComparisonFingerprint(draft)},
-            {QStringLiteral("status"), status.isEmpty() ? kNotChecked : status},
-            {QStringLiteral("eligible"), draft.value(QStringLiteral("eligible")).toBool()},
-            {QStringLiteral("has_manual_matches"), !draft.value(QStringLiteral("manual_matches")).toList().isEmpty()},
-            {QStringLiteral("checked_at"), double(now.toMSecsSinceEpoch()) / 1000.0},
+            {CachedComparisonKey::kFingerprint, JRComparisonFingerprint(draft)},
+            {CachedComparisonKey::kStatus, status.isEmpty() ? kNotChecked : status},
+            {CachedComparisonKey::kEligible, draft.value(DraftKey::kEligible).toBool()},
+            {CachedComparisonKey::kHasManualMatches, !draft.value(DraftKey::kManualMatches).toList().isEmpty()},
+            {CachedComparisonKey::kCheckedAt, double(now.toMSecsSinceEpoch()) / 1000.0},
         };
-        if (draft.contains(QStringLiteral("existing")))
-            entry.insert(QStringLiteral("existing"), draft.value(QStringLiteral("existing")));
+        if (draft.contains(DraftKey::kExisting))
+            entry.insert(CachedComparisonKey::kExisting, draft.value(DraftKey::kExisting));
         const QString key = keyForDraft(draft, cloud, account);
         all.insert(key, entry);
         saved.insert(key);
@@ -132,6 +147,12 @@ void ComparisonCache::saveDrafts(
 }
 
 void ComparisonCache::applyToDrafts(
+    QVariantList &drafts, const QString &cloud, const QString &account, double freshness) const
+{
+    applyToDrafts(drafts, cloud, account, (m_clock ? *m_clock : Clock::shared()).wallNow(), freshness);
+}
+
+void ComparisonCache::applyToDrafts(
     QVariantList &drafts, const QString &cloud, const QString &account, const QDateTime &now, double freshness) const
 {
     if (cloud.isEmpty() || account.isEmpty())
@@ -142,30 +163,30 @@ void ComparisonCache::applyToDrafts(
         if (!takesPart(draft))
             continue;
         const QVariantMap entry = all.value(keyForDraft(draft, cloud, account)).toMap();
-        if (entry.isEmpty() || text(entry, QStringLiteral("fingerprint")) != JRComparisonFingerprint(draft))
+        if (entry.isEmpty() || text(entry, CachedComparisonKey::kFingerprint) != JRComparisonFingerprint(draft))
             continue;
 
-        const QVariant stamp = entry.value(QStringLiteral("checked_at"));
+        const QVariant stamp = entry.value(CachedComparisonKey::kCheckedAt);
         const double checked = stamp.toDouble();
         // A check stamped in the future (the clock was set back since) is stale, not current for ever.
         const double age = double(now.toMSecsSinceEpoch()) / 1000.0 - checked;
         const bool fresh = age >= 0 && age <= freshness;
-        const bool current = fresh && !entry.value(QStringLiteral("has_manual_matches")).toBool();
-        QString status = text(entry, QStringLiteral("status"));
+        const bool current = fresh && !entry.value(CachedComparisonKey::kHasManualMatches).toBool();
+        QString status = text(entry, CachedComparisonKey::kStatus);
         if (status.isEmpty())
             status = kNotChecked;
-        const bool eligible = current && entry.value(QStringLiteral("eligible")).toBool();
+        const bool eligible = current && entry.value(CachedComparisonKey::kEligible).toBool();
 
-        draft.insert(QStringLiteral("status"), current ? status : status + QStringLiteral(" · Refresh required"));
-        draft.insert(QStringLiteral("existing"), entry.value(QStringLiteral("existing"), 0).toLongLong());
-        draft.insert(QStringLiteral("eligible"), eligible);
-        draft.insert(QStringLiteral("include"), eligible);
-        draft.insert(QStringLiteral("manual_matches"), QVariantList {});
-        draft.insert(QStringLiteral("comparison_at"),
+        draft.insert(DraftKey::kStatus, current ? status : status + QStringLiteral(" · Refresh required"));
+        draft.insert(DraftKey::kExisting, entry.value(CachedComparisonKey::kExisting, 0).toLongLong());
+        draft.insert(DraftKey::kEligible, eligible);
+        draft.insert(DraftKey::kInclude, eligible);
+        draft.insert(DraftKey::kManualMatches, QVariantList {});
+        draft.insert(DraftKey::kComparisonAt,
             stamp.isValid() && !stamp.isNull() ? QVariant(QDateTime::fromMSecsSinceEpoch(qint64(checked * 1000.0)))
                                                : QVariant());
-        draft.insert(QStringLiteral("comparison_current"), current);
-        draft.insert(QStringLiteral("comparison_cached"), true);
+        draft.insert(DraftKey::kComparisonCurrent, current);
+        draft.insert(DraftKey::kComparisonCached, true);
         item = draft;
     }
 }

@@ -1,5 +1,9 @@
 #include "submission/receiptcoverage.h"
 
+#include "records/draft.h"
+#include "records/receipt.h"
+#include "records/session.h"
+#include "records/worklog.h"
 #include "worklogs/engine.h"
 
 #include <QStringList>
@@ -8,8 +12,8 @@
 namespace
 {
 
-const QString kState = QStringLiteral("state");
-const QString kPosted = QStringLiteral("posted");
+const QString &kState = ReceiptKey::kState;
+const QString &kPosted = ReceiptKey::kPosted;
 
 QString text(const QVariantMap &map, const QString &key)
 {
@@ -20,13 +24,13 @@ QString text(const QVariantMap &map, const QString &key)
 // its seconds: guessing less would let its session be posted again.
 QVariantMap coverageOf(const QVariantMap &receipt)
 {
-    const QVariantMap coverage = receipt.value(QStringLiteral("coverage")).toMap();
+    const QVariantMap coverage = receipt.value(ReceiptKey::kCoverage).toMap();
     if (!coverage.isEmpty())
         return coverage;
-    const QString key = text(receipt, QStringLiteral("source_key"));
+    const QString key = text(receipt, ReceiptKey::kSourceKey);
     if (key.isEmpty())
         return {};
-    return {{key, receipt.value(QStringLiteral("payload")).toMap().value(QStringLiteral("timeSpentSeconds"))}};
+    return {{key, receipt.value(ReceiptKey::kPayload).toMap().value(WorklogKey::kTimeSpentSeconds)}};
 }
 
 } // namespace
@@ -39,7 +43,7 @@ ReceiptCoverage::ReceiptCoverage(
         if (it.value().typeId() != QMetaType::QVariantMap)
             continue;
         const QVariantMap receipt = it.value().toMap();
-        const QString site = text(receipt, QStringLiteral("cloud"));
+        const QString site = text(receipt, ReceiptKey::kCloud);
         if (!site.isEmpty() && site != cloud)
             continue;
         const bool posted = text(receipt, kState) == kPosted || proven.contains(it.key());
@@ -57,26 +61,26 @@ ReceiptCoverage::ReceiptCoverage(
 
 qint64 ReceiptCoverage::trackedSeconds(const QVariantMap &session)
 {
-    if (!session.contains(QStringLiteral("start_ms")) || !session.contains(QStringLiteral("end_ms")))
+    if (!session.contains(SessionKey::kStartMs) || !session.contains(SessionKey::kEndMs))
         return -1;
     const qint64 difference
-        = session.value(QStringLiteral("end_ms")).toLongLong() - session.value(QStringLiteral("start_ms")).toLongLong();
+        = session.value(SessionKey::kEndMs).toLongLong() - session.value(SessionKey::kStartMs).toLongLong();
     return difference < -999 ? 0 : difference / 1000;
 }
 
 QList<ReceiptCoverage::Share> ReceiptCoverage::shares(const QVariantMap &row)
 {
     QHash<QString, qint64> tracked;
-    const QVariantList keys = row.value(QStringLiteral("source_keys")).toList();
-    const QVariantList sessions = row.value(QStringLiteral("source_sessions")).toList();
+    const QVariantList keys = row.value(DraftKey::kSourceKeys).toList();
+    const QVariantList sessions = row.value(DraftKey::kSourceSessions).toList();
     if (!keys.isEmpty() && keys.size() == sessions.size()) {
         for (qsizetype index = 0; index < keys.size(); ++index)
             tracked.insert(keys.at(index).toString(), trackedSeconds(sessions.at(index).toMap()));
     } else {
-        const QString key = text(row, QStringLiteral("source_key"));
-        qint64 seconds = trackedSeconds(row.value(QStringLiteral("session")).toMap());
-        if (seconds < 0 && row.contains(QStringLiteral("seconds")))
-            seconds = row.value(QStringLiteral("seconds")).toLongLong();
+        const QString key = text(row, DraftKey::kSourceKey);
+        qint64 seconds = trackedSeconds(row.value(DraftKey::kSession).toMap());
+        if (seconds < 0 && row.contains(DraftKey::kSeconds))
+            seconds = row.value(DraftKey::kSeconds).toLongLong();
         tracked.insert(key, seconds);
     }
 
@@ -107,7 +111,7 @@ QVariantMap ReceiptCoverage::blocking(const QVariantMap &row) const
 
 void ReceiptCoverage::add(const QVariantMap &row)
 {
-    const QVariantMap receipt {{kState, kPosted}, {QStringLiteral("issue"), row.value(QStringLiteral("issue"))}};
+    const QVariantMap receipt {{kState, kPosted}, {ReceiptKey::kIssue, row.value(DraftKey::kIssue)}};
     for (const Share &share : shares(row)) {
         if (share.seconds < 1)
             continue;

@@ -1,5 +1,7 @@
 #include "summary/exchangerate.h"
 
+#include "platform/clock.h"
+
 #include "jira/httptransport.h"
 #include "jira/jsonvalue.h"
 #include "platform/appidentity.h"
@@ -75,7 +77,7 @@ bool isCommonCurrency(const QString &code)
 
 QDateTime checkedDate(const QVariantMap &cached)
 {
-    const QVariant checked = cached.value(QStringLiteral("checked"));
+    const QVariant checked = cached.value(RateAnswerKey::kChecked);
     return checked.typeId() == QMetaType::QDateTime ? checked.toDateTime() : QDateTime();
 }
 
@@ -88,9 +90,9 @@ ExchangeRate &ExchangeRate::shared()
     return *instance;
 }
 
-ExchangeRate::ExchangeRate(Clock clock, QObject *parent)
+ExchangeRate::ExchangeRate(const Clock *clock, QObject *parent)
     : QObject(parent)
-    , m_clock(std::move(clock))
+    , m_clock(clock)
     , m_queue(std::make_unique<SerialQueue>(QStringLiteral(HOURLOOM_APP_ID ".rates")))
 {
 }
@@ -104,7 +106,7 @@ QString ExchangeRate::cacheKey(const QString &base, const QString &quote)
 
 QDateTime ExchangeRate::now() const
 {
-    return m_clock ? m_clock() : QDateTime::currentDateTimeUtc();
+    return (m_clock ? *m_clock : Clock::shared()).wallNow().toUTC();
 }
 
 void ExchangeRate::refresh(bool force)
@@ -149,8 +151,8 @@ void ExchangeRate::finish(
     m_fetching = false;
     if (validResponse(answer, base, quote)) {
         QVariantMap cached = answer.toMap();
-        cached.insert(QStringLiteral("checked"), now());
-        cached.insert(QStringLiteral("provider"), provider);
+        cached.insert(RateAnswerKey::kChecked, now());
+        cached.insert(RateAnswerKey::kProvider, provider);
         QSettings().setValue(key, cached);
     }
     Q_EMIT summaryChanged();
@@ -192,18 +194,18 @@ bool ExchangeRate::validResponse(const QVariant &answer, const QString &base, co
     if (answer.typeId() != QMetaType::QVariantMap)
         return false;
     const QVariantMap map = answer.toMap();
-    const QVariant answeredBase = map.value(QStringLiteral("base"));
-    const QVariant answeredQuote = map.value(QStringLiteral("quote"));
+    const QVariant answeredBase = map.value(RateAnswerKey::kBase);
+    const QVariant answeredQuote = map.value(RateAnswerKey::kQuote);
     if (answeredBase.typeId() != QMetaType::QString || answeredBase.toString() != base
         || answeredQuote.typeId() != QMetaType::QString || answeredQuote.toString() != quote)
         return false;
-    const QVariant rate = map.value(QStringLiteral("rate"));
+    const QVariant rate = map.value(RateAnswerKey::kRate);
     if (!HLIsJSONNumber(rate))
         return false;
     const double value = rate.toDouble();
     if (!std::isfinite(value) || value <= 0)
         return false;
-    const QVariant dateValue = map.value(QStringLiteral("date"));
+    const QVariant dateValue = map.value(RateAnswerKey::kDate);
     if (dateValue.typeId() != QMetaType::QString)
         return false;
     const QString text = dateValue.toString();
@@ -212,7 +214,7 @@ bool ExchangeRate::validResponse(const QVariant &answer, const QString &base, co
         return false;
     // No lower bound on the age: a rate from before a long holiday is still the latest reference rate.
     const QDateTime start(date, QTime(0, 0), QTimeZone::utc());
-    return QDateTime::currentDateTimeUtc().secsTo(start) < kDaySeconds;
+    return Clock::shared().wallNow().toUTC().secsTo(start) < kDaySeconds;
 }
 
 QString ExchangeRate::conversionForSeconds(double seconds) const
@@ -229,7 +231,7 @@ QString ExchangeRate::conversionForSeconds(double seconds) const
     if (validResponse(cached, base, quote)) {
         const std::optional<Decimal> hours = Decimal::fromText(QString::asprintf("%.9f", seconds / 3600.0));
         const std::optional<Decimal> exchange
-            = Decimal::fromDouble(cached.toMap().value(QStringLiteral("rate")).toDouble());
+            = Decimal::fromDouble(cached.toMap().value(RateAnswerKey::kRate).toDouble());
         if (hours && exchange)
             return QStringLiteral(" ≈ ") + TimeSummary::money(*rate * *hours * *exchange, quote);
     }
@@ -254,13 +256,13 @@ QString ExchangeRate::rateDetails() const
         return QStringLiteral("No %1 to %2 rate has been loaded yet.").arg(base, quote);
     }
     const QVariantMap map = cached.toMap();
-    const std::optional<Decimal> exchange = Decimal::fromDouble(map.value(QStringLiteral("rate")).toDouble());
-    const QString source = map.value(QStringLiteral("provider")).toString() == kProvider
+    const std::optional<Decimal> exchange = Decimal::fromDouble(map.value(RateAnswerKey::kRate).toDouble());
+    const QString source = map.value(RateAnswerKey::kProvider).toString() == kProvider
         ? QStringLiteral("ECB reference rate")
         : QStringLiteral("blended rate (no ECB reference rate for this pair)");
     QString text = QStringLiteral("1 %1 = %2 %3 · %4 of %5")
                        .arg(base, exchange ? exchange->toString() : QString(), quote, source,
-                           map.value(QStringLiteral("date")).toString());
+                           map.value(RateAnswerKey::kDate).toString());
     const QDateTime checked = checkedDate(map);
     if (checked.isValid())
         text += QStringLiteral(" · checked ") + QLocale().toString(checked.toLocalTime(), QLocale::ShortFormat);

@@ -9,7 +9,21 @@
 #include <functional>
 #include <memory>
 
+class Clock;
 class SerialQueue;
+
+// The keys of the rate service's answer, as cached in the settings with the two the program adds.
+namespace RateAnswerKey
+{
+inline const QString kBase = QStringLiteral("base");
+inline const QString kQuote = QStringLiteral("quote");
+inline const QString kRate = QStringLiteral("rate");
+// The rate's publication date, "yyyy-MM-dd".
+inline const QString kDate = QStringLiteral("date");
+// Added: when the answer arrived (a QDateTime), and "ECB" or empty for a blended rate.
+inline const QString kChecked = QStringLiteral("checked");
+inline const QString kProvider = QStringLiteral("provider");
+} // namespace RateAnswerKey
 
 // Converts earnings into a second currency at the ECB's daily reference rate, as the rate service publishes
 // it. Fetches at most once a day, at most once an hour after a failure, and keeps the last good answer in the
@@ -27,7 +41,6 @@ class ExchangeRate : public QObject
     Q_OBJECT
 
 public:
-    using Clock = std::function<QDateTime()>;
     // (answer or invalid, HTTP status or 0 when the transport failed); called on the request queue.
     using Completion = std::function<void(const QVariant &answer, qint64 status)>;
 
@@ -36,8 +49,8 @@ public:
     // The one instance the application uses, made on first use.
     static ExchangeRate &shared();
 
-    // Tests make their own with a clock they control; the default clock is the system's.
-    explicit ExchangeRate(Clock clock = {}, QObject *parent = nullptr);
+    // Tests make their own with a clock they control (not owned); nullptr means Clock::shared().
+    explicit ExchangeRate(const Clock *clock = nullptr, QObject *parent = nullptr);
     ~ExchangeRate() override;
 
     void refresh(bool force);
@@ -66,7 +79,7 @@ private:
     void finish(
         const QString &key, const QString &base, const QString &quote, const QVariant &answer, const QString &provider);
 
-    Clock m_clock;
+    const Clock *m_clock = nullptr;
     QHash<QString, QDateTime> m_attempts; // last attempt by cache key
     bool m_fetching = false;
     std::unique_ptr<SerialQueue> m_queue;

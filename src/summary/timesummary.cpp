@@ -1,4 +1,5 @@
 #include "summary/timesummary.h"
+#include "records/session.h"
 
 #include <QLocale>
 #include <QRegularExpression>
@@ -46,9 +47,10 @@ int TimeSummary::configuredPeriod()
 {
     QSettings settings;
     if (!settings.contains(kPeriodKey))
-        return settings.value(kMonthlyKey).toBool() ? 2 : 1;
+        return int(settings.value(kMonthlyKey).toBool() ? SummaryPeriod::Month : SummaryPeriod::Week);
     const int period = settings.value(kPeriodKey).toInt();
-    return period >= 0 && period <= 2 ? period : 1;
+    return period >= int(SummaryPeriod::Today) && period <= int(SummaryPeriod::Month) ? period
+                                                                                      : int(SummaryPeriod::Week);
 }
 
 void TimeSummary::setConfiguredPeriod(int period)
@@ -60,10 +62,10 @@ void TimeSummary::setConfiguredPeriod(int period)
 
 QString TimeSummary::periodLabel(int period)
 {
-    switch (period) {
-    case 0:
+    switch (SummaryPeriod(period)) {
+    case SummaryPeriod::Today:
         return QStringLiteral("Today");
-    case 2:
+    case SummaryPeriod::Month:
         return QStringLiteral("This month");
     default:
         return QStringLiteral("This week");
@@ -74,9 +76,10 @@ int TimeSummary::configuredWeekStart()
 {
     QSettings settings;
     if (!settings.contains(kWeekStartKey))
-        return 1;
+        return int(WeekStart::Monday);
     const int setting = settings.value(kWeekStartKey).toInt();
-    return setting >= 0 && setting <= 3 ? setting : 1;
+    return setting >= int(WeekStart::Calendar) && setting <= int(WeekStart::Saturday) ? setting
+                                                                                      : int(WeekStart::Monday);
 }
 
 void TimeSummary::setConfiguredWeekStart(int setting)
@@ -86,12 +89,13 @@ void TimeSummary::setConfiguredWeekStart(int setting)
 
 int TimeSummary::firstWeekday(int setting)
 {
-    switch (setting) {
-    case 1:
+    // Gregorian weekdays: 1 Sunday ... 7 Saturday.
+    switch (WeekStart(setting)) {
+    case WeekStart::Monday:
         return 2;
-    case 2:
+    case WeekStart::Sunday:
         return 1;
-    case 3:
+    case WeekStart::Saturday:
         return 7;
     default:
         return gregorianWeekday(QLocale().firstDayOfWeek());
@@ -101,9 +105,9 @@ int TimeSummary::firstWeekday(int setting)
 QDateTime TimeSummary::summaryStart(const QDateTime &now, int period)
 {
     const QDate today = now.toLocalTime().date();
-    if (period == 2)
+    if (SummaryPeriod(period) == SummaryPeriod::Month)
         return QDate(today.year(), today.month(), 1).startOfDay();
-    if (period == 1) {
+    if (SummaryPeriod(period) == SummaryPeriod::Week) {
         const int first = firstWeekday(configuredWeekStart());
         const int back = (gregorianWeekday(today.dayOfWeek()) - first + 7) % 7;
         return today.addDays(-back).startOfDay();
@@ -119,8 +123,8 @@ double TimeSummary::seconds(const QVariantList &sessions, const QDateTime &now, 
     spans.reserve(size_t(sessions.size()));
     for (const QVariant &item : sessions) {
         const QVariantMap session = item.toMap();
-        const double start = std::max(session.value(QStringLiteral("start_ms")).toDouble() / 1000.0, from);
-        const double end = std::min(session.value(QStringLiteral("end_ms")).toDouble() / 1000.0, until);
+        const double start = std::max(session.value(SessionKey::kStartMs).toDouble() / 1000.0, from);
+        const double end = std::min(session.value(SessionKey::kEndMs).toDouble() / 1000.0, until);
         if (end > start)
             spans.emplace_back(start, end);
     }
@@ -208,20 +212,20 @@ void TimeSummary::period(
     start = QDateTime();
     end = QDateTime();
     const QDate today = now.toLocalTime().date();
-    switch (kind) {
-    case 0:
+    switch (FilterRange(kind)) {
+    case FilterRange::Today:
         start = today.startOfDay();
         end = today.addDays(1).startOfDay();
         break;
-    case 1:
+    case FilterRange::Yesterday:
         start = today.addDays(-1).startOfDay();
         end = today.startOfDay();
         break;
-    case 2:
+    case FilterRange::LastSevenDays:
         start = today.addDays(-6).startOfDay();
         end = today.addDays(1).startOfDay();
         break;
-    case 3: {
+    case FilterRange::Custom: {
         if (!from.isValid() || !to.isValid())
             return;
         const QDate first = from.toLocalTime().date();

@@ -11,6 +11,15 @@
 // "h:mm:ss" with unpadded hours, e.g. HLDuration(3725) == "1:02:05".
 QString HLDuration(qint64 seconds);
 
+// The periods the summary line totals; the numbers are those stored in "SummaryPeriod" and passed as `period`.
+enum class SummaryPeriod : int { Today = 0, Week = 1, Month = 2 };
+
+// The "WeekStart" setting's values.
+enum class WeekStart : int { Calendar = 0, Monday = 1, Sunday = 2, Saturday = 3 };
+
+// The date ranges of list filters, as passed to `TimeSummary::period`.
+enum class FilterRange : int { Today = 0, Yesterday = 1, LastSevenDays = 2, Custom = 3 };
+
 // Period totals for the menu-bar line, with earnings when an hourly rate is set. The calendar and time zone
 // are the current ones (local time, QLocale() for the calendar's first weekday).
 //

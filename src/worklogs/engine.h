@@ -4,8 +4,10 @@
 
 #include "worklogs/compare.h"
 #include "worklogs/drafts.h"
+#include "worklogs/durations.h"
 #include "worklogs/issueassignments.h"
 #include "worklogs/manualmatches.h"
 #include "worklogs/marker.h"
 #include "worklogs/preferences.h"
+#include "worklogs/text.h"
 #include "worklogs/topost.h"

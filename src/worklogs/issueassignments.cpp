@@ -1,6 +1,8 @@
 #include "worklogs/issueassignments.h"
 
 #include "platform/failure.h"
+#include "records/assignment.h"
+#include "records/session.h"
 #include "worklogs/engineinternal.h"
 
 #include <QDir>
@@ -20,8 +22,8 @@ namespace
 {
 
 const QString kFailure = QStringLiteral("Assignments");
-const QString kRules = QStringLiteral("rules");
-const QString kSessions = QStringLiteral("sessions");
+const QString &kRules = AssignmentKey::kRules;
+const QString &kSessions = AssignmentKey::kSessions;
 
 QVariantMap emptyState()
 {
@@ -30,7 +32,7 @@ QVariantMap emptyState()
 
 bool isFrozen(const QVariantMap &override)
 {
-    return isYes(override.value(QStringLiteral("frozen")));
+    return isYes(override.value(OverrideKey::kFrozen));
 }
 
 // Stores an override, or drops the entry when nothing is left in it.
@@ -115,10 +117,9 @@ QString IssueAssignments::issueFromInput(const QString &text, const QString &sit
 
 QString IssueAssignments::sessionKey(const QVariantMap &session, const QString &site) const
 {
-    return site + u'|' + plainText(session.value(QStringLiteral("source_account"))) + u'|'
-        + plainText(session.value(QStringLiteral("project"))) + u'|'
-        + plainText(session.value(QStringLiteral("local_id"))) + u'|'
-        + plainText(session.value(QStringLiteral("start_ms")));
+    return site + u'|' + plainText(session.value(SessionKey::kSourceAccount)) + u'|'
+        + plainText(session.value(SessionKey::kProject)) + u'|' + plainText(session.value(SessionKey::kLocalId)) + u'|'
+        + plainText(session.value(SessionKey::kStartMs));
 }
 
 QString IssueAssignments::ruleKey(const QString &description, const QString &site) const
@@ -139,61 +140,61 @@ QVariantMap IssueAssignments::sessionsMap() const
 QVariantMap IssueAssignments::resolve(const QVariantMap &session, const QString &site) const
 {
     QVariantMap copy = session;
-    copy.remove(QStringLiteral("jira_exclusion"));
+    copy.remove(SessionKey::kJiraExclusion);
     if (site.isEmpty())
         return copy;
 
     const QVariantMap override = mapValue(sessionsMap().value(sessionKey(session, site)));
-    const auto exclusion = override.constFind(QStringLiteral("jira_exclusion"));
+    const auto exclusion = override.constFind(OverrideKey::kJiraExclusion);
     if (exclusion != override.constEnd())
-        copy.insert(QStringLiteral("jira_exclusion"), *exclusion);
+        copy.insert(SessionKey::kJiraExclusion, *exclusion);
 
-    const bool hasComment = override.contains(QStringLiteral("comment"));
+    const bool hasComment = override.contains(OverrideKey::kComment);
     if (isFrozen(override)) {
         // A posted session keeps the issue and comment it was posted with; nothing else may move it.
-        copy.insert(QStringLiteral("issue"), plainText(override.value(QStringLiteral("issue"))));
-        copy.insert(QStringLiteral("comment"), plainText(override.value(QStringLiteral("comment"))));
-        copy.insert(QStringLiteral("comment_custom"), hasComment);
-        copy.insert(QStringLiteral("assignment"), QStringLiteral("Submission recorded"));
-        copy.insert(QStringLiteral("assignment_locked"), true);
+        copy.insert(SessionKey::kIssue, plainText(override.value(OverrideKey::kIssue)));
+        copy.insert(SessionKey::kComment, plainText(override.value(OverrideKey::kComment)));
+        copy.insert(SessionKey::kCommentCustom, hasComment);
+        copy.insert(SessionKey::kAssignment, QStringLiteral("Submission recorded"));
+        copy.insert(SessionKey::kAssignmentLocked, true);
         return copy;
     }
 
-    QString captured = QStringLiteral("Unassigned");
-    if (copy.contains(QStringLiteral("original_issue")))
-        captured = plainText(copy.value(QStringLiteral("original_issue")));
-    else if (copy.contains(QStringLiteral("issue")))
-        captured = plainText(copy.value(QStringLiteral("issue")));
-    copy.insert(QStringLiteral("original_issue"), captured);
-    copy.insert(QStringLiteral("issue"), captured);
-    copy.remove(QStringLiteral("assignment"));
-    copy.remove(QStringLiteral("assignment_locked"));
+    QString captured = SessionKey::kUnassigned;
+    if (copy.contains(SessionKey::kOriginalIssue))
+        captured = plainText(copy.value(SessionKey::kOriginalIssue));
+    else if (copy.contains(SessionKey::kIssue))
+        captured = plainText(copy.value(SessionKey::kIssue));
+    copy.insert(SessionKey::kOriginalIssue, captured);
+    copy.insert(SessionKey::kIssue, captured);
+    copy.remove(SessionKey::kAssignment);
+    copy.remove(SessionKey::kAssignmentLocked);
 
     // The issue found in the tracked description deliberately wins over a description rule.
-    if (override.contains(QStringLiteral("issue"))) {
-        copy.insert(QStringLiteral("issue"), plainText(override.value(QStringLiteral("issue"))));
-        copy.insert(QStringLiteral("assignment"), QStringLiteral("This session"));
-    } else if (!captured.isEmpty() && captured != u"Unassigned") {
-        copy.insert(QStringLiteral("assignment"), QStringLiteral("Captured issue"));
+    if (override.contains(OverrideKey::kIssue)) {
+        copy.insert(SessionKey::kIssue, plainText(override.value(OverrideKey::kIssue)));
+        copy.insert(SessionKey::kAssignment, QStringLiteral("This session"));
+    } else if (!captured.isEmpty() && captured != SessionKey::kUnassigned) {
+        copy.insert(SessionKey::kAssignment, QStringLiteral("Captured issue"));
     } else {
-        const QString description = plainText(session.value(QStringLiteral("description")));
+        const QString description = plainText(session.value(SessionKey::kDescription));
         const QVariant rule = rulesMap().value(ruleKey(description, site));
         if (isMap(rule)) {
             const QVariantMap map = rule.toMap();
-            copy.insert(QStringLiteral("issue"), plainText(map.value(QStringLiteral("issue"))));
-            copy.insert(QStringLiteral("assignment"), QStringLiteral("Description rule"));
-            copy.insert(QStringLiteral("aggregate_daily"), isYes(map.value(QStringLiteral("aggregate_daily"))));
-            copy.insert(QStringLiteral("aggregate_description"), plainText(map.value(QStringLiteral("description"))));
+            copy.insert(SessionKey::kIssue, plainText(map.value(RuleKey::kIssue)));
+            copy.insert(SessionKey::kAssignment, QStringLiteral("Description rule"));
+            copy.insert(SessionKey::kAggregateDaily, isYes(map.value(RuleKey::kAggregateDaily)));
+            copy.insert(SessionKey::kAggregateDescription, plainText(map.value(RuleKey::kDescription)));
         }
     }
 
     if (hasComment)
-        copy.insert(QStringLiteral("comment"), plainText(override.value(QStringLiteral("comment"))));
-    else if (session.contains(QStringLiteral("description")))
-        copy.insert(QStringLiteral("comment"), plainText(session.value(QStringLiteral("description"))));
+        copy.insert(SessionKey::kComment, plainText(override.value(OverrideKey::kComment)));
+    else if (session.contains(SessionKey::kDescription))
+        copy.insert(SessionKey::kComment, plainText(session.value(SessionKey::kDescription)));
     else
-        copy.insert(QStringLiteral("comment"), QStringLiteral(""));
-    copy.insert(QStringLiteral("comment_custom"), hasComment);
+        copy.insert(SessionKey::kComment, QStringLiteral(""));
+    copy.insert(SessionKey::kCommentCustom, hasComment);
     return copy;
 }
 
@@ -207,11 +208,10 @@ QVariantList IssueAssignments::rules() const
     }
     std::stable_sort(list.begin(), list.end(), [](const QVariant &a, const QVariant &b) {
         const QVariantMap ma = a.toMap(), mb = b.toMap();
-        const QString siteA = plainText(ma.value(QStringLiteral("site"))),
-                      siteB = plainText(mb.value(QStringLiteral("site")));
+        const QString siteA = plainText(ma.value(RuleKey::kSite)), siteB = plainText(mb.value(RuleKey::kSite));
         if (siteA != siteB)
             return siteA < siteB;
-        return plainText(ma.value(QStringLiteral("description"))) < plainText(mb.value(QStringLiteral("description")));
+        return plainText(ma.value(RuleKey::kDescription)) < plainText(mb.value(RuleKey::kDescription));
     });
     return list;
 }
@@ -225,20 +225,19 @@ void IssueAssignments::saveSession(const QVariantMap &session, const QString &si
     if (isFrozen(override))
         return;
     if (!comment.isNull())
-        override.insert(QStringLiteral("comment"), comment);
+        override.insert(OverrideKey::kComment, comment);
     QVariantMap rules = rulesMap();
     if (!issue.isEmpty()) {
         if (all) {
-            const QString description = plainText(session.value(QStringLiteral("description")));
-            const QVariantMap rule {{QStringLiteral("site"), site},
-                {QStringLiteral("description"), normalizedDescription(description)},
-                {QStringLiteral("label"), description.trimmed()}, {QStringLiteral("issue"), issue},
-                {QStringLiteral("aggregate_daily"), aggregateDaily}};
+            const QString description = plainText(session.value(SessionKey::kDescription));
+            const QVariantMap rule {{RuleKey::kSite, site}, {RuleKey::kDescription, normalizedDescription(description)},
+                {RuleKey::kLabel, description.trimmed()}, {RuleKey::kIssue, issue},
+                {RuleKey::kAggregateDaily, aggregateDaily}};
             rules.insert(ruleKey(description, site), rule);
             // The session's own issue would otherwise keep hiding the rule it was just turned into.
-            override.remove(QStringLiteral("issue"));
+            override.remove(OverrideKey::kIssue);
         } else {
-            override.insert(QStringLiteral("issue"), issue);
+            override.insert(OverrideKey::kIssue, issue);
         }
     }
     putOverride(sessions, key, override);
@@ -256,9 +255,9 @@ void IssueAssignments::setExclusion(const QVariantMap &exclusion, const QVariant
     QVariantMap sessions = sessionsMap();
     QVariantMap override = mapValue(sessions.value(key));
     if (exclusion.isEmpty())
-        override.remove(QStringLiteral("jira_exclusion"));
+        override.remove(OverrideKey::kJiraExclusion);
     else
-        override.insert(QStringLiteral("jira_exclusion"), exclusion);
+        override.insert(OverrideKey::kJiraExclusion, exclusion);
     putOverride(sessions, key, override);
     QVariantMap state = m_state;
     state.insert(kSessions, sessions);
@@ -270,9 +269,8 @@ void IssueAssignments::freezeSession(
 {
     QVariantMap sessions = sessionsMap();
     sessions.insert(sessionKey(session, site),
-        QVariantMap {{QStringLiteral("issue"), issue.isNull() ? QStringLiteral("") : issue},
-            {QStringLiteral("comment"), comment.isNull() ? QStringLiteral("") : comment},
-            {QStringLiteral("frozen"), true}});
+        QVariantMap {{OverrideKey::kIssue, issue.isNull() ? QStringLiteral("") : issue},
+            {OverrideKey::kComment, comment.isNull() ? QStringLiteral("") : comment}, {OverrideKey::kFrozen, true}});
     QVariantMap state = m_state;
     state.insert(kSessions, sessions);
     commit(state);
@@ -285,7 +283,7 @@ void IssueAssignments::removeOverride(const QVariantMap &session, const QString 
     QVariantMap override = mapValue(sessions.value(key));
     if (isFrozen(override))
         return;
-    override.remove(QStringLiteral("issue"));
+    override.remove(OverrideKey::kIssue);
     putOverride(sessions, key, override);
     QVariantMap state = m_state;
     state.insert(kSessions, sessions);
@@ -294,14 +292,13 @@ void IssueAssignments::removeOverride(const QVariantMap &session, const QString 
 
 void IssueAssignments::updateRule(const QVariantMap &rule, const QString &issue)
 {
-    const QString key
-        = ruleKey(plainText(rule.value(QStringLiteral("description"))), plainText(rule.value(QStringLiteral("site"))));
+    const QString key = ruleKey(plainText(rule.value(RuleKey::kDescription)), plainText(rule.value(RuleKey::kSite)));
     QVariantMap rules = rulesMap();
     if (issue.isEmpty()) {
         rules.remove(key);
     } else {
         QVariantMap updated = rule;
-        updated.insert(QStringLiteral("issue"), issue);
+        updated.insert(RuleKey::kIssue, issue);
         rules.insert(key, updated);
     }
     QVariantMap state = m_state;
@@ -311,14 +308,13 @@ void IssueAssignments::updateRule(const QVariantMap &rule, const QString &issue)
 
 void IssueAssignments::updateRule(const QVariantMap &rule, bool aggregateDaily)
 {
-    const QString key
-        = ruleKey(plainText(rule.value(QStringLiteral("description"))), plainText(rule.value(QStringLiteral("site"))));
+    const QString key = ruleKey(plainText(rule.value(RuleKey::kDescription)), plainText(rule.value(RuleKey::kSite)));
     QVariantMap rules = rulesMap();
     const QVariant existing = rules.value(key);
     if (!isMap(existing))
         return;
     QVariantMap updated = existing.toMap();
-    updated.insert(QStringLiteral("aggregate_daily"), aggregateDaily);
+    updated.insert(RuleKey::kAggregateDaily, aggregateDaily);
     rules.insert(key, updated);
     QVariantMap state = m_state;
     state.insert(kRules, rules);
@@ -334,7 +330,7 @@ void IssueAssignments::adoptLabelsFromSessions(const QVariantList &sessions)
 {
     QHash<QString, QString> labels;
     for (const QVariant &entry : sessions) {
-        const QVariant description = mapValue(entry).value(QStringLiteral("description"));
+        const QVariant description = mapValue(entry).value(RuleKey::kDescription);
         if (description.typeId() != QMetaType::QString || description.toString().isEmpty())
             continue;
         labels.insert(normalizedDescription(description.toString()), description.toString().trimmed());
@@ -345,12 +341,12 @@ void IssueAssignments::adoptLabelsFromSessions(const QVariantList &sessions)
         if (!isMap(*it))
             continue;
         QVariantMap rule = it->toMap();
-        if (!plainText(rule.value(QStringLiteral("label"))).isEmpty())
+        if (!plainText(rule.value(RuleKey::kLabel)).isEmpty())
             continue;
-        const auto label = labels.constFind(plainText(rule.value(QStringLiteral("description"))));
+        const auto label = labels.constFind(plainText(rule.value(RuleKey::kDescription)));
         if (label == labels.constEnd())
             continue;
-        rule.insert(QStringLiteral("label"), *label);
+        rule.insert(RuleKey::kLabel, *label);
         *it = rule;
         changed = true;
     }

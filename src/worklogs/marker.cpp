@@ -1,7 +1,12 @@
 #include "worklogs/marker.h"
 
+#include "records/draft.h"
+#include "records/session.h"
+#include "records/worklog.h"
+#include "worklogs/durations.h"
 #include "worklogs/engineinternal.h"
 #include "worklogs/preferences.h"
+#include "worklogs/text.h"
 
 #include <QVariantList>
 
@@ -10,21 +15,21 @@ using namespace jrinternal;
 namespace
 {
 
-const QString kPropertyKey = QStringLiteral("hourloom");
+const QString &kPropertyKey = WorklogKey::kOwnProperty;
 
 // The first "hourloom" property whose value is a dictionary; empty when there is none.
 template<typename Accept> QVariantMap findProperty(const QVariantMap &worklog, Accept accept)
 {
-    const QVariant properties = worklog.value(QStringLiteral("properties"));
+    const QVariant properties = worklog.value(WorklogKey::kProperties);
     if (properties.typeId() != QMetaType::QVariantList)
         return {};
     for (const QVariant &element : properties.toList()) {
         if (!isMap(element))
             continue;
         const QVariantMap property = element.toMap();
-        if (!isText(property.value(QStringLiteral("key")), kPropertyKey))
+        if (!isText(property.value(WorklogKey::kPropertyKey), kPropertyKey))
             continue;
-        const QVariant value = property.value(QStringLiteral("value"));
+        const QVariant value = property.value(WorklogKey::kPropertyValue);
         if (!isMap(value))
             continue;
         const QVariantMap map = value.toMap();
@@ -62,10 +67,10 @@ QVariantMap split(const QVariantList &keys, const std::vector<qint64> &amounts, 
 
 QString JRMarker(const QVariantMap &draft, const QString &cloud, const QString &account)
 {
-    const auto seed = draft.constFind(QStringLiteral("marker_seed"));
+    const auto seed = draft.constFind(DraftKey::kMarkerSeed);
     const QString seedText = (seed != draft.constEnd() && !seed->isNull())
         ? plainText(*seed)
-        : plainText(draft.value(QStringLiteral("source_key")));
+        : plainText(draft.value(DraftKey::kSourceKey));
     return JRHash(cloud + u'|' + account + u'|' + seedText);
 }
 
@@ -82,30 +87,29 @@ QString JRLegacyMarkerTag(const QString &marker)
 QVariantMap JRCoverage(const QVariantMap &draft)
 {
     const qint64 posted = JRPostSeconds(draft);
-    const QVariantList keys = listValue(draft.value(QStringLiteral("source_keys")));
+    const QVariantList keys = listValue(draft.value(DraftKey::kSourceKeys));
     if (!keys.isEmpty()) {
-        const QVariant amountsValue = draft.value(QStringLiteral("source_amounts"));
+        const QVariant amountsValue = draft.value(DraftKey::kSourceAmounts);
         if (isList(amountsValue) && amountsValue.toList().size() == keys.size()) {
             std::vector<qint64> amounts;
             for (const QVariant &amount : amountsValue.toList())
                 amounts.push_back(int64Value(amount));
             return split(keys, amounts, posted);
         }
-        const QVariant sessionsValue = draft.value(QStringLiteral("source_sessions"));
+        const QVariant sessionsValue = draft.value(DraftKey::kSourceSessions);
         if (isList(sessionsValue) && sessionsValue.toList().size() == keys.size()) {
             std::vector<qint64> amounts;
             for (const QVariant &entry : sessionsValue.toList()) {
                 const QVariantMap session = mapValue(entry);
-                const qint64 ms = saturatingSub(int64Value(session.value(QStringLiteral("end_ms"))),
-                    int64Value(session.value(QStringLiteral("start_ms"))));
+                const qint64 ms = saturatingSub(
+                    int64Value(session.value(SessionKey::kEndMs)), int64Value(session.value(SessionKey::kStartMs)));
                 const qint64 tracked = ms < -999 ? 0 : ms / 1000;
-                amounts.push_back(
-                    saturatingSub(tracked, int64Value(session.value(QStringLiteral("jira_logged_seconds")))));
+                amounts.push_back(saturatingSub(tracked, int64Value(session.value(SessionKey::kJiraLoggedSeconds))));
             }
             return split(keys, amounts, posted);
         }
     }
-    const QString sourceKey = plainText(draft.value(QStringLiteral("source_key")));
+    const QString sourceKey = plainText(draft.value(DraftKey::kSourceKey));
     if (sourceKey.isEmpty())
         return {};
     return QVariantMap {{sourceKey, posted}};
@@ -113,14 +117,13 @@ QVariantMap JRCoverage(const QVariantMap &draft)
 
 QVariantMap JRPayload(const QVariantMap &draft, const QString &marker)
 {
-    const QVariantMap value {{QStringLiteral("marker"), marker}, {QStringLiteral("sources"), JRCoverage(draft)}};
-    const QVariantMap property {{QStringLiteral("key"), kPropertyKey}, {QStringLiteral("value"), value}};
-    QVariantMap body {{QStringLiteral("started"), plainText(draft.value(QStringLiteral("started")))},
-        {QStringLiteral("timeSpentSeconds"), JRPostSeconds(draft)},
-        {QStringLiteral("properties"), QVariantList {property}}};
+    const QVariantMap value {{DraftKey::kMarker, marker}, {WorklogKey::kSources, JRCoverage(draft)}};
+    const QVariantMap property {{WorklogKey::kPropertyKey, kPropertyKey}, {WorklogKey::kPropertyValue, value}};
+    QVariantMap body {{DraftKey::kStarted, plainText(draft.value(DraftKey::kStarted))},
+        {WorklogKey::kTimeSpentSeconds, JRPostSeconds(draft)}, {WorklogKey::kProperties, QVariantList {property}}};
     const QString comment = rowComment(draft);
     if (!comment.isEmpty())
-        body.insert(QStringLiteral("comment"), commentDocument(comment));
+        body.insert(DraftKey::kComment, commentDocument(comment));
     return body;
 }
 
@@ -128,24 +131,24 @@ QVariantMap JRPayloadWithTag(const QVariantMap &draft, const QString &tag)
 {
     const QString comment = rowComment(draft);
     const QString text = comment.isEmpty() ? tag : comment + u'\n' + tag;
-    return QVariantMap {{QStringLiteral("started"), plainText(draft.value(QStringLiteral("started")))},
-        {QStringLiteral("timeSpentSeconds"), JRPostSeconds(draft)}, {QStringLiteral("comment"), commentDocument(text)}};
+    return QVariantMap {{DraftKey::kStarted, plainText(draft.value(DraftKey::kStarted))},
+        {WorklogKey::kTimeSpentSeconds, JRPostSeconds(draft)}, {DraftKey::kComment, commentDocument(text)}};
 }
 
 QString JRLogMarker(const QVariantMap &worklog)
 {
     const QVariantMap value = findProperty(worklog, [](const QVariantMap &map) {
-        const QVariant marker = map.value(QStringLiteral("marker"));
+        const QVariant marker = map.value(WorklogKey::kMarker);
         return marker.typeId() == QMetaType::QString && !marker.toString().isEmpty();
     });
     if (value.isEmpty())
         return {};
-    return value.value(QStringLiteral("marker")).toString();
+    return value.value(WorklogKey::kMarker).toString();
 }
 
 QVariantMap JRLogSources(const QVariantMap &worklog)
 {
     const QVariantMap value
-        = findProperty(worklog, [](const QVariantMap &map) { return isMap(map.value(QStringLiteral("sources"))); });
-    return value.value(QStringLiteral("sources")).toMap();
+        = findProperty(worklog, [](const QVariantMap &map) { return isMap(map.value(WorklogKey::kSources)); });
+    return value.value(WorklogKey::kSources).toMap();
 }

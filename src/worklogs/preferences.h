@@ -1,14 +1,8 @@
 #pragma once
 
-// Worklog preferences, the rounding of tracked time, the duration text the user reads and types, the plain
-// text of Jira rich-text comments, Jira's date format and the digest used for source keys and markers.
-// Every preference getter reads the settings afresh, so a change in Settings applies to the next call, except
-// while a JRPreferenceSnapshot lives on the calling thread.
-
-#include <QDateTime>
-#include <QString>
-#include <QVariant>
-#include <QVariantMap>
+// Worklog preferences. Every getter reads the settings afresh, so a change in Settings applies to the next
+// call, except while a JRPreferenceSnapshot lives on the calling thread. Durations are in durations.h, the texts
+// exchanged with Jira in text.h.
 
 #include <memory>
 
@@ -33,21 +27,6 @@ int JRWorkdayEndMinutes();
 void JRSetWorkdayMinutes(int start, int end);
 // `weekday`: 1 = Sunday ... 7 = Saturday.
 bool JRWorkdayIncludesWeekday(int weekday);
-
-// Nearest whole minute, 30 s rounding up; 0 for anything below 1.
-qint64 JRRoundedSeconds(qint64 seconds);
-// "post_seconds" when present (even 0), else "seconds".
-qint64 JRPostSeconds(const QVariantMap &draft);
-QString JRDurationText(qint64 seconds);
-// -1 when the text is not a duration ("90", "1h 30m", "45m", "2H").
-qint64 JRSecondsFromText(const QString &text);
-// The user's part of a posted comment: the marker tag line is cut off.
-QString JRCommentFromText(const QString &text);
-// Plain text of a rich-text document, node or list of nodes.
-QString JRText(const QVariant &node);
-QDateTime JRDate(const QVariant &value); // invalid = nothing
-QString JRISO(const QDateTime &date);
-QString JRHash(const QString &text);
 
 // While one lives, the preference getters on its thread read each stored value once and answer from that copy
 // afterwards: a run over many drafts opens the settings once, not once per draft, and sees one consistent set

@@ -1,8 +1,11 @@
 #include "worklogs/preparedworklogs.h"
 
+#include "records/worklog.h"
+#include "worklogs/durations.h"
 #include "worklogs/engineinternal.h"
 #include "worklogs/marker.h"
 #include "worklogs/preferences.h"
+#include "worklogs/text.h"
 
 namespace jrinternal
 {
@@ -17,17 +20,17 @@ PreparedWorklog prepare(const QVariant &entry)
         return prepared;
     const QVariantMap worklog = entry.toMap();
     prepared.isRecord = true;
-    const QVariant author = mapValue(worklog.value(QStringLiteral("author"))).value(QStringLiteral("accountId"));
+    const QVariant author = mapValue(worklog.value(WorklogKey::kAuthor)).value(WorklogKey::kAccountId);
     if (author.typeId() == QMetaType::QString)
         prepared.authorId = author.toString().isNull() ? QStringLiteral("") : author.toString();
-    prepared.id = plainText(worklog.value(QStringLiteral("id")));
-    const QVariant started = worklog.value(QStringLiteral("started"));
+    prepared.id = plainText(worklog.value(WorklogKey::kId));
+    const QVariant started = worklog.value(WorklogKey::kStarted);
     prepared.started = textValue(started);
     prepared.hasStart = parseJiraDate(started, prepared.startedMs);
-    const auto spent = worklog.constFind(QStringLiteral("timeSpentSeconds"));
+    const auto spent = worklog.constFind(WorklogKey::kTimeSpentSeconds);
     if (spent != worklog.constEnd())
         prepared.spent = int64Value(*spent, &prepared.hasSpent);
-    prepared.text = JRText(worklog.value(QStringLiteral("comment")));
+    prepared.text = JRText(worklog.value(WorklogKey::kComment));
     prepared.hasAnyTag = prepared.text.contains(QStringLiteral("[Hourloom:"))
         || prepared.text.contains(QStringLiteral("[Stintwatch Companion:"));
     // Both live in the worklog's properties; most worklogs have none.

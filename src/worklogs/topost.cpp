@@ -1,7 +1,11 @@
 #include "worklogs/topost.h"
 
+#include "records/draft.h"
+#include "records/session.h"
+#include "worklogs/durations.h"
 #include "worklogs/engineinternal.h"
 #include "worklogs/preferences.h"
+#include "worklogs/text.h"
 
 #include <QHash>
 #include <QSet>
@@ -16,11 +20,11 @@ namespace
 QVariantMap combined(std::vector<QVariantMap> group)
 {
     std::stable_sort(group.begin(), group.end(), [](const QVariantMap &a, const QVariantMap &b) {
-        const QString startedA = plainText(a.value(QStringLiteral("started")));
-        const QString startedB = plainText(b.value(QStringLiteral("started")));
+        const QString startedA = plainText(a.value(DraftKey::kStarted));
+        const QString startedB = plainText(b.value(DraftKey::kStarted));
         if (startedA != startedB)
             return startedA < startedB;
-        return plainText(a.value(QStringLiteral("source_key"))) < plainText(b.value(QStringLiteral("source_key")));
+        return plainText(a.value(DraftKey::kSourceKey)) < plainText(b.value(DraftKey::kSourceKey));
     });
 
     const QVariantMap &first = group.front();
@@ -29,55 +33,54 @@ QVariantMap combined(std::vector<QVariantMap> group)
     QVariantList keyList, sessions, amounts, manualMatches;
     for (const QVariantMap &draft : group) {
         const qint64 postSeconds = JRPostSeconds(draft);
-        seconds = saturatingAdd(seconds, int64Value(draft.value(QStringLiteral("seconds"))));
-        logged = saturatingAdd(logged, int64Value(draft.value(QStringLiteral("logged_seconds"))));
-        remaining = saturatingAdd(remaining, int64Value(draft.value(QStringLiteral("remaining_seconds"))));
+        seconds = saturatingAdd(seconds, int64Value(draft.value(DraftKey::kSeconds)));
+        logged = saturatingAdd(logged, int64Value(draft.value(DraftKey::kLoggedSeconds)));
+        remaining = saturatingAdd(remaining, int64Value(draft.value(DraftKey::kRemainingSeconds)));
         post = saturatingAdd(post, postSeconds);
-        const QString key = plainText(draft.value(QStringLiteral("source_key")));
+        const QString key = plainText(draft.value(DraftKey::kSourceKey));
         keys.append(key);
         keyList.append(key);
-        sessions.append(mapValue(draft.value(QStringLiteral("session"))));
+        sessions.append(mapValue(draft.value(DraftKey::kSession)));
         amounts.append(postSeconds);
-        manualMatches.append(listValue(draft.value(QStringLiteral("manual_matches"))));
+        manualMatches.append(listValue(draft.value(DraftKey::kManualMatches)));
     }
 
     QVariantMap result = first;
     const QString sourceKey = JRHash(keys.join(u'|'));
-    const QString firstIssue = plainText(first.value(QStringLiteral("issue")));
-    result.insert(QStringLiteral("source_key"), sourceKey);
-    result.insert(
-        QStringLiteral("marker_seed"), QString(sourceKey + u'|' + QString::number(logged) + u'|' + firstIssue));
-    result.insert(QStringLiteral("seconds"), seconds);
-    result.insert(QStringLiteral("logged_seconds"), logged);
-    result.insert(QStringLiteral("remaining_seconds"), remaining);
+    const QString firstIssue = plainText(first.value(DraftKey::kIssue));
+    result.insert(DraftKey::kSourceKey, sourceKey);
+    result.insert(DraftKey::kMarkerSeed, QString(sourceKey + u'|' + QString::number(logged) + u'|' + firstIssue));
+    result.insert(DraftKey::kSeconds, seconds);
+    result.insert(DraftKey::kLoggedSeconds, logged);
+    result.insert(DraftKey::kRemainingSeconds, remaining);
     // Rounded once over the whole group, so that sub-minute fragments add up instead of vanishing.
-    result.insert(QStringLiteral("post_seconds"), JRRoundedSeconds(post));
-    result.insert(QStringLiteral("source_keys"), keyList);
-    result.insert(QStringLiteral("source_sessions"), sessions);
-    result.insert(QStringLiteral("source_amounts"), amounts);
-    result.insert(QStringLiteral("combined_count"), qint64(group.size()));
-    result.insert(QStringLiteral("manual_matches"), manualMatches);
-    result.insert(QStringLiteral("fragment"), false);
+    result.insert(DraftKey::kPostSeconds, JRRoundedSeconds(post));
+    result.insert(DraftKey::kSourceKeys, keyList);
+    result.insert(DraftKey::kSourceSessions, sessions);
+    result.insert(DraftKey::kSourceAmounts, amounts);
+    result.insert(DraftKey::kCombinedCount, qint64(group.size()));
+    result.insert(DraftKey::kManualMatches, manualMatches);
+    result.insert(DraftKey::kFragment, false);
 
     // A custom comment is kept only when every session of the group carries the very same one.
-    bool keepCustom = isYes(first.value(QStringLiteral("comment_custom")));
-    const QVariant firstComment = first.value(QStringLiteral("comment"));
+    bool keepCustom = isYes(first.value(DraftKey::kCommentCustom));
+    const QVariant firstComment = first.value(DraftKey::kComment);
     for (const QVariantMap &draft : group) {
         if (!keepCustom)
             break;
-        keepCustom = isYes(draft.value(QStringLiteral("comment_custom"))) && draft.contains(QStringLiteral("comment"))
-            && plainText(draft.value(QStringLiteral("comment"))) == plainText(firstComment);
+        keepCustom = isYes(draft.value(DraftKey::kCommentCustom)) && draft.contains(DraftKey::kComment)
+            && plainText(draft.value(DraftKey::kComment)) == plainText(firstComment);
     }
     if (keepCustom) {
-        result.insert(QStringLiteral("comment"), plainText(firstComment));
-        result.insert(QStringLiteral("comment_custom"), true);
+        result.insert(DraftKey::kComment, plainText(firstComment));
+        result.insert(DraftKey::kCommentCustom, true);
     } else {
-        const QVariantMap session = mapValue(first.value(QStringLiteral("session")));
-        const auto description = session.constFind(QStringLiteral("description"));
-        result.insert(QStringLiteral("comment"),
+        const QVariantMap session = mapValue(first.value(DraftKey::kSession));
+        const auto description = session.constFind(SessionKey::kDescription);
+        result.insert(DraftKey::kComment,
             description != session.constEnd() && !description->isNull() ? plainText(*description)
                                                                         : plainText(firstComment));
-        result.insert(QStringLiteral("comment_custom"), false);
+        result.insert(DraftKey::kCommentCustom, false);
     }
     return result;
 }
@@ -112,7 +115,7 @@ QVariantList JRWorklogsToPost(const QVariantList &drafts)
     for (auto &group : groups) {
         if (group.size() == 1) {
             // A fragment is a sub-minute piece that only counts as part of its group, never on its own.
-            if (isYes(group.front().value(QStringLiteral("fragment"))))
+            if (isYes(group.front().value(DraftKey::kFragment)))
                 continue;
             result.append(group.front());
             continue;
@@ -128,7 +131,7 @@ void JRDayWindow(const QVariantList &rows, QDateTime &from, QDateTime &to)
 {
     QDateTime earliest, latest;
     for (const QVariant &row : rows) {
-        const QDateTime started = JRDate(mapValue(row).value(QStringLiteral("started")));
+        const QDateTime started = JRDate(mapValue(row).value(DraftKey::kStarted));
         if (!started.isValid())
             continue;
         if (!earliest.isValid() || started < earliest)
@@ -142,8 +145,9 @@ void JRDayWindow(const QVariantList &rows, QDateTime &from, QDateTime &to)
         return;
     }
     // An hour of margin on both sides catches worklogs whose stored offset differs from the local one.
-    from = localDayStart(localDay(earliest)).addSecs(-3600);
-    to = localDayStart(localDay(latest).addDays(1)).addSecs(3600);
+    constexpr qint64 kMarginSeconds = 3600;
+    from = localDayStart(localDay(earliest)).addSecs(-kMarginSeconds);
+    to = localDayStart(localDay(latest).addDays(1)).addSecs(kMarginSeconds);
 }
 
 QStringList JRSourceKeysForRows(const QVariantList &rows)
@@ -158,8 +162,8 @@ QStringList JRSourceKeysForRows(const QVariantList &rows)
     };
     for (const QVariant &row : rows) {
         const QVariantMap map = mapValue(row);
-        add(plainText(map.value(QStringLiteral("source_key"))));
-        for (const QVariant &key : listValue(map.value(QStringLiteral("source_keys"))))
+        add(plainText(map.value(DraftKey::kSourceKey)));
+        for (const QVariant &key : listValue(map.value(DraftKey::kSourceKeys)))
             add(plainText(key));
     }
     return keys;

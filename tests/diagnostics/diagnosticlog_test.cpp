@@ -1,4 +1,6 @@
 #include "diagnostics/diagnosticlog.h"
+
+#include "platform/clock.h"
 #include "support/testenv.h"
 
 #include <QDir>
@@ -117,7 +119,8 @@ TEST_F(DiagnosticLogTest, RecordsFilteredLinesInPrivateFilesAndFolders)
     const QString folder = m_dir + QStringLiteral("/a/b");
     DiagnosticLog log(folder);
     EXPECT_EQ(log.path(2), folder + QStringLiteral("/diagnostics-2.jsonl"));
-    log.setClock([] { return 1774000000.25; });
+    const TestClock clock(QDateTime::fromMSecsSinceEpoch(1774000000250));
+    log.setClock(&clock);
     log.record(QStringLiteral("jira_compare_completed"),
         {{QStringLiteral("count"), 4}, {QStringLiteral("failed"), true},
             {QStringLiteral("description"), QStringLiteral("secret task")}});
@@ -141,10 +144,11 @@ TEST_F(DiagnosticLogTest, RecordsFilteredLinesInPrivateFilesAndFolders)
 TEST_F(DiagnosticLogTest, RotatesOverThreeFilesExactlyAtTheThreshold)
 {
     DiagnosticLog log(m_dir);
-    log.setClock([] { return 1774000000.5; });
+    const TestClock clock(QDateTime::fromMSecsSinceEpoch(1774000000500));
+    log.setClock(&clock);
     // The length of one record, measured by writing one into a scratch log with the same clock.
     DiagnosticLog probe(testenv::freshDir(QStringLiteral("probe")));
-    probe.setClock([] { return 1774000000.5; });
+    probe.setClock(&clock);
     probe.record(QStringLiteral("app_started"));
     const qint64 recordLength = linesOf(probe.path(0)).value(0).size();
     ASSERT_GT(recordLength, 20);

@@ -101,10 +101,14 @@ QVariantMap ServiceFixture::compare(const QVariantList &drafts, QVariantList *ev
 {
     QVariantMap result;
     m_client->queue().sync([&] {
-        result = m_service->compareDrafts(drafts, kCloud, [events](const QVariantMap &event) {
-            if (events)
-                events->append(event);
-        });
+        try {
+            result = m_service->checkDrafts(drafts, kCloud, [events](const QVariantMap &event) {
+                if (events)
+                    events->append(event);
+            });
+        } catch (const NamedFailure &failure) {
+            result = {{QStringLiteral("error"), failure.reason()}};
+        }
     });
     return result;
 }

@@ -1,5 +1,7 @@
 #include "summary/exchangerate.h"
 
+#include "platform/clock.h"
+
 #include "standin/server.h"
 
 #include <QDate>
@@ -40,7 +42,7 @@ protected:
         settings.setValue(QStringLiteral("ConvertEarnings"), true);
         settings.setValue(QStringLiteral("HourlyRate"), QStringLiteral("45"));
         m_now = QDateTime::currentDateTimeUtc();
-        m_rates = std::make_unique<ExchangeRate>([this] { return m_now; });
+        m_rates = std::make_unique<ExchangeRate>(&m_clock);
     }
     void TearDown() override
     {
@@ -70,6 +72,16 @@ protected:
 
     standin::Server m_server;
     QDateTime m_now;
+    // A clock that reads m_now.
+    struct FixtureClock : Clock {
+        const QDateTime &now;
+        explicit FixtureClock(const QDateTime &time)
+            : now(time)
+        {
+        }
+        QDateTime wallNow() const override { return now; }
+        qint64 monotonicMs() const override { return 0; }
+    } m_clock {m_now};
     std::unique_ptr<ExchangeRate> m_rates;
 };
 

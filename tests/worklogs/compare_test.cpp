@@ -3,9 +3,11 @@
 #include "support/testenv.h"
 #include "worklogbuilders.h"
 #include "worklogs/drafts.h"
+#include "worklogs/durations.h"
 #include "worklogs/manualmatches.h"
 #include "worklogs/marker.h"
 #include "worklogs/preferences.h"
+#include "worklogs/text.h"
 
 using namespace wl;
 

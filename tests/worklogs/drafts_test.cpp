@@ -2,7 +2,9 @@
 
 #include "support/testenv.h"
 #include "worklogbuilders.h"
+#include "worklogs/durations.h"
 #include "worklogs/preferences.h"
+#include "worklogs/text.h"
 
 using namespace wl;
 

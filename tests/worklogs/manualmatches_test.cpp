@@ -2,8 +2,10 @@
 
 #include "support/testenv.h"
 #include "worklogbuilders.h"
+#include "worklogs/durations.h"
 #include "worklogs/marker.h"
 #include "worklogs/preferences.h"
+#include "worklogs/text.h"
 
 #include <QRandomGenerator>
 #include <QTimeZone>

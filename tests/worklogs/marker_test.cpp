@@ -2,7 +2,9 @@
 
 #include "worklogbuilders.h"
 #include "worklogs/drafts.h"
+#include "worklogs/durations.h"
 #include "worklogs/preferences.h"
+#include "worklogs/text.h"
 
 #include <QRandomGenerator>
 

@@ -1,4 +1,6 @@
+#include "worklogs/durations.h"
 #include "worklogs/preferences.h"
+#include "worklogs/text.h"
 
 #include "support/testenv.h"
 #include "worklogbuilders.h"

@@ -3,8 +3,10 @@
 #include "support/testenv.h"
 #include "worklogbuilders.h"
 #include "worklogs/drafts.h"
+#include "worklogs/durations.h"
 #include "worklogs/marker.h"
 #include "worklogs/preferences.h"
+#include "worklogs/text.h"
 
 #include <QRandomGenerator>
 

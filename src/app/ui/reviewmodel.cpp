@@ -1,7 +1,9 @@
 #include "app/ui/reviewmodel.h"
 
 #include "app/ui/reviewrules.h"
+#include "worklogs/durations.h"
 #include "worklogs/preferences.h"
+#include "worklogs/text.h"
 
 #include <QFont>
 #include <QGuiApplication>
