@@ -317,21 +317,24 @@ TEST_F(Post, WorklogAlreadyInJiraWithoutAReceiptIsCaughtByTheRecheck)
     EXPECT_EQ(m_server.worklogCount(QStringLiteral("ABC-1")), 1);
 }
 
-TEST_F(Post, EstimateIsReducedOnlyWhenTheUserAskedForIt)
+TEST_F(Post, EstimateFollowsThePreferenceUnlessTheCallerChooses)
 {
     const bool saved = JRReduceEstimateOnPost();
-    const QVariantList rows = threeApproved();
+    const QVariantList rows = threeApproved(QStringLiteral("ABC-3")); // three issues: no re-check sees another
     JRSetReduceEstimateOnPost(true);
     ASSERT_TRUE(post(rows.mid(0, 1)).failure.isEmpty());
     JRSetReduceEstimateOnPost(false);
-    ASSERT_TRUE(post(rows.mid(2, 1)).failure.isEmpty());
+    ASSERT_TRUE(post(rows.mid(1, 1)).failure.isEmpty());
+    m_client->queue().sync(
+        [&] { m_service->postDrafts(rows.mid(2, 1), kCloud, kAccount, 0, WorklogService::Estimate::Reduce); });
     JRSetReduceEstimateOnPost(saved);
 
     const QList<standin::ReceivedRequest> posts
         = m_server.requests(QStringLiteral("POST"), QStringLiteral("/worklog$"));
-    ASSERT_EQ(posts.size(), 2);
+    ASSERT_EQ(posts.size(), 3);
     EXPECT_EQ(posts.at(0).queryItem(QStringLiteral("adjustEstimate")), QStringLiteral("auto"));
     EXPECT_EQ(posts.at(1).queryItem(QStringLiteral("adjustEstimate")), QStringLiteral("leave"));
+    EXPECT_EQ(posts.at(2).queryItem(QStringLiteral("adjustEstimate")), QStringLiteral("auto"));
 }
 
 TEST_F(Post, RunThatNoLongerMatchesTheCheckIsRefusedBeforeAnythingIsSent)
