@@ -107,6 +107,8 @@ INSTANTIATE_TEST_SUITE_P(Ledgers, ReceiptStoreDamaged,
         DamagedLedger {"JsonScalar", [](const QString &path) { writeFile(path, "42"); }},
         DamagedLedger {"EmptyFile", [](const QString &path) { writeFile(path, ""); }},
         DamagedLedger {"Directory", [](const QString &path) { QDir().mkpath(path); }},
+        // A link whose target is gone "exists" as a link: it must block, not read as an empty ledger.
+        DamagedLedger {"DanglingLink", [](const QString &path) { QFile::link(path + QStringLiteral(".gone"), path); }},
         DamagedLedger {"NoReadPermission",
             [](const QString &path) {
                 writeFile(path, "{}");
