@@ -25,6 +25,8 @@ fi
     -DHOURLOOM_TEST_HOOKS=ON -DHOURLOOM_BUILD_BENCHMARKS=OFF >/dev/null
 cmake --build "$build" --parallel >/dev/null || { echo "fault-check: the clean tree does not build" >&2; exit 2; }
 
+logs=$build/fault-logs # one build and one test log per fault
+mkdir -p "$logs"
 caught=0 missed=0 broken=0
 current=""
 restore() { [[ -n "$current" ]] && git checkout -q -- "$current"; current=""; }
@@ -87,17 +89,17 @@ PY
     fi
     current=$file
     # shellcheck disable=SC2086
-    if ! cmake --build "$build" --parallel --target $targets >"/tmp/fault-check-$id.build.log" 2>&1; then
+    if ! cmake --build "$build" --parallel --target $targets >"$logs/$id.build.log" 2>&1; then
         echo "NO BUILD     $id"
         broken=$((broken + 1))
-    elif scripts/run-tests.sh "$build" -R "$regex" >"/tmp/fault-check-$id.log" 2>&1; then
+    elif scripts/run-tests.sh "$build" -R "$regex" >"$logs/$id.log" 2>&1; then
         echo "MISSED       $id"
         missed=$((missed + 1))
-    elif grep -q "tests failed out of" "/tmp/fault-check-$id.log"; then
-        echo "caught       $id  ($(grep -o '[0-9]* tests failed out of [0-9]*' "/tmp/fault-check-$id.log"))"
+    elif grep -q "tests failed out of" "$logs/$id.log"; then
+        echo "caught       $id  ($(grep -o '[0-9]* tests failed out of [0-9]*' "$logs/$id.log"))"
         caught=$((caught + 1))
     else
-        echo "NO RUN       $id  (see /tmp/fault-check-$id.log)"
+        echo "NO RUN       $id  (see $logs/$id.log)"
         broken=$((broken + 1))
     fi
     restore
