@@ -15,9 +15,9 @@ public:
     ~ChildProcess();
 
     // Waits until the child printed `line` on stdout; false when it exited or the time ran out.
-    bool waitForLine(const QString &line, int timeoutMs = 20000);
+    bool waitForLine(const QString &line, int timeoutMs = 60000);
     void kill(); // SIGKILL, then reaps it
-    int waitForExit(int timeoutMs = 20000); // exit code, or -1 when it crashed or did not end
+    int waitForExit(int timeoutMs = 60000); // exit code, or -1 when it crashed or did not end
     QString output() const { return m_output; }
     QString errors() const;
 

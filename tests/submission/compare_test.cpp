@@ -204,19 +204,3 @@ TEST_F(Compare, ExclusionsRunningAndCompleteDraftsAreNeverTicked)
     EXPECT_EQ(remainder.value(QStringLiteral("post_seconds")).toLongLong(), 3000);
     EXPECT_EQ(requestCount(QStringLiteral("GET"), QStringLiteral("/issue/ABC-2/worklog$")), 0);
 }
-
-TEST_F(Compare, HandMadeWorklogIsOfferedAsAManualMatch)
-{
-    m_server.addWorklog({QStringLiteral("ABC-1"), kAccount, at(2, 15), 3600,
-        standin::commentDocument(QStringLiteral("a")), {}, {}, {}});
-    const QVariantMap result
-        = compare(draftsOf({session(QStringLiteral("ABC-1"), at(2, 9), 3600, QStringLiteral("a"), 1)}, at(2, 12)));
-    const QVariantMap draft = result.value(QStringLiteral("drafts")).toList().value(0).toMap();
-    EXPECT_EQ(draft.value(QStringLiteral("status")).toString(),
-        QStringLiteral("Possible manual worklog — confirm match or review"));
-    EXPECT_TRUE(draft.value(QStringLiteral("include")).toBool());
-    ASSERT_EQ(draft.value(QStringLiteral("manual_matches")).toList().size(), 1);
-    EXPECT_EQ(
-        draft.value(QStringLiteral("manual_matches")).toList().first().toMap().value(QStringLiteral("score")).toInt(),
-        3);
-}

@@ -249,23 +249,6 @@ TEST_F(GuardRun, LockIsHeldUntilTheRunsLastEventIsReported)
     EXPECT_NO_THROW(SubmissionLock(m_directory + QStringLiteral("/jira-submit.lock")));
 }
 
-TEST_F(GuardRun, EstimateModeTravelsWithTheRequest)
-{
-    const QVariantList rows = checkedRows();
-    const bool saved = JRReduceEstimateOnPost();
-    JRSetReduceEstimateOnPost(false);
-    m_client->queue().sync([&] {
-        m_service->postDrafts(rows.mid(0, 1), kCloud, kAccount, 0, WorklogService::Estimate::Reduce);
-        m_service->postDrafts(rows.mid(1, 1), kCloud, kAccount, 0, WorklogService::Estimate::Leave);
-    });
-    JRSetReduceEstimateOnPost(saved);
-    const QList<standin::ReceivedRequest> posts
-        = m_server.requests(QStringLiteral("POST"), QStringLiteral("/worklog$"));
-    ASSERT_EQ(posts.size(), 2);
-    EXPECT_EQ(posts.at(0).queryItem(QStringLiteral("adjustEstimate")), QStringLiteral("auto"));
-    EXPECT_EQ(posts.at(1).queryItem(QStringLiteral("adjustEstimate")), QStringLiteral("leave"));
-}
-
 struct LateExclusion {
     const char *name;
     const char *kind;

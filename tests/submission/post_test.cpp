@@ -155,8 +155,9 @@ TEST_F(Post, AnswerLostAfterCreationLeavesPendingAndTheWorklogIsRecognised)
 TEST_F(Post, TimeOutOnTheSecondOfThreeStopsTheRun)
 {
     const QVariantList rows = threeApproved(QStringLiteral("ABC-3"));
-    // Longer than the transport's 25 s limit for a whole transfer; the stand-in still creates the worklog late.
-    m_server.addFault(standin::Fault::slow(QStringLiteral("POST"), QStringLiteral("/issue/ABC-3/worklog$"), 27000));
+    // The answer never comes within the transport's 25 s limit for a whole transfer (the stand-in holds it far
+    // longer), so the time-out does not race the answer however busy the machine is.
+    m_server.addFault(standin::Fault::slow(QStringLiteral("POST"), QStringLiteral("/issue/ABC-3/worklog$"), 600000));
     const PostOutcome outcome = post(rows);
     EXPECT_EQ(outcome.failure, kDropped);
     EXPECT_EQ(receiptState(ledger(), markerOf(rows, 0)), QStringLiteral("posted"));
@@ -168,12 +169,16 @@ TEST_F(Post, TimeOutOnTheSecondOfThreeStopsTheRun)
     EXPECT_EQ(failed.value(QStringLiteral("state")).toString(), QStringLiteral("failed"));
     EXPECT_EQ(failed.value(QStringLiteral("issue")).toString(), QStringLiteral("ABC-3"));
     EXPECT_EQ(failed.value(QStringLiteral("completed")).toLongLong(), 1);
+    const auto sent = m_server.requests(QStringLiteral("POST"), QStringLiteral("/issue/ABC-3/worklog$"));
+    ASSERT_EQ(sent.size(), 1);
 
     m_server.clearRequests();
     EXPECT_EQ(post(rows).failure, kDuplicateSession);
     EXPECT_EQ(post(rows.mid(1, 1)).failure, kDuplicateSession);
     EXPECT_EQ(worklogPosts(), 0);
-    ASSERT_TRUE(testenv::waitFor([this] { return m_server.worklogCount(QStringLiteral("ABC-3")) == 1; }, 10000));
+    // Jira creates the worklog after the program gave up on it.
+    createLate(sent.first());
+    ASSERT_EQ(m_server.worklogCount(QStringLiteral("ABC-3")), 1);
     expectJiraConsistentWithLedger({QStringLiteral("ABC-1"), QStringLiteral("ABC-2"), QStringLiteral("ABC-3")});
 }
 
@@ -214,53 +219,27 @@ TEST_F(Post, SecondProcessFailsAtOnceWithTheLockMessageAndSendsNothing)
     EXPECT_EQ(worklogPosts(), 0);
 }
 
-struct LedgerDamage {
-    const char *name;
-    QByteArray content; // null: made unreadable instead
-};
-
-void PrintTo(const LedgerDamage &damage, std::ostream *out)
-{
-    *out << damage.name;
-}
-
-class PostDamagedLedger : public Post, public ::testing::WithParamInterface<LedgerDamage>
-{
-};
-
-TEST_P(PostDamagedLedger, BlocksPostingAndKeepsTheFileByteForByte)
+// The ledger's own tests cover every kind of damage; here: a post run reads it before anything is sent.
+TEST_F(Post, LedgerThatCannotBeReadOrWrittenSendsNothing)
 {
     const QVariantList rows = threeApproved();
     const QString path = m_service->store().path();
     QFile file(path);
     ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(GetParam().content.isNull() ? QByteArray("{}") : GetParam().content);
+    file.write("{\"abc\":");
     file.close();
-    if (GetParam().content.isNull())
-        QFile::setPermissions(path, QFileDevice::WriteOwner);
-    const QByteArray before = fileBytes(path);
-
-    const PostOutcome outcome = post(rows, kAccount, 0, true);
+    PostOutcome outcome = post(rows, kAccount, 0, true);
     EXPECT_EQ(outcome.failure,
         QStringLiteral("ReceiptError: Submission history is unreadable. Posting is blocked to prevent duplicates."));
     EXPECT_EQ(requestCount(QStringLiteral("GET"), QStringLiteral("/worklog$")), 0);
-    EXPECT_EQ(worklogPosts(), 0);
-    EXPECT_EQ(fileBytes(path), before);
-}
+    EXPECT_EQ(fileBytes(path), QByteArray("{\"abc\":"));
+    ASSERT_TRUE(QFile::remove(path));
 
-INSTANTIATE_TEST_SUITE_P(Ledgers, PostDamagedLedger,
-    ::testing::Values(LedgerDamage {"InvalidJson", QByteArray("{\"abc\":")},
-        LedgerDamage {"JsonArray", QByteArray("[]")}, LedgerDamage {"Unreadable", QByteArray()}),
-    [](const ::testing::TestParamInfo<LedgerDamage> &param) { return std::string(param.param.name); });
-
-TEST_F(Post, RefusedLedgerWriteSendsNothing)
-{
-    const QVariantList rows = threeApproved();
     {
         SubmissionLock created(m_directory + QStringLiteral("/jira-submit.lock"));
     }
     QFile::setPermissions(m_directory, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
-    const PostOutcome outcome = post(rows, kAccount, 0, true);
+    outcome = post(rows, kAccount, 0, true);
     QFile::setPermissions(m_directory, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
 
     EXPECT_EQ(outcome.failure, QStringLiteral("ReceiptError: Could not save submission history. Posting stopped."));
@@ -338,52 +317,57 @@ TEST_F(Post, WorklogAlreadyInJiraWithoutAReceiptIsCaughtByTheRecheck)
     EXPECT_EQ(m_server.worklogCount(QStringLiteral("ABC-1")), 1);
 }
 
-TEST_F(Post, EstimateIsReducedOnlyWhenTheUserAskedForIt)
+TEST_F(Post, EstimateFollowsThePreferenceUnlessTheCallerChooses)
 {
     const bool saved = JRReduceEstimateOnPost();
-    const QVariantList rows = threeApproved();
+    const QVariantList rows = threeApproved(QStringLiteral("ABC-3")); // three issues: no re-check sees another
     JRSetReduceEstimateOnPost(true);
     ASSERT_TRUE(post(rows.mid(0, 1)).failure.isEmpty());
     JRSetReduceEstimateOnPost(false);
-    ASSERT_TRUE(post(rows.mid(2, 1)).failure.isEmpty());
+    ASSERT_TRUE(post(rows.mid(1, 1)).failure.isEmpty());
+    m_client->queue().sync(
+        [&] { m_service->postDrafts(rows.mid(2, 1), kCloud, kAccount, 0, WorklogService::Estimate::Reduce); });
     JRSetReduceEstimateOnPost(saved);
 
     const QList<standin::ReceivedRequest> posts
         = m_server.requests(QStringLiteral("POST"), QStringLiteral("/worklog$"));
-    ASSERT_EQ(posts.size(), 2);
+    ASSERT_EQ(posts.size(), 3);
     EXPECT_EQ(posts.at(0).queryItem(QStringLiteral("adjustEstimate")), QStringLiteral("auto"));
     EXPECT_EQ(posts.at(1).queryItem(QStringLiteral("adjustEstimate")), QStringLiteral("leave"));
+    EXPECT_EQ(posts.at(2).queryItem(QStringLiteral("adjustEstimate")), QStringLiteral("auto"));
 }
 
-TEST_F(Post, AnotherAccountOrAReconnectSendsNothing)
+TEST_F(Post, RunThatNoLongerMatchesTheCheckIsRefusedBeforeAnythingIsSent)
 {
     const QVariantList rows = threeApproved();
-    PostOutcome outcome = post(rows, kOtherAccount);
-    EXPECT_EQ(outcome.failure, QStringLiteral("AccountChanged: Jira account changed. Check Jira again."));
-
-    m_client->setGeneration(m_client->generation() + 1);
-    outcome = post(rows, kAccount, m_client->generation() - 1);
-    EXPECT_EQ(outcome.failure, QStringLiteral("ConnectionChanged: Jira connection changed. Check Jira again."));
-    EXPECT_EQ(states(outcome.events), QStringList {QStringLiteral("failed")});
-    EXPECT_TRUE(outcome.posted.isEmpty());
-
-    EXPECT_EQ(requestCount(QStringLiteral("GET"), QStringLiteral("/worklog$")), 0);
-    EXPECT_EQ(worklogPosts(), 0);
-    EXPECT_TRUE(ledger().isEmpty());
-}
-
-TEST_F(Post, ExcludedSessionIsRefused)
-{
-    const QVariantList rows = threeApproved();
-    QVariantList changed = rows;
-    QVariantMap row = changed.at(1).toMap();
+    QVariantList excluded = rows;
+    QVariantMap row = excluded.at(1).toMap();
     QVariantMap sessionRecord = row.value(QStringLiteral("session")).toMap();
     sessionRecord.insert(
         QStringLiteral("jira_exclusion"), QVariantMap {{QStringLiteral("kind"), QStringLiteral("ignore")}});
     row.insert(QStringLiteral("session"), sessionRecord);
-    changed[1] = row;
-    EXPECT_EQ(post(changed).failure, QStringLiteral("Excluded: This session is excluded from Jira. Check Jira again."));
+    excluded[1] = row;
+    m_client->setGeneration(m_client->generation() + 1);
+    const qint64 now = m_client->generation();
+
+    const QList<std::tuple<const char *, QVariantList, QString, qint64, QString>> cases = {
+        {"another account", rows, kOtherAccount, now,
+            QStringLiteral("AccountChanged: Jira account changed. Check Jira again.")},
+        {"a reconnect", rows, kAccount, now - 1,
+            QStringLiteral("ConnectionChanged: Jira connection changed. Check Jira again.")},
+        {"an excluded session", excluded, kAccount, now,
+            QStringLiteral("Excluded: This session is excluded from Jira. Check Jira again.")},
+        {"the same marker twice", {rows.at(0), rows.at(1), rows.at(0)}, kAccount, now, kDuplicateSession},
+    };
+    for (const auto &[name, run, account, generation, message] : cases) {
+        const PostOutcome outcome = post(run, account, generation);
+        EXPECT_EQ(outcome.failure, message) << name;
+        EXPECT_EQ(states(outcome.events), QStringList {QStringLiteral("failed")}) << name;
+        EXPECT_TRUE(outcome.posted.isEmpty()) << name;
+    }
+    EXPECT_EQ(requestCount(QStringLiteral("GET"), QStringLiteral("/worklog$")), 0);
     EXPECT_EQ(worklogPosts(), 0);
+    EXPECT_TRUE(ledger().isEmpty());
 }
 
 struct PostRefusal {
@@ -458,14 +442,6 @@ TEST_F(Post, CombinedWorklogCoversItsSessionsAndIsRecognisedPerSession)
         EXPECT_EQ(
             draft.toMap().value(QStringLiteral("status")).toString(), QStringLiteral("Posted in a combined worklog"));
     EXPECT_TRUE(approved(again).isEmpty());
-}
-
-TEST_F(Post, SameMarkerTwiceInOneRunIsRefusedBeforeAnythingIsSent)
-{
-    const QVariantList rows = threeApproved();
-    EXPECT_EQ(post({rows.at(0), rows.at(1), rows.at(0)}).failure, kDuplicateSession);
-    EXPECT_EQ(m_server.requests(QStringLiteral("GET"), QStringLiteral("/worklog$")).size(), 0);
-    EXPECT_EQ(worklogPosts(), 0);
 }
 
 TEST_F(Post, RunningDayTotalFollowsTheLocalCalendarAcrossZones)

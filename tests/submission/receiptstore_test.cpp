@@ -1,3 +1,4 @@
+#include "submission/receiptcoverage.h"
 #include "submission/receiptstore.h"
 
 #include "fsguards.h"
@@ -107,6 +108,8 @@ INSTANTIATE_TEST_SUITE_P(Ledgers, ReceiptStoreDamaged,
         DamagedLedger {"JsonScalar", [](const QString &path) { writeFile(path, "42"); }},
         DamagedLedger {"EmptyFile", [](const QString &path) { writeFile(path, ""); }},
         DamagedLedger {"Directory", [](const QString &path) { QDir().mkpath(path); }},
+        // A link whose target is gone "exists" as a link: it must block, not read as an empty ledger.
+        DamagedLedger {"DanglingLink", [](const QString &path) { QFile::link(path + QStringLiteral(".gone"), path); }},
         DamagedLedger {"NoReadPermission",
             [](const QString &path) {
                 writeFile(path, "{}");
@@ -131,4 +134,35 @@ TEST(ReceiptStore, RefusedWriteKeepsTheOldLedger)
 
     EXPECT_EQ(failure, QStringLiteral("ReceiptError: ") + kUnsaved);
     EXPECT_EQ(fileBytes(store.path()), before);
+}
+
+// The guard that keeps a session's time in Jira at most what it tracked, over receipts of any marker. The
+// session "k" tracked one hour.
+TEST(ReceiptCoverage, RefusesWhatWouldPutMoreOfASessionIntoJiraThanItTracked)
+{
+    const auto receipt = [](const char *state, const QVariant &coverage, const char *cloud = "c") {
+        return QVariantMap {{QStringLiteral("state"), QString::fromLatin1(state)},
+            {QStringLiteral("cloud"), QString::fromLatin1(cloud)}, {QStringLiteral("coverage"), coverage},
+            {QStringLiteral("source_key"), QStringLiteral("k")},
+            {QStringLiteral("payload"), QVariantMap {{QStringLiteral("timeSpentSeconds"), 600}}}};
+    };
+    const auto covering = [](qint64 seconds) { return QVariantMap {{QStringLiteral("k"), seconds}}; };
+    const QVariantMap hour {{QStringLiteral("start_ms"), 0}, {QStringLiteral("end_ms"), 3600000}};
+    const QList<std::tuple<const char *, QVariantMap, qint64, QVariantMap, bool>> cases = {
+        {"posted in full, a few seconds more", receipt("posted", covering(3600)), 20, hour, true},
+        {"the rest of the hour", receipt("posted", covering(3000)), 600, hour, false},
+        {"the rest within the rounding slack", receipt("posted", covering(3000)), 630, hour, false},
+        {"beyond the rounding slack", receipt("posted", covering(3000)), 631, hour, true},
+        {"nothing to post", receipt("posted", covering(3600)), 0, hour, false},
+        {"pending, whatever it covers", receipt("pending", covering(1)), 60, hour, true},
+        {"tracked time unknown", receipt("posted", covering(60)), 60, {}, true},
+        {"another site's receipt", receipt("posted", covering(3600), "other"), 600, hour, false},
+        {"no coverage: its own key with its payload's seconds", receipt("posted", QVariant()), 3031, hour, true},
+    };
+    for (const auto &[name, stored, seconds, session, refused] : cases) {
+        const ReceiptCoverage coverage({{QStringLiteral("m"), stored}}, QStringLiteral("c"));
+        const QVariantMap row {{QStringLiteral("source_key"), QStringLiteral("k")},
+            {QStringLiteral("post_seconds"), seconds}, {QStringLiteral("session"), session}};
+        EXPECT_EQ(!coverage.blocking(row).isEmpty(), refused) << name;
+    }
 }

@@ -32,8 +32,9 @@ private:
     bool m_hadPrevious = false;
 };
 
-// Runs the event loop until `condition` is true or `timeoutMs` passes; returns the condition's last value.
-template<typename Condition> bool waitFor(Condition condition, int timeoutMs = 5000);
+// Runs the event loop until `condition` is true or `timeoutMs` passes; returns the condition's last value. The
+// limit only bounds a wait for something that must come, so it is generous: a busy machine never reaches it.
+template<typename Condition> bool waitFor(Condition condition, int timeoutMs = 30000);
 
 } // namespace testenv
 

@@ -216,17 +216,6 @@ TEST_F(Assignments, RulesAreSortedEditedAndLabelled)
     EXPECT_EQ(store.rules().size(), 2);
 }
 
-TEST_F(Assignments, WritesWholeFileOwnerOnly)
-{
-    IssueAssignments store(m_dir);
-    store.saveSession(m_session, kSite, S("ABC-1"), QString(), false, false);
-    struct stat status {
-    };
-    ASSERT_EQ(::stat(QFile::encodeName(file()).constData(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777, 0600u);
-    EXPECT_EQ(QDir(m_dir).entryList(QDir::Files | QDir::Hidden), QStringList {S("issue-assignments.plist")});
-}
-
 TEST_F(Assignments, UnreadableFileRefusesToStartAndStaysAsItWas)
 {
     for (const QByteArray &content : {QByteArray("not a property list"), QByteArray("[1, 2]"), QByteArray(""),
@@ -241,10 +230,16 @@ TEST_F(Assignments, UnreadableFileRefusesToStartAndStaysAsItWas)
     }
 }
 
-TEST_F(Assignments, FailedWriteLeavesMemoryAsItWas)
+TEST_F(Assignments, WritesWholeFileOwnerOnlyAndAFailedWriteLeavesMemoryAsItWas)
 {
     IssueAssignments store(m_dir);
     store.saveSession(m_session, kSite, S("ABC-1"), QString(), false, false);
+    struct stat status {
+    };
+    ASSERT_EQ(::stat(QFile::encodeName(file()).constData(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600u);
+    EXPECT_EQ(QDir(m_dir).entryList(QDir::Files | QDir::Hidden), QStringList {S("issue-assignments.plist")});
+
     // The folder becomes a plain file, so nothing can be written inside it (read-only folders do not stop root).
     ASSERT_TRUE(QDir(m_dir).removeRecursively());
     QFile blocker(m_dir);
