@@ -203,6 +203,7 @@ void LogPromptCoordinator::observeSwitch(const QVariantList &sessions, const Tra
         m_pending = ended;
         m_waitingSince = at;
         m_comparing = false;
+        Q_EMIT sessionEnded(ended);
     } else if (!m_observer.settling().isEmpty() && m_pending.isEmpty()) {
         checkEarly(m_observer.settling());
     }
@@ -279,7 +280,9 @@ void LogPromptCoordinator::showPromptResult(const QVariantMap &session, const QV
         dismissPrompt();
         return;
     }
-    m_promptSession = session;
+    // The session as it was compared, when the host says: "Log now" holds the current session against it.
+    const QVariantMap compared = result.value(QStringLiteral("session")).toMap();
+    m_promptSession = compared.isEmpty() ? session : compared;
     m_result = result;
     PromptContent content = HLRenderLogPrompt(result, m_host.siteName ? m_host.siteName() : QString());
     show(content);

@@ -377,9 +377,15 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
             = named && !named->reason().isEmpty() ? named->reason() : QStringLiteral("Checking Jira failed.");
         QVariantMap failed = event("failed");
         failed.insert(QStringLiteral("error"), reason);
+        QVariantMap answer {{QStringLiteral("error"), reason}};
+        // Jira's own explanation travels beside the sentence, for the user to read under it.
+        if (named && !named->detail().isEmpty()) {
+            failed.insert(QStringLiteral("detail"), named->detail());
+            answer.insert(QStringLiteral("detail"), named->detail());
+        }
         notify(progress, failed);
         recordCompletion(QStringLiteral("jira_compare_completed"), result.size(), true);
-        return {{QStringLiteral("error"), reason}};
+        return answer;
     }
 }
 
@@ -408,11 +414,13 @@ QVariantList WorklogService::postDrafts(const QVariantList &drafts, const QStrin
         return posted;
     } catch (const std::exception &caught) {
         const auto *named = dynamic_cast<const NamedFailure *>(&caught);
-        notify(progress,
-            {{QStringLiteral("phase"), QStringLiteral("post")}, {kState, QStringLiteral("failed")}, {kIssue, issue},
-                {kSourceKeys, sourceKeys}, {kCompleted, completed}, {kTotal, qint64(drafts.size())},
-                {QStringLiteral("error"),
-                    named && !named->reason().isEmpty() ? named->reason() : QStringLiteral("Posting failed.")}});
+        QVariantMap failed {{QStringLiteral("phase"), QStringLiteral("post")}, {kState, QStringLiteral("failed")},
+            {kIssue, issue}, {kSourceKeys, sourceKeys}, {kCompleted, completed}, {kTotal, qint64(drafts.size())},
+            {QStringLiteral("error"),
+                named && !named->reason().isEmpty() ? named->reason() : QStringLiteral("Posting failed.")}};
+        if (named && !named->detail().isEmpty())
+            failed.insert(QStringLiteral("detail"), named->detail());
+        notify(progress, failed);
         recordCompletion(QStringLiteral("jira_post_completed"), completed, true);
         throw;
     }

@@ -29,7 +29,8 @@ public:
     // "pending" whose worklog Jira holds, as {"marker", "id", "issue", "cloud", "account"}}, or {"error": the
     // reason}. A draft whose sessions a receipt under another marker covers is compared with that receipt, so
     // it is never eligible and carries "jira_receipt_state". Progress events carry "phase" = "compare" and
-    // "state" "start", "active", "page", "complete" or "failed".
+    // "state" "start", "active", "page", "complete" or "failed". A failure with Jira's own explanation carries
+    // it as "detail", both in the "failed" event and beside "error".
     QVariantMap compareDrafts(const QVariantList &drafts, const QString &cloud, const Progress &progress = {});
 
     // Whether posting reduces each issue's remaining estimate; read when the user confirms, carried with the
@@ -41,10 +42,10 @@ public:
     // carry "phase" = "post" and "state" "submitting", "complete" or "failed". Failures ("SubmissionLock",
     // "ReceiptError", "AccountChanged", "ConnectionChanged" when the user reconnected since the check,
     // "Excluded", "Duplicate", "Changed", "Assignments", "JiraError") are passed on to the caller after the
-    // "failed" event. A row any of whose sessions a receipt already covers (posted, or of unknown outcome) is
-    // refused as "Duplicate", whatever its marker. Receipts still "pending" whose worklog the last comparison
-    // found in Jira are recorded as "posted" first. Returns one record per posted worklog: {"marker", "issue",
-    // "id", "seconds", "source_keys"}.
+    // "failed" event (with "error" and, when Jira explained, "detail"). A row any of whose sessions a receipt already
+    // covers (posted, or of unknown outcome) is refused as "Duplicate", whatever its marker. Receipts still "pending"
+    // whose worklog the last comparison found in Jira are recorded as "posted" first. Returns one record per posted
+    // worklog: {"marker", "issue", "id", "seconds", "source_keys"}.
     QVariantList postDrafts(const QVariantList &drafts, const QString &cloud, const QString &account, qint64 generation,
         Estimate estimate, const Progress &progress = {});
     // The same, with the estimate preference as it is when the run starts.
