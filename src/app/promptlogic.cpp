@@ -358,7 +358,7 @@ void LogPromptCoordinator::logPrompt()
         || integer(current, QStringLiteral("end_ms")) != integer(session, QStringLiteral("end_ms"))
         || !current.value(QStringLiteral("jira_exclusion")).toMap().isEmpty())
         return refuse();
-    if (m_tracking.live && m_tracking.project == integer(session, QStringLiteral("project"))
+    if (m_tracking.active && m_tracking.live && m_tracking.project == integer(session, QStringLiteral("project"))
         && qint64(m_tracking.startMs) == integer(session, QStringLiteral("start_ms")))
         return refuse();
 
@@ -377,7 +377,7 @@ void LogPromptCoordinator::logPrompt()
 void LogPromptCoordinator::checkWorkdayEnd()
 {
     if (!JRWorkdayReminderEnabled() || !call(m_host.isConnected) || promptVisible() || call(m_host.busy)
-        || call(m_host.posting) || m_tracking.live)
+        || call(m_host.posting) || (m_tracking.active && m_tracking.live))
         return;
     const QDateTime at = now();
     const int weekday = at.date().dayOfWeek() % 7 + 1; // Qt: Monday 1 … Sunday 7; here Sunday 1 … Saturday 7

@@ -113,11 +113,11 @@ protected:
         m_server.stop();
     }
 
-    // Tracks ABC-1 for 79 min 30 s (a heartbeat proves it live now), then switches to ABC-2; the prompt for
+    // Tracks ABC-1 for `seconds` (a heartbeat proves it live now), then switches to ABC-2; the prompt for
     // the ABC-1 session must open.
-    void switchIssue()
+    void switchIssue(qint64 seconds = 79 * 60 + 30)
     {
-        const QDateTime began = QDateTime::currentDateTime().addSecs(-(79 * 60 + 30));
+        const QDateTime began = QDateTime::currentDateTime().addSecs(-seconds);
         m_tracker->setClock([began] { return began; });
         m_tracker->start(42, QStringLiteral("ABC-1 Fix the login"));
         m_tracker->setClock({});
@@ -205,4 +205,40 @@ TEST_F(PromptEndToEnd, LaterWritesNothing)
     EXPECT_FALSE(m_delegate->promptPopup()->visible()) << "the same session is not offered twice";
     EXPECT_EQ(worklogPosts(), 0);
     EXPECT_TRUE(markedWorklogs().isEmpty());
+}
+
+TEST_F(PromptEndToEnd, TheWorkdayReminderLeadsToWorklogs)
+{
+    if (QTime::currentTime() < QTime(0, 15))
+        GTEST_SKIP() << "the tracked time would begin yesterday";
+    switchIssue(9 * 60 + 30);
+    QPushButton *later = button(m_delegate->promptPopup()->widget(), QStringLiteral("Later"));
+    ASSERT_NE(later, nullptr);
+    later->click();
+    m_tracker->stop();
+    // A stop the monitor saw happen is live, but it is not tracking: the reminder may come.
+    ASSERT_TRUE(testenv::waitFor([&] { return m_delegate->monitor()->lastKind() == 2; }, 20000));
+
+    JRSetWorkdayReminderEnabled(true);
+    JRSetWorkdayWeekendsIncluded(true);
+    JRSetWorkdayMinutes(0, 1);
+    QSettings().remove(QStringLiteral("WorkdayReminderLastDay"));
+    // The stop ends ABC-2 after seconds: too short to offer; wait until that offer is settled.
+    ASSERT_TRUE(testenv::waitFor([&] { return !m_delegate->prompts()->hasPendingSwitch(); }, 20000));
+    ASSERT_TRUE(testenv::waitFor(
+        [&] {
+            m_delegate->prompts()->checkWorkdayEnd();
+            return m_delegate->promptPopup()->visible();
+        },
+        20000));
+    QWidget *popup = m_delegate->promptPopup()->widget();
+    EXPECT_TRUE(labels(popup).contains(QStringLiteral("10m not in Jira yet"))) << qPrintable(labels(popup).join(u'|'));
+    ASSERT_NE(button(popup, QStringLiteral("Open Worklogs…")), nullptr);
+    QPushButton *review = button(popup, QStringLiteral("Review…"));
+    ASSERT_NE(review, nullptr);
+    EXPECT_FALSE(m_delegate->reviewController()->isOpen());
+    review->click();
+    EXPECT_TRUE(m_delegate->reviewController()->isOpen());
+    EXPECT_FALSE(m_delegate->promptPopup()->visible());
+    EXPECT_EQ(worklogPosts(), 0) << "the reminder never posts";
 }
