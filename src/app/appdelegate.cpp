@@ -476,7 +476,12 @@ void AppDelegate::setUpPrompts()
     MenuBarController *menuBar = m_menuBar;
     m_promptPopup->anchorRect = [menuBar] { return menuBar->anchorRect(); };
     updatePromptPresenters();
-    connect(m_timer, &QTimer::timeout, m_prompts, &LogPromptCoordinator::checkWorkdayEnd);
+    // Only once the tracker was read: the reminder comes once a day, and a check before the first scan would
+    // spend the day's reminder on an empty day.
+    connect(m_timer, &QTimer::timeout, m_prompts, [this] {
+        if (m_monitor && m_monitor->scanCount() > 0)
+            m_prompts->checkWorkdayEnd();
+    });
 }
 
 void AppDelegate::updatePromptPresenters()
