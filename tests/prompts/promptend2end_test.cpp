@@ -5,8 +5,10 @@
 #include "app/menubarcontroller.h"
 #include "app/promptlogic.h"
 #include "app/ui/jirareviewwindowcontroller.h"
+#include "app/ui/lognotification.h"
 #include "app/ui/tasklogprompt.h"
 #include "jira/jiraclient.h"
+#include "notificationserver.h"
 #include "simtracker.h"
 #include "source/stintwatchmonitor.h"
 #include "standin/server.h"
@@ -14,6 +16,7 @@
 #include "worklogs/engine.h"
 
 #include <QCoreApplication>
+#include <QDBusConnectionInterface>
 #include <QJsonObject>
 #include <QLabel>
 #include <QPushButton>
@@ -132,8 +135,8 @@ protected:
             << qPrintable(menu->statusText());
 
         m_tracker->switchTo(43, QStringLiteral("ABC-2 Review the notes"));
-        TaskLogPromptController *popup = m_delegate->promptPopup();
-        ASSERT_TRUE(testenv::waitFor([popup] { return popup->visible(); }, 60000))
+        LogPromptCoordinator *prompts = m_delegate->prompts();
+        ASSERT_TRUE(testenv::waitFor([prompts] { return prompts->promptVisible(); }, 60000))
             << "no prompt; Worklogs says: " << qPrintable(m_delegate->reviewController()->statusText());
     }
 
@@ -241,4 +244,34 @@ TEST_F(PromptEndToEnd, TheWorkdayReminderLeadsToWorklogs)
     EXPECT_TRUE(m_delegate->reviewController()->isOpen());
     EXPECT_FALSE(m_delegate->promptPopup()->visible());
     EXPECT_EQ(worklogPosts(), 0) << "the reminder never posts";
+}
+
+// Chosen in Settings and offered by the desktop, the prompt comes as a notification instead, and its
+// "Log now" action, invoked over D-Bus, posts exactly as the popup's button does.
+TEST_F(PromptEndToEnd, TheNotificationsLogNowPostsOnce)
+{
+    NotificationServer server;
+    if (!server.start())
+        GTEST_SKIP() << "needs dunst, xvfb-run and a session bus (scripts/run-tests.sh)";
+    QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
+    ASSERT_TRUE(testenv::waitFor(
+        [bus] { return bus->isServiceRegistered(QStringLiteral("org.freedesktop.Notifications")).value(); }, 30000));
+    QSettings().setValue(QStringLiteral("PromptsAsNotifications"), true);
+
+    switchIssue();
+    LogNotificationSender *notification = m_delegate->promptNotification();
+    ASSERT_NE(notification, nullptr);
+    EXPECT_FALSE(m_delegate->promptPopup()->visible());
+    ASSERT_TRUE(testenv::waitFor([notification] { return notification->notificationId() != 0; }, 30000));
+    EXPECT_EQ(worklogPosts(), 0);
+
+    QSignalSpy posted(m_delegate->prompts(), &LogPromptCoordinator::posted);
+    QProcess context;
+    context.start(QStringLiteral("dunstctl"), {QStringLiteral("context")});
+    ASSERT_TRUE(context.waitForFinished(30000));
+    ASSERT_TRUE(posted.count() > 0 || posted.wait(60000));
+    EXPECT_EQ(posted.at(0).at(1).toString(), QStringLiteral("Logged 1h 20m to ABC-1"));
+    EXPECT_EQ(markedWorklogs().size(), 1);
+    EXPECT_EQ(worklogPosts(), 1);
+    QSettings().setValue(QStringLiteral("PromptsAsNotifications"), false);
 }
