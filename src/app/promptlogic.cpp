@@ -397,9 +397,15 @@ void LogPromptCoordinator::checkWorkdayEnd()
 void LogPromptCoordinator::showWorkdaySummary()
 {
     const QDateTime at = now();
+    // Only today's sessions count; resolving the whole history first would cost for nothing.
+    const qint64 dayStart = at.date().startOfDay().toMSecsSinceEpoch();
+    const qint64 dayEnd = at.date().addDays(1).startOfDay().toMSecsSinceEpoch();
     QVariantList resolved;
     for (const QVariant &item : m_sessions) {
         QVariantMap session = item.toMap();
+        const qint64 start = integer(session, QStringLiteral("start_ms"));
+        if (start < dayStart || start >= dayEnd)
+            continue;
         if (m_host.resolveSession) {
             session = m_host.resolveSession(session);
             if (session.isEmpty())
