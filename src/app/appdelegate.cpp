@@ -4,9 +4,12 @@
 #include "app/autostart.h"
 #include "app/buildinfo.h"
 #include "app/menubarcontroller.h"
+#include "app/promptlogic.h"
 #include "app/statusrules.h"
 #include "app/trayicons.h"
 #include "app/ui/jirareviewwindowcontroller.h"
+#include "app/ui/lognotification.h"
+#include "app/ui/tasklogprompt.h"
 #include "diagnostics/diagnosticlog.h"
 #include "source/history.h"
 #include "source/stintwatchmonitor.h"
@@ -78,6 +81,10 @@ AppDelegate::~AppDelegate()
 {
     if (m_monitor)
         m_monitor->stop();
+    // The prompt calls into the Worklogs controller: it goes first.
+    delete m_prompts;
+    delete m_promptPopup;
+    delete m_promptNotification;
     delete m_menuBar;
     delete m_review;
 }
@@ -103,7 +110,7 @@ bool AppDelegate::applicationDidFinishLaunching()
         return false;
     }
 
-    m_review = new JiraReviewWindowController(m_store);
+    m_review = new JiraReviewWindowController(m_store, credentialService);
     m_review->assignmentsDidChange = [this] { updateStatus(); };
     m_review->prepareConnection();
 
@@ -122,9 +129,7 @@ bool AppDelegate::applicationDidFinishLaunching()
 
     m_timer = new QTimer(this);
     connect(m_timer, &QTimer::timeout, this, &AppDelegate::updateStatus);
-    m_settleTimer = new QTimer(this);
-    m_settleTimer->setSingleShot(true);
-    connect(m_settleTimer, &QTimer::timeout, this, &AppDelegate::updateStatus);
+    setUpPrompts();
 
     QString folder = m_source;
     if (folder.isNull()) {
@@ -157,6 +162,7 @@ void AppDelegate::startMonitor(const QString &folder)
     m_monitor = new StintwatchMonitor(folder, m_store, this);
     m_monitor->setOnChange([this] {
         updateStatus();
+        observeForPrompts();
         releaseScanMemory();
     });
     m_monitor->start();
@@ -270,18 +276,6 @@ void AppDelegate::updateStatus()
 
     if (m_review && m_review->isOpen())
         m_review->updateSessions(sessionsMarkingRunning());
-
-    if (m_monitor) {
-        const QVariantMap offered = m_observer.observe(m_monitor->rows(), m_monitor->lastKind() == 1,
-            m_monitor->liveObserved(), HLIssueOf(m_monitor->currentDescription()),
-            double(m_monitor->started().isValid() ? m_monitor->started().toMSecsSinceEpoch() : 0), m_monitor->project(),
-            current);
-        if (!offered.isEmpty() && switchOffered)
-            switchOffered(offered);
-        const QDateTime settles = m_observer.settlesAt();
-        if (settles.isValid())
-            m_settleTimer->start(int(std::clamp<qint64>(current.msecsTo(settles) + 50, 0, kStatusIntervalMs)));
-    }
 
     // Replaced only when the wanted interval changes, so a steady state never restarts the count.
     if (!m_timer->isActive() || m_timer->interval() != out.intervalMs) {
@@ -437,4 +431,82 @@ void AppDelegate::showAlert(const QString &title, const QString &detail)
         m_review && m_review->isOpen() ? m_review->window() : nullptr);
     box.setInformativeText(detail);
     box.exec();
+}
+
+// ---- Log prompt and workday reminder ----------------------------------------------------------------------
+
+void AppDelegate::setUpPrompts()
+{
+    JiraReviewWindowController *review = m_review;
+    LogPromptHost host;
+    host.isConnected = [review] { return review->isConnected(); };
+    host.busy = [review] { return review->busy(); };
+    host.posting = [review] { return review->posting(); };
+    host.readyForPrompt = [review] { return review->readyForPrompt(); };
+    host.comparePromptSession
+        = [review](const QVariantMap &session, const QVariantList &day, LogPromptHost::CompareCompletion done) {
+              review->comparePromptSession(session, day, std::move(done));
+          };
+    // Nothing reaches Jira from here but through "Log now".
+    host.postPrompt = [review](const QVariantMap &result, LogPromptHost::PostCompletion done) {
+        review->postPrompt(result, std::move(done));
+    };
+    host.resolveSession = [this, review](const QVariantMap &session) -> QVariantMap {
+        if (!m_monitor)
+            return {};
+        // The latest record of the same session, as the window resolves it now.
+        const QVariant start = session.value(QStringLiteral("start_ms"));
+        const QString identity = TaskSwitchObserver::identity(session);
+        for (const QVariant &item : m_monitor->rows()) {
+            const QVariantMap record = item.toMap();
+            if (record.value(QStringLiteral("start_ms")) == start && TaskSwitchObserver::identity(record) == identity)
+                return review->resolvePromptSession(record);
+        }
+        return {};
+    };
+    host.siteName = [review] { return review->siteName(); };
+    host.openWorklogs = [this] { jira(); };
+
+    m_prompts = new LogPromptCoordinator(std::move(host), [this] { return now(); });
+    connect(m_prompts, &LogPromptCoordinator::sessionEnded, this, [this](const QVariantMap &session) {
+        if (switchOffered)
+            switchOffered(session);
+    });
+    m_promptPopup = new TaskLogPromptController;
+    MenuBarController *menuBar = m_menuBar;
+    m_promptPopup->anchorRect = [menuBar] { return menuBar->anchorRect(); };
+    updatePromptPresenters();
+    // Only once the tracker was read: the reminder comes once a day, and a check before the first scan would
+    // spend the day's reminder on an empty day.
+    connect(m_timer, &QTimer::timeout, m_prompts, [this] {
+        if (m_monitor && m_monitor->scanCount() > 0)
+            m_prompts->checkWorkdayEnd();
+    });
+}
+
+void AppDelegate::updatePromptPresenters()
+{
+    // The desktop notification is used only when chosen and only where the server shows actions: a
+    // notification without "Log now" could not log anything. Asked again only when the choice changes.
+    const int choice = m_settings->value(QStringLiteral("PromptsAsNotifications"), false).toBool() ? 1 : 0;
+    if (choice == m_notificationChoice)
+        return;
+    m_notificationChoice = choice;
+    if (choice == 1 && !m_promptNotification && LogNotificationSender::serverOffersActions())
+        m_promptNotification = new LogNotificationSender;
+    m_prompts->setPresenters(m_promptPopup, m_promptNotification);
+}
+
+void AppDelegate::observeForPrompts()
+{
+    if (!m_prompts || !m_monitor)
+        return;
+    updatePromptPresenters();
+    TrackingState tracking;
+    tracking.active = m_monitor->lastKind() == 1;
+    tracking.live = m_monitor->liveObserved();
+    tracking.description = m_monitor->currentDescription();
+    tracking.project = m_monitor->project();
+    tracking.startMs = m_monitor->started().isValid() ? double(m_monitor->started().toMSecsSinceEpoch()) : 0;
+    m_prompts->observeSwitch(m_monitor->rows(), tracking);
 }

@@ -1,17 +1,19 @@
 #pragma once
 
-#include "source/taskswitchobserver.h"
-
 #include <QDateTime>
 #include <QObject>
 #include <QPointer>
 #include <QString>
 #include <QVariantList>
+#include <QVariantMap>
 
 #include <functional>
 #include <memory>
 
 class JiraReviewWindowController;
+class LogNotificationSender;
+class LogPromptCoordinator;
+class TaskLogPromptController;
 class MenuBarController;
 class QMessageBox;
 class QSettings;
@@ -52,6 +54,9 @@ public:
     qsizetype activityCount() const;
     JiraReviewWindowController *reviewController() const { return m_review; }
     MenuBarController *menuBar() const { return m_menuBar; }
+    LogPromptCoordinator *prompts() const { return m_prompts; }
+    TaskLogPromptController *promptPopup() const { return m_promptPopup; }
+    LogNotificationSender *promptNotification() const { return m_promptNotification; }
     StintwatchMonitor *monitor() const { return m_monitor; }
     int statusIntervalMs() const;
     bool trayWaitFinished() const { return m_trayWaitFinished; }
@@ -63,8 +68,12 @@ public:
     std::function<void(const QString &title, const QString &detail)> alert;
     // Called at start-up while onboarding has not been completed.
     std::function<void()> showOnboarding;
-    // A finished session the user may want to log, decided by the task-switch observer.
+    // A finished session the user may want to log, decided by the task-switch observer of the log prompt
+    // (which observes only while asking to log is on and Jira is connected).
     std::function<void(const QVariantMap &session)> switchOffered;
+    // The secret-store service of the Jira credentials; the standard one unless set before start-up (tests
+    // that run side by side).
+    QString credentialService;
     // The instant status texts are measured at; the system clock unless set.
     std::function<QDateTime()> clock;
 
@@ -77,6 +86,11 @@ private:
     QDateTime now() const;
     QVariantList sessionsMarkingRunning() const;
 
+    // The log prompt and the workday reminder.
+    void setUpPrompts();
+    void observeForPrompts();
+    void updatePromptPresenters();
+
     QString m_source;
     QString m_store;
     bool m_smokeTest = false;
@@ -85,9 +99,11 @@ private:
     StintwatchMonitor *m_monitor = nullptr;
     JiraReviewWindowController *m_review = nullptr;
     MenuBarController *m_menuBar = nullptr;
-    TaskSwitchObserver m_observer;
     QTimer *m_timer = nullptr;
-    QTimer *m_settleTimer = nullptr;
+    LogPromptCoordinator *m_prompts = nullptr;
+    TaskLogPromptController *m_promptPopup = nullptr;
+    LogNotificationSender *m_promptNotification = nullptr;
+    int m_notificationChoice = -1; // the "PromptsAsNotifications" value the presenters were chosen for
     QPointer<QMessageBox> m_about;
     bool m_trayWaitFinished = false;
     int m_trimmedScan = 0;

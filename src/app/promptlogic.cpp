@@ -203,6 +203,7 @@ void LogPromptCoordinator::observeSwitch(const QVariantList &sessions, const Tra
         m_pending = ended;
         m_waitingSince = at;
         m_comparing = false;
+        Q_EMIT sessionEnded(ended);
     } else if (!m_observer.settling().isEmpty() && m_pending.isEmpty()) {
         checkEarly(m_observer.settling());
     }
@@ -279,7 +280,9 @@ void LogPromptCoordinator::showPromptResult(const QVariantMap &session, const QV
         dismissPrompt();
         return;
     }
-    m_promptSession = session;
+    // The session as it was compared, when the host says: "Log now" holds the current session against it.
+    const QVariantMap compared = result.value(QStringLiteral("session")).toMap();
+    m_promptSession = compared.isEmpty() ? session : compared;
     m_result = result;
     PromptContent content = HLRenderLogPrompt(result, m_host.siteName ? m_host.siteName() : QString());
     show(content);
@@ -355,7 +358,7 @@ void LogPromptCoordinator::logPrompt()
         || integer(current, QStringLiteral("end_ms")) != integer(session, QStringLiteral("end_ms"))
         || !current.value(QStringLiteral("jira_exclusion")).toMap().isEmpty())
         return refuse();
-    if (m_tracking.live && m_tracking.project == integer(session, QStringLiteral("project"))
+    if (m_tracking.active && m_tracking.live && m_tracking.project == integer(session, QStringLiteral("project"))
         && qint64(m_tracking.startMs) == integer(session, QStringLiteral("start_ms")))
         return refuse();
 
@@ -374,7 +377,7 @@ void LogPromptCoordinator::logPrompt()
 void LogPromptCoordinator::checkWorkdayEnd()
 {
     if (!JRWorkdayReminderEnabled() || !call(m_host.isConnected) || promptVisible() || call(m_host.busy)
-        || call(m_host.posting) || m_tracking.live)
+        || call(m_host.posting) || (m_tracking.active && m_tracking.live))
         return;
     const QDateTime at = now();
     const int weekday = at.date().dayOfWeek() % 7 + 1; // Qt: Monday 1 … Sunday 7; here Sunday 1 … Saturday 7
@@ -394,9 +397,15 @@ void LogPromptCoordinator::checkWorkdayEnd()
 void LogPromptCoordinator::showWorkdaySummary()
 {
     const QDateTime at = now();
+    // Only today's sessions count; resolving the whole history first would cost for nothing.
+    const qint64 dayStart = at.date().startOfDay().toMSecsSinceEpoch();
+    const qint64 dayEnd = at.date().addDays(1).startOfDay().toMSecsSinceEpoch();
     QVariantList resolved;
     for (const QVariant &item : m_sessions) {
         QVariantMap session = item.toMap();
+        const qint64 start = integer(session, QStringLiteral("start_ms"));
+        if (start < dayStart || start >= dayEnd)
+            continue;
         if (m_host.resolveSession) {
             session = m_host.resolveSession(session);
             if (session.isEmpty())

@@ -76,6 +76,8 @@ struct LogPromptHost {
     std::function<bool()> posting;
     std::function<bool()> readyForPrompt;
     // Compares the session's day with Jira; the completion gets the prompt result and runs on the main thread.
+    // A result may carry the session as it was compared ("session"); "Log now" then holds the current session
+    // against that.
     std::function<void(const QVariantMap &session, const QVariantList &daySessions, CompareCompletion)>
         comparePromptSession;
     // Posts the result's "post" worklog; runs only after "Log now".
@@ -134,6 +136,8 @@ public:
 Q_SIGNALS:
     void promptShown(const PromptContent &content);
     void promptDismissed();
+    // The observer reported a finished session that may be offered.
+    void sessionEnded(const QVariantMap &session);
     void posted(bool ok, const QString &text);
 
 private:

@@ -473,6 +473,9 @@ QVariantMap WorklogService::checkDrafts(const QVariantList &drafts, const QStrin
         const NamedFailure failure = asNamedFailure(caught, QStringLiteral("Checking Jira failed."));
         QVariantMap failed = run.event("failed");
         failed.insert(ProgressKey::kError, failure.reason());
+        // Jira's own explanation travels beside the sentence, for the user to read under it.
+        if (!failure.detail().isEmpty())
+            failed.insert(QStringLiteral("detail"), failure.detail());
         notify(progress, failed);
         recordCompletion(DiagnosticEvent::kJiraCompareCompleted, run.result.size(), true);
         throw failure;
@@ -488,7 +491,10 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
     try {
         return checkDrafts(drafts, cloud, progress);
     } catch (const NamedFailure &failure) {
-        return {{CheckKey::kError, failure.reason()}};
+        QVariantMap answer {{CheckKey::kError, failure.reason()}};
+        if (!failure.detail().isEmpty())
+            answer.insert(QStringLiteral("detail"), failure.detail());
+        return answer;
     }
 }
 
@@ -517,11 +523,13 @@ QVariantList WorklogService::postDrafts(const QVariantList &drafts, const QStrin
         return posted;
     } catch (const std::exception &caught) {
         const NamedFailure failure = asNamedFailure(caught, QStringLiteral("Posting failed."));
-        notify(progress,
-            {{ProgressKey::kPhase, QStringLiteral("post")}, {ProgressKey::kState, QStringLiteral("failed")},
-                {ProgressKey::kIssue, issue}, {ProgressKey::kSourceKeys, sourceKeys},
-                {ProgressKey::kCompleted, completed}, {ProgressKey::kTotal, qint64(drafts.size())},
-                {ProgressKey::kError, failure.reason()}});
+        QVariantMap failed {{ProgressKey::kPhase, QStringLiteral("post")},
+            {ProgressKey::kState, QStringLiteral("failed")}, {ProgressKey::kIssue, issue},
+            {ProgressKey::kSourceKeys, sourceKeys}, {ProgressKey::kCompleted, completed},
+            {ProgressKey::kTotal, qint64(drafts.size())}, {ProgressKey::kError, failure.reason()}};
+        if (!failure.detail().isEmpty())
+            failed.insert(QStringLiteral("detail"), failure.detail());
+        notify(progress, failed);
         recordCompletion(DiagnosticEvent::kJiraPostCompleted, completed, true);
         throw failure;
     }

@@ -32,7 +32,8 @@ public:
     // "pending" whose worklog Jira holds, as {"marker", "id", "issue", "cloud", "account"}} (records/comparison.h).
     // A draft whose sessions a receipt under another marker covers is compared with that receipt, so it is never
     // eligible and carries "jira_receipt_state". Progress events carry "phase" = "compare" and "state" "start",
-    // "active", "page", "complete" or "failed".
+    // "active", "page", "complete" or "failed"; a failure with Jira's own explanation carries it as "detail", in the
+    // "failed" event and in the failure.
     QVariantMap checkDrafts(const QVariantList &drafts, const QString &cloud, const Progress &progress = {});
     // The same, for callers written before `checkDrafts` threw: a failure is returned as {"error": the reason}.
     QVariantMap compareDrafts(const QVariantList &drafts, const QString &cloud, const Progress &progress = {});

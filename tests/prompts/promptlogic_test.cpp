@@ -1,4 +1,5 @@
 #include "app/promptlogic.h"
+#include "platform/clock.h"
 #include "worklogs/preferences.h"
 
 #include <QSettings>
@@ -46,12 +47,30 @@ public:
     QString outcome;
 };
 
+// The test's "now" as both kinds of time: the switch observer measures its settling time on the monotonic one.
+class FollowingClock : public Clock
+{
+public:
+    explicit FollowingClock(const QDateTime *now)
+        : m_now(now)
+    {
+    }
+    QDateTime wallNow() const override { return *m_now; }
+    qint64 monotonicMs() const override { return m_now->toMSecsSinceEpoch(); }
+
+private:
+    const QDateTime *m_now;
+};
+
 // Drives a coordinator through a real issue switch on a clock the test moves.
 class PromptTest : public ::testing::Test
 {
 public:
+    void TearDown() override { Clock::setShared(nullptr); }
+
     void SetUp() override
     {
+        Clock::setShared(&clock);
         QSettings().clear();
         compared.clear();
         completions.clear();
@@ -126,6 +145,7 @@ public:
 
     bool connected = true, busy = false, ready = true, postSucceeds = true;
     QDateTime now = kStart;
+    FollowingClock clock {&now};
     QVariantMap first, second;
     QVariantList lastSessions;
     TrackingState lastTracking;

@@ -19,6 +19,7 @@
 #include <QSet>
 #include <QVariantMap>
 
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -60,8 +61,17 @@ struct JiraReviewWindowController::Private {
     void startCompare(bool automatic);
     void finishCompare(qint64 operation, const QVariantMap &result, const QVariantList &sent);
     void startPost();
-    void runPost(const QVariantList &worklogs);
-    void finishPost(qint64 operation, const QVariantList &posted, const QString &failure, qint64 count);
+    // `done`, when set, learns the outcome even when the result is otherwise dropped as superseded.
+    using PostDone = std::function<void(bool ok, const QString &error)>;
+    void runPost(const QVariantList &worklogs, const QString &site, const QString &who, qint64 generation,
+        WorklogService::Estimate estimate, PostDone done = {});
+    void finishPost(qint64 operation, const QVariantList &posted, const QString &failure, const QString &detail,
+        const PostDone &done);
+    // A failure's sentence with the other side's explanation under it.
+    static QString withDetail(const QString &message, const QString &detail);
+    void showWaitNotice(const QString &text);
+    QVariantMap promptResult(const QVariantMap &checked, const QVariantMap &ended, const QDate &day,
+        const QString &site, qint64 generation) const;
     void progressEvent(qint64 operation, const QVariantMap &event);
     void setBusy(bool isBusy, bool isPosting);
     void setRowProgress(const QStringList &sourceKeys, const QString &text, bool active);

@@ -16,6 +16,7 @@
 #include <QLabel>
 #include <QMainWindow>
 #include <QMenu>
+#include <QPointer>
 #include <QPushButton>
 #include <QScrollBar>
 #include <QSettings>
@@ -79,6 +80,12 @@ JiraReviewWindowController::JiraReviewWindowController(
 {
     d->buildWindow();
     d->titles->setDidChange([this] { d->reload(); });
+    // Told on the work queue while a read waits for a rate-limited Jira; shown until the operation ends.
+    QPointer<JiraReviewWindowController> self(this);
+    d->client->setWaitNotice([self, this](const QString &text) {
+        QMetaObject::invokeMethod(
+            self, [this, text] { d->showWaitNotice(text); }, Qt::QueuedConnection);
+    });
     d->updateConnectionControls();
 }
 

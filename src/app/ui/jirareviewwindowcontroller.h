@@ -72,6 +72,24 @@ public:
     QTreeView *tree() const;
     JiraClient &jiraClient() const;
 
+    // The log prompt's side of Jira. Connected: signed in (and not signing in). Ready: a site is chosen and no
+    // window operation is running, so a prompt comparison may start.
+    bool isConnected() const;
+    bool readyForPrompt() const;
+    // The chosen site's name (its address when it has none); empty without a site.
+    QString siteName() const;
+    // The session as the window would resolve it now (issue, comment, exclusion).
+    QVariantMap resolvePromptSession(const QVariantMap &session);
+    using PromptCompletion = std::function<void(const QVariantMap &result)>;
+    using PromptPostCompletion = std::function<void(bool ok, const QString &error)>;
+    // Compares the worklog the ended session belongs to with Jira. The completion runs on the main thread with
+    // {"post": the worklog that would be posted, "drafts": the compared drafts of the session's issue that day,
+    // "eligible": those that may be posted, "ended_eligible", "manual_matches", "date", "account", "cloud",
+    // "generation", "session": the session as compared}, or with "error" (and "detail") instead.
+    void comparePromptSession(const QVariantMap &session, const QVariantList &daySessions, PromptCompletion completion);
+    // Posts the result's "post" worklog against the comparison the user saw; refused while the window is busy.
+    void postPrompt(const QVariantMap &result, PromptPostCompletion completion);
+
     std::function<void()> assignmentsDidChange;
     std::function<void()> connectionDidChange;
     std::function<QString(const QString &issue)> titleForIssue;

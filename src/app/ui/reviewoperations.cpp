@@ -181,7 +181,8 @@ void JiraReviewWindowController::Private::finishCompare(
         postAfterCheck = false;
         setBusy(false, false);
         const QString error = str(result, QStringLiteral("error"));
-        setStatus(error.isEmpty() ? QStringLiteral("Jira request failed.") : error);
+        setStatus(withDetail(
+            error.isEmpty() ? QStringLiteral("Jira request failed.") : error, str(result, QStringLiteral("detail"))));
         return;
     }
     const QDateTime now = QDateTime::currentDateTime();
@@ -256,7 +257,9 @@ void JiraReviewWindowController::Private::startPost()
         return;
     }
     const QVariantList worklogs = review::worklogsToPost(rows);
-    const review::Confirmation ask = review::confirmation(worklogs, siteURL(), JRReduceEstimateOnPost());
+    // Read once: the confirmation says what the post will do, and the post does exactly that.
+    const bool reduce = JRReduceEstimateOnPost();
+    const review::Confirmation ask = review::confirmation(worklogs, siteURL(), reduce);
     bool confirmed = false;
     if (q->confirmPost) {
         confirmed = q->confirmPost(ask.title, ask.text);
@@ -270,13 +273,18 @@ void JiraReviewWindowController::Private::startPost()
         confirmed = box.clickedButton() == yes;
     }
     if (confirmed)
-        runPost(worklogs);
+        runPost(worklogs, cloud, account, client->generation(),
+            reduce ? WorklogService::Estimate::Reduce : WorklogService::Estimate::Leave);
 }
 
-void JiraReviewWindowController::Private::runPost(const QVariantList &worklogs)
+void JiraReviewWindowController::Private::runPost(const QVariantList &worklogs, const QString &site, const QString &who,
+    qint64 generation, WorklogService::Estimate estimate, PostDone done)
 {
-    if (busy)
+    if (busy) {
+        if (done)
+            done(false, QStringLiteral("Wait for the current Jira operation to finish."));
         return;
+    }
     const qint64 operation = ++serial;
     progress.clear();
     progressActive.clear();
@@ -288,33 +296,49 @@ void JiraReviewWindowController::Private::runPost(const QVariantList &worklogs)
         setRowProgress(JRSourceKeysForRows({worklog}), QStringLiteral("Checking before post…"), false);
     setBusy(true, true);
 
-    const QString site = cloud, who = account;
-    const qint64 generation = client->generation();
     QPointer<JiraReviewWindowController> self(q);
-    client->queue().async([this, self, operation, worklogs, site, who, generation, count] {
+    client->queue().async([this, self, operation, worklogs, site, who, generation, estimate, done] {
         QVariantList posted;
-        QString failure;
+        QString failure, detail;
         try {
-            posted
-                = service->postDrafts(worklogs, site, who, generation, [self, this, operation](const QVariantMap &e) {
-                      QMetaObject::invokeMethod(
-                          self, [self, this, operation, e] { progressEvent(operation, e); }, Qt::QueuedConnection);
-                  });
+            posted = service->postDrafts(
+                worklogs, site, who, generation, estimate, [self, this, operation](const QVariantMap &e) {
+                    QMetaObject::invokeMethod(
+                        self, [self, this, operation, e] { progressEvent(operation, e); }, Qt::QueuedConnection);
+                });
         } catch (const NamedFailure &error) {
+            // "ConnectionChanged" and the other named failures say themselves what to do next.
             failure = error.reason().isEmpty() ? QStringLiteral("Jira request failed.") : error.reason();
+            detail = error.detail();
+        } catch (const std::exception &) {
+            failure = QStringLiteral("Posting failed.");
         }
         QMetaObject::invokeMethod(
-            self, [this, operation, posted, failure, count] { finishPost(operation, posted, failure, count); },
+            self,
+            [this, operation, posted, failure, detail, done] { finishPost(operation, posted, failure, detail, done); },
             Qt::QueuedConnection);
     });
 }
 
-void JiraReviewWindowController::Private::finishPost(
-    qint64 operation, const QVariantList &posted, const QString &failure, qint64 count)
+QString JiraReviewWindowController::Private::withDetail(const QString &message, const QString &detail)
 {
+    return detail.isEmpty() ? message : message + QLatin1Char('\n') + detail;
+}
+
+void JiraReviewWindowController::Private::showWaitNotice(const QString &text)
+{
+    // Only while an operation waits: a late notice must not cover the outcome.
+    if (busy && !text.isEmpty())
+        setStatus(text);
+}
+
+void JiraReviewWindowController::Private::finishPost(
+    qint64 operation, const QVariantList &posted, const QString &failure, const QString &detail, const PostDone &done)
+{
+    if (done)
+        done(failure.isEmpty() && !posted.isEmpty(), withDetail(failure, detail));
     if (operation != serial)
         return;
-    Q_UNUSED(count);
     progressLabel->clear();
     // What was just posted stays locked even before the ledger is read again.
     for (const QVariant &item : posted)
@@ -332,6 +356,7 @@ void JiraReviewWindowController::Private::finishPost(
         result = failure;
     else
         result = review::postedText(posted.size(), failure);
+    result = withDetail(result, failure.isEmpty() ? QString() : detail);
     // Rows keep their "Posted" or "Failed" outcome until the next operation.
     progress = outcome;
     for (auto it = progress.begin(); it != progress.end();)
@@ -541,4 +566,154 @@ void JiraReviewWindowController::prepareConnection()
         d->loadSites();
     else
         d->setStatus(QStringLiteral("Connect Jira to check and post these worklogs."));
+}
+
+bool JiraReviewWindowController::isConnected() const
+{
+    return !d->authorising && d->client->connected();
+}
+
+bool JiraReviewWindowController::readyForPrompt() const
+{
+    return isConnected() && !d->cloud.isEmpty() && !d->busy;
+}
+
+QString JiraReviewWindowController::siteName() const
+{
+    for (const QVariant &item : std::as_const(d->sites)) {
+        const QVariantMap site = item.toMap();
+        if (str(site, QStringLiteral("id")) != d->cloud)
+            continue;
+        const QString name = str(site, QStringLiteral("name"));
+        return name.isEmpty() ? str(site, QStringLiteral("url")) : name;
+    }
+    return {};
+}
+
+QVariantMap JiraReviewWindowController::resolvePromptSession(const QVariantMap &session)
+{
+    d->refreshReceipts();
+    return d->resolvedSession(session, review::ReceiptIndex(d->receipts, d->cloud));
+}
+
+void JiraReviewWindowController::comparePromptSession(
+    const QVariantMap &session, const QVariantList &daySessions, PromptCompletion completion)
+{
+    if (!completion)
+        return;
+    const auto answer = [this, completion](const QVariantMap &result) {
+        QMetaObject::invokeMethod(
+            this, [completion, result] { completion(result); }, Qt::QueuedConnection);
+    };
+    if (!readyForPrompt())
+        return answer({{QStringLiteral("error"), QStringLiteral("Connect Jira to check and post these worklogs.")}});
+
+    // The day's sessions as the window would resolve them; only the ended session's issue is compared, which
+    // is all the prompt offers and all that a combined worklog of that issue needs.
+    d->refreshReceipts();
+    const review::ReceiptIndex index(d->receipts, d->cloud);
+    const QDate day = QDateTime::fromMSecsSinceEpoch(num(session, QStringLiteral("start_ms"))).date();
+    const QString key = JRSourceKey(session);
+    QVariantList resolved;
+    QVariantMap ended;
+    for (const QVariant &item : daySessions) {
+        const QVariantMap record = item.toMap();
+        if (QDateTime::fromMSecsSinceEpoch(num(record, QStringLiteral("start_ms"))).date() != day)
+            continue;
+        const QVariantMap resolvedRecord = d->resolvedSession(record, index);
+        if (JRSourceKey(record) == key) {
+            if (!ended.isEmpty())
+                continue;
+            ended = resolvedRecord;
+        }
+        resolved.append(resolvedRecord);
+    }
+    if (ended.isEmpty()) {
+        ended = d->resolvedSession(session, index);
+        resolved.append(ended);
+    }
+    const QString issue = str(ended, QStringLiteral("issue"));
+    QVariantList drafts;
+    for (const QVariant &item : JRBuildDrafts(resolved, day.startOfDay()))
+        if (str(item.toMap(), QStringLiteral("issue")) == issue)
+            drafts.append(item);
+
+    const QString site = d->cloud;
+    const qint64 generation = d->client->generation();
+    QPointer<JiraReviewWindowController> self(this);
+    d->client->queue().async([this, self, drafts, ended, day, site, generation, completion] {
+        const QVariantMap compared = d->service->compareDrafts(drafts, site);
+        QMetaObject::invokeMethod(
+            self,
+            [this, compared, ended, day, site, generation, completion] {
+                completion(d->promptResult(compared, ended, day, site, generation));
+            },
+            Qt::QueuedConnection);
+    });
+}
+
+QVariantMap JiraReviewWindowController::Private::promptResult(const QVariantMap &checked, const QVariantMap &ended,
+    const QDate &day, const QString &site, qint64 generation) const
+{
+    QVariantMap result {{QStringLiteral("session"), ended}, {QStringLiteral("date"), day.toString(Qt::ISODate)},
+        {QStringLiteral("cloud"), site}, {QStringLiteral("generation"), generation}};
+    if (checked.contains(QStringLiteral("error"))) {
+        result.insert(QStringLiteral("error"), checked.value(QStringLiteral("error")));
+        if (checked.contains(QStringLiteral("detail")))
+            result.insert(QStringLiteral("detail"), checked.value(QStringLiteral("detail")));
+        return result;
+    }
+    const QString key = JRSourceKey(ended);
+    const QVariantList drafts = checked.value(QStringLiteral("drafts")).toList();
+    QVariantList eligible;
+    for (const QVariant &item : drafts) {
+        QVariantMap draft = item.toMap();
+        if (!draft.value(QStringLiteral("eligible")).toBool())
+            continue;
+        draft.insert(QStringLiteral("include"), true);
+        eligible.append(draft);
+    }
+    QVariantMap post;
+    for (const QVariant &item : JRWorklogsToPost(eligible)) {
+        const QVariantMap worklog = item.toMap();
+        QStringList keys = worklog.value(QStringLiteral("source_keys")).toStringList();
+        if (keys.isEmpty())
+            keys.append(str(worklog, QStringLiteral("source_key")));
+        if (keys.contains(key))
+            post = worklog;
+    }
+    const bool endedEligible = !post.isEmpty() && JRPostSeconds(post) > 0;
+    result.insert(QStringLiteral("account"), checked.value(QStringLiteral("account")));
+    result.insert(QStringLiteral("drafts"), drafts);
+    result.insert(QStringLiteral("eligible"), eligible);
+    result.insert(QStringLiteral("ended_eligible"), endedEligible);
+    if (endedEligible) {
+        result.insert(QStringLiteral("post"), post);
+        result.insert(QStringLiteral("manual_matches"), post.value(QStringLiteral("manual_matches")).toList());
+    }
+    return result;
+}
+
+void JiraReviewWindowController::postPrompt(const QVariantMap &result, PromptPostCompletion completion)
+{
+    const auto refuse = [this, completion](const QString &error) {
+        if (completion)
+            QMetaObject::invokeMethod(
+                this, [completion, error] { completion(false, error); }, Qt::QueuedConnection);
+    };
+    const QVariantMap worklog = result.value(QStringLiteral("post")).toMap();
+    if (worklog.isEmpty() || result.contains(QStringLiteral("error")))
+        return refuse(QStringLiteral("Nothing to post."));
+    if (d->busy)
+        return refuse(QStringLiteral("Wait for the current Jira operation to finish."));
+    // The post belongs to the comparison the user saw: another site, or a sign-in since, refuses it.
+    const QString site = str(result, QStringLiteral("cloud"));
+    if (site.isEmpty() || site != d->cloud || !isConnected())
+        return refuse(QStringLiteral("Jira connection changed. Check Jira again."));
+    const auto estimate = JRReduceEstimateOnPost() ? WorklogService::Estimate::Reduce : WorklogService::Estimate::Leave;
+    d->runPost({worklog}, site, str(result, QStringLiteral("account")), num(result, QStringLiteral("generation")),
+        estimate, [completion](bool ok, const QString &error) {
+            if (completion)
+                completion(ok, error);
+        });
 }

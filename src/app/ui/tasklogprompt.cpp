@@ -145,7 +145,8 @@ void TaskLogPromptController::fill(const PromptContent &content)
     m_primary->setEnabled(content.disabledReason.isEmpty());
     m_later->setText(QStringLiteral("Later"));
     m_later->setVisible(true);
-    m_worklogs->setVisible(content.kind == PromptContent::Kind::LogPrompt);
+    // Both nudges lead to Worklogs: the reminder's own button may be disabled while Jira is busy.
+    m_worklogs->setVisible(true);
     m_popup->adjustSize();
 }
 
