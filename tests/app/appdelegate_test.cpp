@@ -6,21 +6,26 @@
 #include "app/singleinstance.h"
 #include "app/ui/invoicewindow.h"
 #include "app/ui/jirareviewwindowcontroller.h"
+#include "app/ui/onboardingwindow.h"
 #include "app/ui/settingswindow.h"
 #include "app/updatecontroller.h"
 #include "diagnostics/diagnosticlog.h"
 #include "simtracker.h"
 #include "source/stintwatchmonitor.h"
+#include "summary/exchangerate.h"
 #include "support/testenv.h"
 
 #include <QApplication>
+#include <QDragEnterEvent>
 #include <QFile>
 #include <QFileInfo>
 #include <QLabel>
 #include <QMainWindow>
 #include <QMenu>
 #include <QMenuBar>
+#include <QMimeData>
 #include <QProcess>
+#include <QPushButton>
 #include <QSettings>
 #include <QSignalSpy>
 #include <QStandardPaths>
@@ -197,6 +202,74 @@ TEST(AppDelegate, SettingsShowsTheShellsStateAndUpdates)
     QSignalSpy summary(&AppNotifier::shared(), &AppNotifier::summaryChanged);
     emit settings->summaryChanged();
     EXPECT_EQ(summary.count(), 1);
+}
+
+// First run: the set-up window opens until it has been completed.
+TEST(AppDelegate, OnboardingOpensUntilCompleted)
+{
+    for (const bool completed : {false, true}) {
+        OnboardingWindowController::setCompleted(completed);
+        Shell shell(testenv::freshDir(QStringLiteral("source")), testenv::freshDir(QStringLiteral("store")));
+        ASSERT_TRUE(shell.delegate.applicationDidFinishLaunching());
+        OnboardingWindowController *window = shell.delegate.onboardingWindow();
+        EXPECT_EQ(window != nullptr && window->isVisible(), !completed);
+        if (!window)
+            continue;
+        window->setStep(2);
+        window->secondaryButton()->click(); // "Set Up Later": set-up does not come back
+        EXPECT_TRUE(OnboardingWindowController::completed());
+    }
+}
+
+// A PDF dropped on the Worklogs window is read as an invoice; other files are not taken.
+TEST(AppDelegate, PdfDroppedOnWorklogsOpensTheInvoiceWindow)
+{
+    Shell shell(testenv::freshDir(QStringLiteral("source")), testenv::freshDir(QStringLiteral("store")));
+    ASSERT_TRUE(shell.delegate.applicationDidFinishLaunching());
+    shell.delegate.jira();
+    QMainWindow *worklogs = shell.delegate.reviewController()->window();
+    const auto drop = [&](const QString &path) {
+        QMimeData data;
+        data.setUrls({QUrl::fromLocalFile(path)});
+        QDragEnterEvent enter(QPoint(10, 10), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(worklogs, &enter);
+        QDropEvent dropped(QPointF(10, 10), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(worklogs, &dropped);
+        return enter.isAccepted();
+    };
+    EXPECT_FALSE(drop(testenv::dataPath(QStringLiteral("invoices/make_invoices.py"))));
+    EXPECT_EQ(shell.delegate.invoiceWindow(), nullptr);
+    EXPECT_TRUE(drop(testenv::dataPath(QStringLiteral("invoices/week.pdf"))));
+    ASSERT_NE(shell.delegate.invoiceWindow(), nullptr);
+    EXPECT_TRUE(shell.delegate.invoiceWindow()->isVisible());
+    EXPECT_TRUE(testenv::waitFor([&] { return !shell.delegate.invoiceWindow()->result().isEmpty(); }, 30000));
+}
+
+// The tray's summary rows carry the converted earnings while conversion is on, and are drawn again when a
+// rate arrives.
+TEST(AppDelegate, SummaryRowsCarryTheCurrencyConversion)
+{
+    QSettings settings;
+    settings.setValue(QStringLiteral("HourlyRate"), QStringLiteral("20"));
+    settings.setValue(QStringLiteral("HourlyCurrency"), QStringLiteral("USD"));
+    settings.setValue(QStringLiteral("EstimateCurrency"), QStringLiteral("EUR"));
+    settings.setValue(ExchangeRate::cacheKey(QStringLiteral("USD"), QStringLiteral("EUR")),
+        QVariantMap {{QStringLiteral("base"), QStringLiteral("USD")}, {QStringLiteral("quote"), QStringLiteral("EUR")},
+            {QStringLiteral("rate"), 0.5},
+            {QStringLiteral("date"), QDate::currentDate().addDays(-1).toString(QStringLiteral("yyyy-MM-dd"))},
+            {QStringLiteral("checked"), QDateTime::currentDateTime()},
+            {QStringLiteral("provider"), QStringLiteral("ECB")}});
+    settings.setValue(QStringLiteral("ConvertEarnings"), false);
+    Shell shell(testenv::freshDir(QStringLiteral("source")), testenv::freshDir(QStringLiteral("store")));
+    ASSERT_TRUE(shell.delegate.applicationDidFinishLaunching());
+    MenuBarController *menu = shell.delegate.menuBar();
+    shell.delegate.updateStatus();
+    EXPECT_FALSE(menu->summaryText().contains(QStringLiteral(" ≈ "))) << qPrintable(menu->summaryText());
+
+    settings.setValue(QStringLiteral("ConvertEarnings"), true);
+    emit ExchangeRate::shared().summaryChanged();
+    EXPECT_TRUE(menu->summaryText().endsWith(QStringLiteral(" ≈ €0.00"))) << qPrintable(menu->summaryText());
+    EXPECT_TRUE(menu->alternateText().endsWith(QStringLiteral(" ≈ €0.00"))) << qPrintable(menu->alternateText());
 }
 
 // A second launch with a PDF hands it to the running Hourloom, which reads it in its invoice window.
