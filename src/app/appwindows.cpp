@@ -3,6 +3,7 @@
 
 #include "app/appdelegate.h"
 #include "app/appnotifier.h"
+#include "app/autostart.h"
 #include "app/menubarcontroller.h"
 #include "app/ui/invoicewindow.h"
 #include "app/ui/jirareviewwindowcontroller.h"
@@ -14,10 +15,13 @@
 #include "summary/exchangerate.h"
 #include "summary/timesummary.h"
 
+#include <QCheckBox>
 #include <QDragEnterEvent>
 #include <QDropEvent>
 #include <QFileInfo>
 #include <QMainWindow>
+#include <QMenu>
+#include <QMenuBar>
 #include <QSettings>
 #include <QUrl>
 
@@ -80,6 +84,12 @@ void AppDelegate::setUpWindows()
         if (m_onboarding && m_onboarding->step() == 2 && m_review->jiraConnected())
             m_onboarding->finish();
     };
+
+    // "Start at Login" is also a Settings choice: the menu shows what is in force when it opens.
+    if (QMenuBar *bar = m_review->window()->menuBar(); bar && !bar->actions().isEmpty())
+        if (QMenu *application = bar->actions().constFirst()->menu())
+            connect(
+                application, &QMenu::aboutToShow, this, [this] { m_menuBar->setStartAtLogin(Autostart::enabled()); });
 
     // A PDF dropped anywhere on the Worklogs window is read as an invoice.
     m_review->window()->setAcceptDrops(true);
@@ -156,6 +166,11 @@ void AppDelegate::settings()
     }
     m_settingsConnection.clear();
     refreshSettingsState();
+    // The menu may have changed it since the window was made.
+    if (auto *startAtLogin = m_settingsWindow->findChild<QCheckBox *>(QStringLiteral("StartAtLogin"))) {
+        const QSignalBlocker block(startAtLogin);
+        startAtLogin->setChecked(Autostart::enabled());
+    }
     present(m_settingsWindow.get());
 }
 
