@@ -113,7 +113,8 @@ bool AppDelegate::applicationDidFinishLaunching()
         return false;
     }
 
-    m_review = new JiraReviewWindowController(m_store);
+    m_review = credentialService.isEmpty() ? new JiraReviewWindowController(m_store)
+                                           : new JiraReviewWindowController(m_store, credentialService);
     setUpUpdates();
     m_review->assignmentsDidChange = [this] { updateStatus(); };
     m_review->prepareConnection();

@@ -84,6 +84,9 @@ public:
     std::function<void()> showOnboarding;
     // A finished session the user may want to log, decided by the task-switch observer.
     std::function<void(const QVariantMap &session)> switchOffered;
+    // The secret-store service Jira's credentials are kept under; the program's own unless set (tests that
+    // run side by side).
+    QString credentialService;
     // The instant status texts are measured at; the system clock unless set.
     std::function<QDateTime()> clock;
 

@@ -52,6 +52,9 @@ struct Shell {
         : delegate(source, store)
     {
         delegate.alert = [this](const QString &title, const QString &detail) { alerts.push_back({title, detail}); };
+        // Never signed in: tests that sign in keep their credentials under services of their own.
+        delegate.credentialService
+            = QStringLiteral("app.hourloom.test.app.shell.%1").arg(QCoreApplication::applicationPid());
     }
     AppDelegate delegate;
     std::vector<Alert> alerts;
@@ -180,7 +183,6 @@ TEST(AppDelegate, SettingsShowsTheShellsStateAndUpdates)
     tracker.create();
     Shell shell(tracker.folder(), testenv::freshDir(QStringLiteral("store")));
     ASSERT_TRUE(shell.delegate.applicationDidFinishLaunching());
-    shell.delegate.reviewController()->disconnectJira(); // whatever an earlier run left in the secret store
     shell.delegate.settings();
     SettingsWindow *settings = shell.delegate.settingsWindow();
     ASSERT_NE(settings, nullptr);
