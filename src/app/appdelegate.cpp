@@ -7,13 +7,18 @@
 #include "app/promptlogic.h"
 #include "app/statusrules.h"
 #include "app/trayicons.h"
+#include "app/ui/invoicewindow.h"
 #include "app/ui/jirareviewwindowcontroller.h"
 #include "app/ui/lognotification.h"
+#include "app/ui/onboardingwindow.h"
+#include "app/ui/settingswindow.h"
 #include "app/ui/tasklogprompt.h"
+#include "app/updatecontroller.h"
 #include "diagnostics/diagnosticlog.h"
 #include "source/history.h"
 #include "source/stintwatchmonitor.h"
 #include "source/stintwatchsourceaccess.h"
+#include "summary/exchangerate.h"
 #include "summary/timesummary.h"
 #include "worklogs/preferences.h"
 
@@ -75,6 +80,7 @@ AppDelegate::AppDelegate(const QString &source, const QString &store, bool smoke
     , m_smokeTest(smokeTest)
     , m_settings(std::make_unique<QSettings>())
 {
+    showOnboarding = [this] { openOnboarding(); };
 }
 
 AppDelegate::~AppDelegate()
@@ -85,6 +91,10 @@ AppDelegate::~AppDelegate()
     delete m_prompts;
     delete m_promptPopup;
     delete m_promptNotification;
+    // The windows also call back into the Worklogs controller and the update controller: they go first.
+    delete m_onboarding;
+    m_settingsWindow.reset();
+    m_invoiceWindow.reset();
     delete m_menuBar;
     delete m_review;
 }
@@ -110,7 +120,9 @@ bool AppDelegate::applicationDidFinishLaunching()
         return false;
     }
 
-    m_review = new JiraReviewWindowController(m_store, credentialService);
+    m_review = credentialService.isEmpty() ? new JiraReviewWindowController(m_store)
+                                           : new JiraReviewWindowController(m_store, credentialService);
+    setUpUpdates();
     m_review->assignmentsDidChange = [this] { updateStatus(); };
     m_review->prepareConnection();
 
@@ -126,6 +138,7 @@ bool AppDelegate::applicationDidFinishLaunching()
     connect(m_menuBar, &MenuBarController::chooseFolderRequested, this, &AppDelegate::chooseStintwatchFolder);
     connect(m_menuBar, &MenuBarController::startAtLoginChanged, this, &AppDelegate::setStartAtLogin);
     connect(m_menuBar, &MenuBarController::menuVisibilityChanged, this, &AppDelegate::updateStatus);
+    setUpWindows();
 
     m_timer = new QTimer(this);
     connect(m_timer, &QTimer::timeout, this, &AppDelegate::updateStatus);
@@ -270,12 +283,20 @@ void AppDelegate::updateStatus()
             : m_monitor->summaryRows();
     }
     const int period = TimeSummary::configuredPeriod();
-    m_menuBar->setWeeklySummary(TimeSummary::summaryText(summaryRows, current, period),
-        TimeSummary::summaryText(summaryRows, current, period == 0 ? 1 : 0));
+    // At most one fetch a day; the summary is drawn again when it ends.
+    if (m_settings->value(QStringLiteral("ConvertEarnings")).toBool())
+        ExchangeRate::shared().refresh(false);
+    const int alternatePeriod = period == 0 ? 1 : 0;
+    m_menuBar->setWeeklySummary(
+        TimeSummary::summaryText(summaryRows, current, period) + weeklyConversion(summaryRows, current, period),
+        TimeSummary::summaryText(summaryRows, current, alternatePeriod)
+            + weeklyConversion(summaryRows, current, alternatePeriod));
     m_menuBar->setAlternateVisible(m_settings->value(QStringLiteral("ShowSummary"), true).toBool());
 
     if (m_review && m_review->isOpen())
         m_review->updateSessions(sessionsMarkingRunning());
+    if (m_invoiceWindow && m_invoiceWindow->isVisible())
+        m_invoiceWindow->setSessions(sessionsMarkingRunning());
 
     // Replaced only when the wanted interval changes, so a steady state never restarts the count.
     if (!m_timer->isActive() || m_timer->interval() != out.intervalMs) {
@@ -381,6 +402,13 @@ void AppDelegate::exportDiagnostics()
 
 void AppDelegate::chooseStintwatchFolder()
 {
+    const QString path = askForSourceFolder();
+    if (!path.isNull() && useSourceFolder(path))
+        refreshSettingsState();
+}
+
+QString AppDelegate::askForSourceFolder()
+{
     QFileDialog dialog(m_review ? m_review->window() : nullptr, QStringLiteral("Choose Stintwatch Folder"));
     dialog.setFileMode(QFileDialog::Directory);
     dialog.setOption(QFileDialog::ShowDirsOnly);
@@ -392,18 +420,19 @@ void AppDelegate::chooseStintwatchFolder()
         atDefault ? QStringLiteral("This is Stintwatch's folder. Click Choose to let Hourloom read it.")
                   : QStringLiteral("Choose Stintwatch's data folder. It must contain Stintwatch.db."));
     if (dialog.exec() != QDialog::Accepted || dialog.selectedFiles().isEmpty())
-        return;
-    useSourceFolder(dialog.selectedFiles().constFirst());
+        return {};
+    return dialog.selectedFiles().constFirst();
 }
 
-bool AppDelegate::useSourceFolder(const QString &path)
+bool AppDelegate::useSourceFolder(const QString &path, bool quiet)
 {
     if (!m_access)
         m_access = std::make_unique<StintwatchSourceAccess>(m_settings.get());
     PlatformError error;
     const QString folder = m_access->authorizeURL(QUrl::fromLocalFile(path), &error);
     if (folder.isNull()) {
-        showAlert(QStringLiteral("Cannot use this folder"), QStringLiteral("Choose the Stintwatch folder."));
+        if (!quiet)
+            showAlert(QStringLiteral("Cannot use this folder"), QStringLiteral("Choose the Stintwatch folder."));
         return false;
     }
     startMonitor(folder);

@@ -4,17 +4,22 @@
 #include <QObject>
 #include <QPointer>
 #include <QString>
+#include <QStringList>
 #include <QVariantList>
 #include <QVariantMap>
 
 #include <functional>
 #include <memory>
 
+class InvoiceWindow;
 class JiraReviewWindowController;
 class LogNotificationSender;
 class LogPromptCoordinator;
 class TaskLogPromptController;
 class MenuBarController;
+class OnboardingWindowController;
+class SettingsWindow;
+class UpdateController;
 class QMessageBox;
 class QSettings;
 class QTimer;
@@ -47,11 +52,25 @@ public:
     void exportHistory();
     void exportDiagnostics();
     void chooseStintwatchFolder();
-    // Reads `path` from now on when it is a tracker folder; otherwise says why not and keeps the old one.
-    bool useSourceFolder(const QString &path);
+    // Reads `path` from now on when it is a tracker folder; otherwise says why not (unless `quiet`) and keeps
+    // the old one.
+    bool useSourceFolder(const QString &path, bool quiet = false);
     void setStartAtLogin(bool enabled);
 
+    // The windows beyond Worklogs, each made on first use and kept for the whole run.
+    void settings();
+    void invoice();
+    void openOnboarding();
+    // Opens the PDFs among `paths` in the invoice window (the last one shown); false when there was none.
+    bool openFiles(const QStringList &paths);
+    // The PDF files named on a command line (made absolute), in order.
+    static QStringList pdfArguments(const QStringList &arguments);
+
     qsizetype activityCount() const;
+    SettingsWindow *settingsWindow() const;
+    InvoiceWindow *invoiceWindow() const;
+    OnboardingWindowController *onboardingWindow() const;
+    UpdateController *updateController() const { return m_updates; }
     JiraReviewWindowController *reviewController() const { return m_review; }
     MenuBarController *menuBar() const { return m_menuBar; }
     LogPromptCoordinator *prompts() const { return m_prompts; }
@@ -77,7 +96,21 @@ public:
     // The instant status texts are measured at; the system clock unless set.
     std::function<QDateTime()> clock;
 
+protected:
+    bool eventFilter(QObject *watched, QEvent *event) override;
+
 private:
+    // The update controller (start-up step 5), and the Settings, invoice and onboarding windows with their
+    // menu items.
+    void setUpUpdates();
+    void setUpWindows();
+    void refreshSettingsState();
+    InvoiceWindow *ensureInvoiceWindow();
+    // Asks for the tracker's folder; a null text when the user cancelled.
+    QString askForSourceFolder();
+    QString siteName(const QString &site) const;
+    QString weeklyConversion(const QVariantList &summaryRows, const QDateTime &now, int period) const;
+
     void startMonitor(const QString &folder);
     void releaseScanMemory();
     void waitForTray();
@@ -105,6 +138,11 @@ private:
     LogNotificationSender *m_promptNotification = nullptr;
     int m_notificationChoice = -1; // the "PromptsAsNotifications" value the presenters were chosen for
     QPointer<QMessageBox> m_about;
+    UpdateController *m_updates = nullptr;
+    std::unique_ptr<SettingsWindow> m_settingsWindow;
+    std::unique_ptr<InvoiceWindow> m_invoiceWindow;
+    QPointer<OnboardingWindowController> m_onboarding;
+    QString m_settingsConnection; // the connection state Settings was last given
     bool m_trayWaitFinished = false;
     int m_trimmedScan = 0;
 };

@@ -82,8 +82,11 @@ int main(int argc, char **argv)
     // Before anything can be seen from outside, so a session that ends early never kills a half-started run.
     quitOnTerminationSignals(app);
 
+    // PDFs named on the command line (the desktop file offers Hourloom for them) are read as invoices, by the
+    // Hourloom that is already running when there is one.
+    const QStringList pdfs = AppDelegate::pdfArguments(QCoreApplication::arguments().mid(1));
     SingleInstance instance;
-    if (!instance.claim()) {
+    if (!instance.claim(true, pdfs)) {
         if (instance.reachedOther())
             return 0; // the running Hourloom shows its window
         std::fputs("Hourloom is already running but did not answer; try again in a moment.\n", stderr);
@@ -93,8 +96,11 @@ int main(int argc, char **argv)
     AppDelegate delegate(QString(), SupportFolder::prepare());
     QObject::connect(&instance, &SingleInstance::activationRequested, &delegate,
         [&delegate] { delegate.reopen(anyWindowVisible()); });
+    QObject::connect(&instance, &SingleInstance::filesOpened, &delegate,
+        [&delegate](const QStringList &paths) { delegate.openFiles(paths); });
     if (!delegate.applicationDidFinishLaunching())
         return 1;
+    delegate.openFiles(pdfs);
 #ifdef HOURLOOM_TEST_HOOKS
     if (const QString folder = qEnvironmentVariable("HOURLOOM_TEST_SNAPSHOT_DIR"); !folder.isEmpty())
         HLTakeDemoSnapshots(delegate, folder);

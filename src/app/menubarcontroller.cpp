@@ -49,7 +49,12 @@ MenuBarController::MenuBarController(QObject *parent)
     m_alternate->setVisible(false);
     m_menu->addSeparator();
     connect(m_menu->addAction(tr("Worklogs…")), &QAction::triggered, this, &MenuBarController::worklogsRequested);
+    // The tray cannot take a dropped file on every desktop, so the invoice reader is offered here as well.
+    connect(m_menu->addAction(tr("Read Invoice…")), &QAction::triggered, this, &MenuBarController::invoiceRequested);
     m_menu->addSeparator();
+    QAction *settings = m_menu->addAction(tr("Settings…"));
+    settings->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Comma));
+    connect(settings, &QAction::triggered, this, &MenuBarController::settingsRequested);
     QAction *quit = m_menu->addAction(tr("Quit Hourloom"));
     quit->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Q));
     connect(quit, &QAction::triggered, this, &MenuBarController::quitRequested);
@@ -143,6 +148,9 @@ void MenuBarController::installMainMenu(QMainWindow *window, QMenu *columns)
 
     QMenu *app = bar->addMenu(tr("&Hourloom"));
     connect(app->addAction(tr("About Hourloom")), &QAction::triggered, this, &MenuBarController::aboutRequested);
+    QAction *settings = app->addAction(tr("Settings…"));
+    settings->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Comma));
+    connect(settings, &QAction::triggered, this, &MenuBarController::settingsRequested);
     app->addSeparator();
     connect(app->addAction(tr("Choose Stintwatch Folder…")), &QAction::triggered, this,
         &MenuBarController::chooseFolderRequested);
@@ -157,6 +165,7 @@ void MenuBarController::installMainMenu(QMainWindow *window, QMenu *columns)
     connect(quit, &QAction::triggered, this, &MenuBarController::quitRequested);
 
     QMenu *file = bar->addMenu(tr("&File"));
+    connect(file->addAction(tr("Read Invoice…")), &QAction::triggered, this, &MenuBarController::invoiceRequested);
     QAction *exportHistory = file->addAction(tr("Export History…"));
     exportHistory->setShortcut(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_E));
     connect(exportHistory, &QAction::triggered, this, &MenuBarController::exportHistoryRequested);

@@ -55,6 +55,8 @@ public:
 
 signals:
     void worklogsRequested();
+    void settingsRequested();
+    void invoiceRequested();
     void aboutRequested();
     void quitRequested();
     void checkJiraRequested();

@@ -3,6 +3,7 @@
 #include <QLockFile>
 #include <QObject>
 #include <QString>
+#include <QStringList>
 
 #include <memory>
 
@@ -24,17 +25,20 @@ public:
     static QString socketPath();
 
     // True when this process is now the only one. Otherwise another one runs and has been asked to show its
-    // window when `activate` is set; false is also the answer when no running instance could be reached.
-    bool claim(bool activate = true);
+    // window when `activate` is set, or to open `files` (absolute paths) when there are any; false is also the
+    // answer when no running instance could be reached.
+    bool claim(bool activate = true, const QStringList &files = {});
     bool reachedOther() const { return m_reachedOther; }
 
 signals:
     // Another launch asked this instance to show itself.
     void activationRequested();
+    // Another launch handed over files to open (absolute local paths).
+    void filesOpened(const QStringList &paths);
 
 private:
     bool listen();
-    bool askOther();
+    bool askOther(const QStringList &files);
 
     std::unique_ptr<QLockFile> m_lock;
     QLocalServer *m_server = nullptr;

@@ -334,6 +334,11 @@ void UpdateController::finishInstall(bool installed, const QString &failure)
         setState(State::Failed, failure);
         return;
     }
+    relaunchAfterInstall();
+}
+
+void UpdateController::relaunchAfterInstall()
+{
     const QString version = m_offer.version;
     m_heldRelaunch = [this] { relaunchNow(); };
     if (shouldPostponeRelaunch && shouldPostponeRelaunch()) {

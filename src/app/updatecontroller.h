@@ -77,6 +77,8 @@ public:
     std::function<void()> stateDidChange;
     // Called when posting ends: runs a held relaunch once, unless it should still wait.
     void relaunchIfPostponed();
+    // An update has been installed: relaunches now, or holds the relaunch while it should wait.
+    void relaunchAfterInstall();
     bool relaunchHeld() const { return static_cast<bool>(m_heldRelaunch); }
 
     // Replaceable for tests. The installer gets the verified package's path and answers whether it

@@ -1,24 +1,42 @@
 #include "app/appdelegate.h"
+#include "app/appnotifier.h"
 #include "app/autostart.h"
 #include "app/buildinfo.h"
 #include "app/menubarcontroller.h"
+#include "app/singleinstance.h"
+#include "app/ui/invoicewindow.h"
 #include "app/ui/jirareviewwindowcontroller.h"
+#include "app/ui/onboardingwindow.h"
+#include "app/ui/settingswindow.h"
+#include "app/updatecontroller.h"
 #include "diagnostics/diagnosticlog.h"
 #include "simtracker.h"
 #include "source/stintwatchmonitor.h"
+#include "summary/exchangerate.h"
 #include "support/testenv.h"
 
+#include <QApplication>
+#include <QDragEnterEvent>
 #include <QFile>
 #include <QFileInfo>
+#include <QLabel>
 #include <QMainWindow>
 #include <QMenu>
 #include <QMenuBar>
+#include <QMimeData>
 #include <QProcess>
+#include <QPushButton>
 #include <QSettings>
+#include <QSignalSpy>
 #include <QStandardPaths>
 #include <QSystemTrayIcon>
+#include <QTimer>
+#include <QUrl>
 
 #include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
 
 namespace
 {
@@ -34,6 +52,9 @@ struct Shell {
         : delegate(source, store)
     {
         delegate.alert = [this](const QString &title, const QString &detail) { alerts.push_back({title, detail}); };
+        // Never signed in: tests that sign in keep their credentials under services of their own.
+        delegate.credentialService
+            = QStringLiteral("app.hourloom.test.app.shell.%1").arg(QCoreApplication::applicationPid());
     }
     AppDelegate delegate;
     std::vector<Alert> alerts;
@@ -80,9 +101,9 @@ TEST(AppDelegate, WindowMenuBarCarriesTheMainMenuWithControlKeys)
     const QStringList menus = menuTitles(shell.delegate.reviewController()->window());
     ASSERT_EQ(menus.size(), 4);
     EXPECT_EQ(menus[0],
-        QStringLiteral("&Hourloom:About Hourloom,Choose Stintwatch Folder…,Export Diagnostics…,Start at Login,"
-                       "Quit Hourloom=Ctrl+Q"));
-    EXPECT_EQ(menus[1], QStringLiteral("&File:Export History…=Ctrl+Shift+E,Close Window=Ctrl+W"));
+        QStringLiteral("&Hourloom:About Hourloom,Settings…=Ctrl+,,Choose Stintwatch Folder…,Export Diagnostics…,"
+                       "Start at Login,Quit Hourloom=Ctrl+Q"));
+    EXPECT_EQ(menus[1], QStringLiteral("&File:Read Invoice…,Export History…=Ctrl+Shift+E,Close Window=Ctrl+W"));
     EXPECT_EQ(menus[2], QStringLiteral("&Edit:Cut=Ctrl+X,Copy=Ctrl+C,Paste=Ctrl+V,Select All=Ctrl+A"));
     EXPECT_EQ(menus[3], QStringLiteral("&View:Check Jira Again=Ctrl+R,Columns"));
 
@@ -90,8 +111,218 @@ TEST(AppDelegate, WindowMenuBarCarriesTheMainMenuWithControlKeys)
     for (QAction *item : shell.delegate.menuBar()->statusMenu()->actions())
         status << (item->isSeparator() ? QStringLiteral("-") : item->text());
     EXPECT_EQ(status.mid(4),
-        (QStringList {
-            QStringLiteral("-"), QStringLiteral("Worklogs…"), QStringLiteral("-"), QStringLiteral("Quit Hourloom")}));
+        (QStringList {QStringLiteral("-"), QStringLiteral("Worklogs…"), QStringLiteral("Read Invoice…"),
+            QStringLiteral("-"), QStringLiteral("Settings…"), QStringLiteral("Quit Hourloom")}));
+}
+
+QAction *findItem(QMenu *menu, const QString &text)
+{
+    for (QAction *item : menu->actions()) {
+        if (item->text() == text)
+            return item;
+        if (item->menu())
+            if (QAction *inner = findItem(item->menu(), text))
+                return inner;
+    }
+    return nullptr;
+}
+
+// Every window the menus offer opens from both the tray and the Worklogs window's menu bar.
+TEST(AppDelegate, MenuItemsOpenTheirWindows)
+{
+    const struct {
+        bool tray;
+        const char *item;
+        const char *window;
+    } cases[] = {
+        {true, "Worklogs…", "worklogs"},
+        {true, "Settings…", "settings"},
+        {false, "Settings…", "settings"},
+        {true, "Read Invoice…", "invoice"},
+        {false, "Read Invoice…", "invoice"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.tray ? "tray " : "menu bar ") + c.item);
+        Shell shell(testenv::freshDir(QStringLiteral("source")), testenv::freshDir(QStringLiteral("store")));
+        ASSERT_TRUE(shell.delegate.applicationDidFinishLaunching());
+        QMenu *menu = shell.delegate.menuBar()->statusMenu();
+        if (!c.tray) {
+            menu = new QMenu;
+            menu->addActions(shell.delegate.reviewController()->window()->menuBar()->actions());
+        }
+        QAction *item = findItem(menu, QString::fromUtf8(c.item));
+        ASSERT_NE(item, nullptr);
+        const QString window = QString::fromLatin1(c.window);
+        // The invoice item asks for a file first; cancelling it leaves the window open and empty.
+        QTimer dismiss;
+        QObject::connect(&dismiss, &QTimer::timeout, [] {
+            if (QWidget *dialog = QApplication::activeModalWidget())
+                dialog->close();
+        });
+        dismiss.start(50);
+        item->trigger();
+        if (window == QStringLiteral("worklogs")) {
+            EXPECT_TRUE(shell.delegate.reviewController()->isOpen());
+        } else if (window == QStringLiteral("settings")) {
+            ASSERT_NE(shell.delegate.settingsWindow(), nullptr);
+            EXPECT_TRUE(shell.delegate.settingsWindow()->isVisible());
+            EXPECT_EQ(shell.delegate.settingsWindow()->currentPane(), QStringLiteral("general"));
+        } else {
+            ASSERT_NE(shell.delegate.invoiceWindow(), nullptr);
+            EXPECT_TRUE(shell.delegate.invoiceWindow()->isVisible());
+        }
+        if (!c.tray)
+            delete menu;
+    }
+}
+
+// Settings follows the shell: the source folder, the Jira state, and rules changed in Worklogs.
+TEST(AppDelegate, SettingsShowsTheShellsStateAndUpdates)
+{
+    SimTracker tracker(testenv::freshDir(QStringLiteral("source")));
+    tracker.create();
+    Shell shell(tracker.folder(), testenv::freshDir(QStringLiteral("store")));
+    ASSERT_TRUE(shell.delegate.applicationDidFinishLaunching());
+    shell.delegate.settings();
+    SettingsWindow *settings = shell.delegate.settingsWindow();
+    ASSERT_NE(settings, nullptr);
+    auto *account = settings->findChild<QLabel *>(QStringLiteral("accountState"));
+    ASSERT_NE(account, nullptr);
+    EXPECT_EQ(account->text(), QStringLiteral("Not connected"));
+    const QList<QLabel *> labels = settings->findChildren<QLabel *>();
+    EXPECT_TRUE(std::any_of(labels.cbegin(), labels.cend(), [&](const QLabel *label) {
+        return label->toolTip() == tracker.folder();
+    })) << "the folder being read is shown";
+    // Updates are offered only by builds with a feed; this one says why not.
+    const QString reason = shell.delegate.updateController()->unavailableReason();
+    EXPECT_EQ(reason, QStringLiteral("This build has no update feed."));
+    EXPECT_TRUE(std::any_of(labels.cbegin(), labels.cend(), [](const QLabel *label) {
+        return label->text() == QStringLiteral("Updates are not available in this build.");
+    }));
+
+    // A summary change in Settings reaches the whole application.
+    QSignalSpy summary(&AppNotifier::shared(), &AppNotifier::summaryChanged);
+    emit settings->summaryChanged();
+    EXPECT_EQ(summary.count(), 1);
+}
+
+// First run: the set-up window opens until it has been completed.
+TEST(AppDelegate, OnboardingOpensUntilCompleted)
+{
+    for (const bool completed : {false, true}) {
+        OnboardingWindowController::setCompleted(completed);
+        Shell shell(testenv::freshDir(QStringLiteral("source")), testenv::freshDir(QStringLiteral("store")));
+        ASSERT_TRUE(shell.delegate.applicationDidFinishLaunching());
+        OnboardingWindowController *window = shell.delegate.onboardingWindow();
+        EXPECT_EQ(window != nullptr && window->isVisible(), !completed);
+        if (!window)
+            continue;
+        window->setStep(2);
+        window->secondaryButton()->click(); // "Set Up Later": set-up does not come back
+        EXPECT_TRUE(OnboardingWindowController::completed());
+    }
+}
+
+// A PDF dropped on the Worklogs window is read as an invoice; other files are not taken.
+TEST(AppDelegate, PdfDroppedOnWorklogsOpensTheInvoiceWindow)
+{
+    Shell shell(testenv::freshDir(QStringLiteral("source")), testenv::freshDir(QStringLiteral("store")));
+    ASSERT_TRUE(shell.delegate.applicationDidFinishLaunching());
+    shell.delegate.jira();
+    QMainWindow *worklogs = shell.delegate.reviewController()->window();
+    const auto drop = [&](const QString &path) {
+        QMimeData data;
+        data.setUrls({QUrl::fromLocalFile(path)});
+        QDragEnterEvent enter(QPoint(10, 10), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(worklogs, &enter);
+        QDropEvent dropped(QPointF(10, 10), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(worklogs, &dropped);
+        return enter.isAccepted();
+    };
+    EXPECT_FALSE(drop(testenv::dataPath(QStringLiteral("invoices/make_invoices.py"))));
+    EXPECT_EQ(shell.delegate.invoiceWindow(), nullptr);
+    EXPECT_TRUE(drop(testenv::dataPath(QStringLiteral("invoices/week.pdf"))));
+    ASSERT_NE(shell.delegate.invoiceWindow(), nullptr);
+    EXPECT_TRUE(shell.delegate.invoiceWindow()->isVisible());
+    EXPECT_TRUE(testenv::waitFor([&] { return !shell.delegate.invoiceWindow()->result().isEmpty(); }, 30000));
+}
+
+// The tray's summary rows carry the converted earnings while conversion is on, and are drawn again when a
+// rate arrives.
+TEST(AppDelegate, SummaryRowsCarryTheCurrencyConversion)
+{
+    QSettings settings;
+    settings.setValue(QStringLiteral("HourlyRate"), QStringLiteral("20"));
+    settings.setValue(QStringLiteral("HourlyCurrency"), QStringLiteral("USD"));
+    settings.setValue(QStringLiteral("EstimateCurrency"), QStringLiteral("EUR"));
+    settings.setValue(ExchangeRate::cacheKey(QStringLiteral("USD"), QStringLiteral("EUR")),
+        QVariantMap {{QStringLiteral("base"), QStringLiteral("USD")}, {QStringLiteral("quote"), QStringLiteral("EUR")},
+            {QStringLiteral("rate"), 0.5},
+            {QStringLiteral("date"), QDate::currentDate().addDays(-1).toString(QStringLiteral("yyyy-MM-dd"))},
+            {QStringLiteral("checked"), QDateTime::currentDateTime()},
+            {QStringLiteral("provider"), QStringLiteral("ECB")}});
+    settings.setValue(QStringLiteral("ConvertEarnings"), false);
+    Shell shell(testenv::freshDir(QStringLiteral("source")), testenv::freshDir(QStringLiteral("store")));
+    ASSERT_TRUE(shell.delegate.applicationDidFinishLaunching());
+    MenuBarController *menu = shell.delegate.menuBar();
+    shell.delegate.updateStatus();
+    EXPECT_FALSE(menu->summaryText().contains(QStringLiteral(" ≈ "))) << qPrintable(menu->summaryText());
+
+    settings.setValue(QStringLiteral("ConvertEarnings"), true);
+    emit ExchangeRate::shared().summaryChanged();
+    EXPECT_TRUE(menu->summaryText().endsWith(QStringLiteral(" ≈ €0.00"))) << qPrintable(menu->summaryText());
+    EXPECT_TRUE(menu->alternateText().endsWith(QStringLiteral(" ≈ €0.00"))) << qPrintable(menu->alternateText());
+}
+
+// A second launch with a PDF hands it to the running Hourloom, which reads it in its invoice window.
+TEST(AppDelegate, SecondLaunchWithAPdfOpensTheInvoiceInTheFirst)
+{
+    const QString runtime = testenv::freshDir(QStringLiteral("runtime"));
+    QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    const QByteArray savedRuntime = qgetenv("XDG_RUNTIME_DIR");
+    qputenv("XDG_RUNTIME_DIR", runtime.toUtf8());
+
+    Shell shell(testenv::freshDir(QStringLiteral("source")), testenv::freshDir(QStringLiteral("store")));
+    ASSERT_TRUE(shell.delegate.applicationDidFinishLaunching());
+    SingleInstance first;
+    ASSERT_TRUE(first.claim());
+    QObject::connect(&first, &SingleInstance::filesOpened, &shell.delegate,
+        [&shell](const QStringList &paths) { shell.delegate.openFiles(paths); });
+    int activations = 0;
+    QObject::connect(&first, &SingleInstance::activationRequested, [&activations] { ++activations; });
+
+    const QString pdf = testenv::dataPath(QStringLiteral("invoices/week.pdf"));
+    const QStringList handed = AppDelegate::pdfArguments(
+        {QStringLiteral("--verbose"), pdf, QStringLiteral("notes.txt"), QUrl::fromLocalFile(pdf).toString()});
+    EXPECT_EQ(handed, (QStringList {pdf, pdf}));
+    std::atomic<int> answer = -1;
+    // The second launch blocks while it asks; the first answers from its event loop.
+    std::thread second([&] {
+        SingleInstance other;
+        answer = other.claim(true, {pdf}) ? 1 : (other.reachedOther() ? 0 : 2);
+    });
+    const bool answered = testenv::waitFor([&] { return answer.load() >= 0; }, 20000);
+    second.join();
+    ASSERT_TRUE(answered);
+    EXPECT_EQ(answer.load(), 0) << "the second launch defers to the first";
+    EXPECT_EQ(activations, 0) << "opening a file does not also raise Worklogs";
+    ASSERT_TRUE(testenv::waitFor([&] { return shell.delegate.invoiceWindow() != nullptr; }, 20000));
+    InvoiceWindow *window = shell.delegate.invoiceWindow();
+    EXPECT_TRUE(window->isVisible());
+    ASSERT_TRUE(testenv::waitFor([&] { return !window->isReading() && !window->result().isEmpty(); }, 30000));
+    EXPECT_FALSE(window->summaryText().isEmpty());
+
+    // A launch without files only raises the window.
+    answer = -1;
+    std::thread plain([&] {
+        SingleInstance other;
+        answer = other.claim(true) ? 1 : (other.reachedOther() ? 0 : 2);
+    });
+    testenv::waitFor([&] { return answer.load() >= 0; }, 20000);
+    plain.join();
+    EXPECT_EQ(answer.load(), 0);
+    EXPECT_EQ(activations, 1);
+    qputenv("XDG_RUNTIME_DIR", savedRuntime);
 }
 
 // The status rows follow the tracker: each change shows within one refresh of the status item.

@@ -11,6 +11,7 @@
 #include <QFileDialog>
 #include <QFileInfo>
 #include <QFutureWatcher>
+#include <QGridLayout>
 #include <QHBoxLayout>
 #include <QHeaderView>
 #include <QKeySequence>
@@ -161,10 +162,16 @@ void InvoiceWindow::chooseInvoice()
     show();
     raise();
     const QString start = m_path.isEmpty() ? QString() : QFileInfo(m_path).absolutePath();
-    const QString path = QFileDialog::getOpenFileName(
-        this, QStringLiteral("Read Invoice"), start, QStringLiteral("PDF documents (*.pdf *.PDF)"));
-    if (!path.isEmpty())
-        openInvoice(path);
+    QFileDialog dialog(this, QStringLiteral("Read Invoice"), start, QStringLiteral("PDF documents (*.pdf *.PDF)"));
+    dialog.setFileMode(QFileDialog::ExistingFile);
+    // Qt's own dialog: the platform's have no place for a line of explanation.
+    dialog.setOption(QFileDialog::DontUseNativeDialog);
+    auto *message = new QLabel(QStringLiteral("Choose a Stintwatch invoice PDF."), &dialog);
+    if (auto *grid = qobject_cast<QGridLayout *>(dialog.layout()))
+        grid->addWidget(message, grid->rowCount(), 0, 1, grid->columnCount());
+    if (dialog.exec() != QDialog::Accepted || dialog.selectedFiles().isEmpty())
+        return;
+    openInvoice(dialog.selectedFiles().constFirst());
 }
 
 void InvoiceWindow::setSessions(const QVariantList &sessions)

@@ -214,6 +214,9 @@ void IssueRulesTable::updateHeight()
     m_height = height;
     m_view->setFixedHeight(height);
     m_empty->setFixedHeight(height);
+    // The stacked layout asks for the table's own (tall) size hint whatever its fixed height; without a fixed
+    // height of its own the whole would leave a gap above the button.
+    setFixedHeight(height + std::max(0, layout()->spacing()) + m_delete->sizeHint().height());
     Q_EMIT heightDidChange();
 }
 

@@ -753,3 +753,24 @@ bool JiraReviewWindowController::eventFilter(QObject *watched, QEvent *event)
         QSettings().setValue(kGeometryKey, d->window->saveGeometry());
     return QObject::eventFilter(watched, event);
 }
+
+bool JiraReviewWindowController::jiraConnected() const
+{
+    return d->client->connected();
+}
+
+QVariantList JiraReviewWindowController::sites() const
+{
+    return d->sites;
+}
+
+void JiraReviewWindowController::reloadAssignments()
+{
+    try {
+        d->assignments = std::make_unique<IssueAssignments>(d->store);
+    } catch (const NamedFailure &failure) {
+        d->assignments.reset();
+        d->setStatus(failure.reason());
+    }
+    d->reload();
+}

@@ -51,6 +51,11 @@ public:
 
     bool posting() const;
     bool busy() const;
+    // Whether Jira is signed in, and the sites offered to this account ("id", "name", "url"; empty until known).
+    bool jiraConnected() const;
+    QVariantList sites() const;
+    // Reads the issue rules again after another window changed them, and redraws the rows.
+    void reloadAssignments();
     QString statusText() const;
     // Renders the window as it is on screen into a PNG; false when it cannot be written.
     bool writeSnapshot(const QString &path) const;

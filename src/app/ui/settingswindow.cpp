@@ -27,6 +27,7 @@
 #include <QPushButton>
 #include <QSettings>
 #include <QStackedWidget>
+#include <QStyle>
 #include <QTimeEdit>
 #include <QToolBar>
 #include <QVBoxLayout>
@@ -188,19 +189,24 @@ SettingsWindow::SettingsWindow(const QString &store, UpdateController *updates, 
     setCentralWidget(m_stack);
     m_paneActions = new QActionGroup(this);
     m_paneActions->setExclusive(true);
-    const QList<std::tuple<QString, QString, QString, QWidget *>> panes = {
-        {QStringLiteral("general"), QStringLiteral("General"), QStringLiteral("preferences-system"), buildGeneral()},
-        {QStringLiteral("jira"), QStringLiteral("Jira"), QStringLiteral("insert-link"), buildJira()},
+    // Each pane's icon from the desktop's theme, or one the style always has where the theme lacks it.
+    const QList<std::tuple<QString, QString, QString, QStyle::StandardPixmap, QWidget *>> panes = {
+        {QStringLiteral("general"), QStringLiteral("General"), QStringLiteral("preferences-system"),
+            QStyle::SP_ComputerIcon, buildGeneral()},
+        {QStringLiteral("jira"), QStringLiteral("Jira"), QStringLiteral("insert-link"), QStyle::SP_DirLinkIcon,
+            buildJira()},
         {QStringLiteral("reminders"), QStringLiteral("Reminders"), QStringLiteral("appointment-soon"),
-            buildReminders()},
-        {QStringLiteral("summary"), QStringLiteral("Summary"), QStringLiteral("x-office-spreadsheet"), buildSummary()},
-        {QStringLiteral("advanced"), QStringLiteral("Advanced"), QStringLiteral("preferences-other"), buildAdvanced()},
+            QStyle::SP_MessageBoxInformation, buildReminders()},
+        {QStringLiteral("summary"), QStringLiteral("Summary"), QStringLiteral("x-office-spreadsheet"),
+            QStyle::SP_FileDialogDetailedView, buildSummary()},
+        {QStringLiteral("advanced"), QStringLiteral("Advanced"), QStringLiteral("preferences-other"),
+            QStyle::SP_FileDialogContentsView, buildAdvanced()},
     };
     int index = 0;
-    for (const auto &[identifier, title, icon, pane] : panes) {
+    for (const auto &[identifier, title, icon, fallback, pane] : panes) {
         pane->setObjectName(identifier);
         m_stack->addWidget(pane);
-        QAction *action = toolbar->addAction(QIcon::fromTheme(icon), title);
+        QAction *action = toolbar->addAction(QIcon::fromTheme(icon, style()->standardIcon(fallback)), title);
         action->setObjectName(QStringLiteral("pane-") + identifier);
         action->setCheckable(true);
         action->setShortcut(QKeySequence(Qt::CTRL | Qt::Key(Qt::Key_1 + index)));
@@ -442,7 +448,10 @@ QWidget *SettingsWindow::buildReminders()
     m_workdayEnd->setObjectName(QStringLiteral("WorkdayEndMinutes"));
     m_workdayEnd->setAccessibleName(QStringLiteral("End of the working day"));
     m_workdayEnd->setToolTip(QStringLiteral("End of the working day"));
-    m_workdayEnd->setDisplayFormat(QLocale().timeFormat(QLocale::ShortFormat));
+    // Hours and minutes: the reminder has no use for seconds, which some locales' short format still shows.
+    QString timeFormat = QLocale().timeFormat(QLocale::ShortFormat);
+    timeFormat.remove(QStringLiteral(":ss"));
+    m_workdayEnd->setDisplayFormat(timeFormat);
     m_workdayEnd->setTime(QTime(0, 0).addSecs(JRWorkdayEndMinutes() * 60));
     m_weekends = checkBox(QStringLiteral("Weekends too"), JRWorkdayWeekendsIncluded(), pane);
     m_weekends->setObjectName(QStringLiteral("WorkdayIncludesWeekends"));
