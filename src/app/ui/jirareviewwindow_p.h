@@ -92,6 +92,10 @@ struct JiraReviewWindowController::Private {
     void openInJira(int row);
     bool writeHistory(const QString &path, QString *error) const;
     void assignmentsChanged();
+    // Runs one change of the assignments file; a failure is said in the status line and false returned.
+    bool changeAssignments(const std::function<void()> &change);
+    // Writes the session's exclusion (an empty record removes it) and forgets its last comparison.
+    bool setExclusion(const QVariantMap &draft, const QVariantMap &exclusion);
 
     JiraReviewWindowController *q;
     QString store;

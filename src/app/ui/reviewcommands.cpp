@@ -107,15 +107,13 @@ void JiraReviewWindowController::Private::editRow(int row, bool commentOnly)
                                               : SessionEditor::edit(session, siteURL(), commentOnly, window);
     if (result.isEmpty())
         return;
-    try {
-        const bool all = str(result, QStringLiteral("scope")) == QStringLiteral("all");
-        const QString issue = commentOnly ? QString() : str(result, QStringLiteral("issue"));
-        assignments->saveSession(session, cloud, issue, str(result, QStringLiteral("comment")), all,
-            result.value(QStringLiteral("aggregate_daily")).toBool());
-    } catch (const NamedFailure &failure) {
-        setStatus(failure.reason());
+    const bool all = str(result, QStringLiteral("scope")) == QStringLiteral("all");
+    const QString issue = commentOnly ? QString() : str(result, QStringLiteral("issue"));
+    if (!changeAssignments([&] {
+            assignments->saveSession(session, cloud, issue, str(result, QStringLiteral("comment")), all,
+                result.value(QStringLiteral("aggregate_daily")).toBool());
+        }))
         return;
-    }
     assignmentsChanged();
 }
 
@@ -127,12 +125,8 @@ void JiraReviewWindowController::Private::useAutomaticAssignment(int row)
         setStatus(refusal);
         return;
     }
-    try {
-        assignments->removeOverride(draft.value(QStringLiteral("session")).toMap(), cloud);
-    } catch (const NamedFailure &failure) {
-        setStatus(failure.reason());
+    if (!changeAssignments([&] { assignments->removeOverride(draft.value(QStringLiteral("session")).toMap(), cloud); }))
         return;
-    }
     assignmentsChanged();
 }
 
@@ -190,13 +184,8 @@ void JiraReviewWindowController::Private::markAsLogged(int row)
         {QStringLiteral("worklog_id"), str(chosen, QStringLiteral("id"))},
         {QStringLiteral("seconds"), num(chosen, QStringLiteral("seconds"))}, {QStringLiteral("issue"), issue},
         {QStringLiteral("account"), account}, {QStringLiteral("confirmed_at"), JRISO(QDateTime::currentDateTime())}};
-    try {
-        assignments->setExclusion(exclusion, draft.value(QStringLiteral("session")).toMap(), cloud);
-    } catch (const NamedFailure &failure) {
-        setStatus(failure.reason());
+    if (!setExclusion(draft, exclusion))
         return;
-    }
-    compared.remove(str(draft, QStringLiteral("source_key")));
     assignmentsChanged();
     setStatus(
         QStringLiteral("Saved locally. The matched duration now counts as logged; any remainder stays available."));
@@ -213,13 +202,8 @@ void JiraReviewWindowController::Private::ignoreForJira(int row)
     const QVariantMap exclusion {{QStringLiteral("kind"), QStringLiteral("ignore")},
         {QStringLiteral("worklog_id"), QString()}, {QStringLiteral("seconds"), num(draft, QStringLiteral("seconds"))},
         {QStringLiteral("account"), account}, {QStringLiteral("confirmed_at"), JRISO(QDateTime::currentDateTime())}};
-    try {
-        assignments->setExclusion(exclusion, draft.value(QStringLiteral("session")).toMap(), cloud);
-    } catch (const NamedFailure &failure) {
-        setStatus(failure.reason());
+    if (!setExclusion(draft, exclusion))
         return;
-    }
-    compared.remove(str(draft, QStringLiteral("source_key")));
     assignmentsChanged();
     setStatus(QStringLiteral(
         "Saved locally. This session is excluded from Jira submission. Use Undo Jira Exclusion to restore it."));
@@ -236,13 +220,8 @@ void JiraReviewWindowController::Private::undoExclusion(int row)
         setStatus(refusal);
         return;
     }
-    try {
-        assignments->setExclusion({}, draft.value(QStringLiteral("session")).toMap(), cloud);
-    } catch (const NamedFailure &failure) {
-        setStatus(failure.reason());
+    if (!setExclusion(draft, {}))
         return;
-    }
-    compared.remove(str(draft, QStringLiteral("source_key")));
     comparisonAt = QDateTime();
     assignmentsChanged();
     setStatus(QStringLiteral(
@@ -292,4 +271,25 @@ void JiraReviewWindowController::exportHistory()
     QString error;
     if (!d->writeHistory(path, &error))
         QMessageBox::warning(d->window, QStringLiteral("Export failed"), error);
+}
+
+bool JiraReviewWindowController::Private::changeAssignments(const std::function<void()> &change)
+{
+    try {
+        change();
+    } catch (const NamedFailure &failure) {
+        setStatus(failure.reason());
+        return false;
+    }
+    return true;
+}
+
+bool JiraReviewWindowController::Private::setExclusion(const QVariantMap &draft, const QVariantMap &exclusion)
+{
+    if (!changeAssignments(
+            [&] { assignments->setExclusion(exclusion, draft.value(QStringLiteral("session")).toMap(), cloud); }))
+        return false;
+    // The session's last comparison was made under the old exclusion.
+    compared.remove(str(draft, QStringLiteral("source_key")));
+    return true;
 }
