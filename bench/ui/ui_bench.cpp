@@ -4,6 +4,7 @@
 #include "app/ui/jirareviewwindowcontroller.h"
 #include "app/ui/reviewmodel.h"
 #include "platform/appidentity.h"
+#include "support/benchprofile.h"
 #include "worklogs/engine.h"
 
 #include <QApplication>
@@ -182,15 +183,8 @@ BENCHMARK(BM_FirstPaint)->Unit(benchmark::kMillisecond)->Iterations(10);
 int main(int argc, char **argv)
 {
     QTemporaryDir profile;
-    if (!profile.isValid())
+    if (!HLUseThrowAwayProfile(profile))
         return 1;
-    const QByteArray root = QFile::encodeName(profile.path());
-    for (const auto &[variable, folder] :
-        {std::pair {"XDG_CONFIG_HOME", "/config"}, std::pair {"XDG_DATA_HOME", "/data"},
-            std::pair {"XDG_STATE_HOME", "/state"}, std::pair {"HOURLOOM_DIAGNOSTICS_DIR", "/diagnostics"}}) {
-        QDir().mkpath(QFile::decodeName(root + folder));
-        qputenv(variable, root + folder);
-    }
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "offscreen");
     QApplication app(argc, argv);
