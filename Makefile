@@ -51,7 +51,7 @@ asan: deps
 
 # A release package: Release build, test hooks off, only the application and its desktop files.
 package: deps
-	cmake -S . -B $(PACKAGE_BUILD) $(GENERATOR) -DCMAKE_BUILD_TYPE=Release -DHOURLOOM_TEST_HOOKS=OFF \
+	cmake -S . -B $(PACKAGE_BUILD) $(GENERATOR) -DCMAKE_BUILD_TYPE=Release -DHOURLOOM_TEST_HOOKS=OFF -DCMAKE_INSTALL_PREFIX=/usr \
 		-DHOURLOOM_BUILD_TESTS=OFF -DHOURLOOM_BUILD_BENCHMARKS=OFF -DHOURLOOM_BUILD_TOOLS=OFF
 	cmake --build $(PACKAGE_BUILD) --parallel
 	cd $(PACKAGE_BUILD) && cpack -G DEB
@@ -76,7 +76,7 @@ demo-snapshots: configure
 bench-app: deps
 	cmake -S . -B $(BENCH_BUILD) $(GENERATOR) -DCMAKE_BUILD_TYPE=Release -DHOURLOOM_BUILD_TESTS=OFF \
 		-DHOURLOOM_TEST_HOOKS=ON
-	cmake --build $(BENCH_BUILD) --parallel --target hourloom hourloom-simtracker
+	cmake --build $(BENCH_BUILD) --parallel --target hourloom hourloom-simtracker hourloom-baretray
 	scripts/with-tray.sh bench/app/measure.sh $(BENCH_BUILD)
 
 format:

@@ -38,8 +38,12 @@ set +e
 HOME=$home XDG_DATA_HOME=$home/share /usr/bin/hourloom --invoice >/dev/null
 status=$?
 set -e
+[[ $status -eq 2 ]] || { echo "installed hourloom --invoice answered $status, expected 2" >&2; rm -rf "$home"; exit 1; }
+# Reading a PDF loads the PDF module from where the package put it.
+invoice=$(dirname "$0")/../tests/data/invoices/week.pdf
+HOME=$home XDG_DATA_HOME=$home/share /usr/bin/hourloom --invoice "$invoice" | grep -q '^total' || {
+    echo "installed hourloom could not read $invoice" >&2; rm -rf "$home"; exit 1; }
 rm -rf "$home"
-[[ $status -eq 2 ]] || { echo "installed hourloom --invoice answered $status, expected 2" >&2; exit 1; }
 
 echo "== dpkg -r"
 "${sudo[@]}" dpkg -r hourloom

@@ -12,9 +12,10 @@
 #include <QStringList>
 #include <QVariantList>
 
-#include <poppler-document.h>
-#include <poppler-global.h>
-#include <poppler-page.h>
+#include "invoice/pdfmodule.h"
+
+#include <QDir>
+#include <QLibrary>
 
 #include <memory>
 #include <mutex>
@@ -34,6 +35,8 @@ const QString kPageNumberPattern = QStringLiteral(R"(^\s*\d+\s*(/\s*\d+)?\s*$)")
 
 const QString kNotAFile = QStringLiteral("That is not a regular file, so it cannot be read as a PDF.");
 const QString kNotAPDF = QStringLiteral("That file could not be opened as a PDF.");
+const QString kNoReader
+    = QStringLiteral("PDF files cannot be read: the PDF reader of this installation (hourloom-pdf.so) is missing.");
 const QString kNoText = QStringLiteral("The invoice has no text layer. A scanned or image-only PDF cannot be read.");
 const QString kNoRows = QStringLiteral("No activity rows were found. The invoice layout may have changed.");
 const QString kNoTotal = QStringLiteral("The activity rows do not add up to the invoice total, so the figures cannot "
@@ -139,8 +142,6 @@ bool isBlank(const QString &text)
     }
     return true;
 }
-
-void ignorePopplerMessages(const std::string &, void *) { }
 
 } // namespace
 
@@ -306,6 +307,41 @@ QVariantMap parseText(const QString &text, QHash<QString, qint64> *secondsByName
         {QStringLiteral("descriptions"), descriptions}};
 }
 
+// Where the PDF text module is looked for: where the installed program keeps it relative to its own folder,
+// and beside the program (a build tree). Test builds also know the build tree's folder, for test programs that
+// live elsewhere in it.
+QStringList moduleCandidates()
+{
+    const QString program = QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath();
+    const QString folder = QFileInfo(program).absolutePath();
+    QStringList candidates {QDir::cleanPath(folder + u'/' + QStringLiteral(HOURLOOM_MODULE_RELATIVE_DIR)), folder};
+#ifdef HOURLOOM_TEST_HOOKS
+    candidates.append(QStringLiteral(HOURLOOM_BUILD_MODULE_DIR));
+#endif
+    for (QString &candidate : candidates)
+        candidate += QStringLiteral("/hourloom-pdf.so");
+    return candidates;
+}
+
+// The module's reader, loaded on first use and kept for the life of the process; null when it is missing.
+HourloomPdfText pdfReader()
+{
+    static HourloomPdfText reader = nullptr;
+    static std::once_flag once;
+    std::call_once(once, [] {
+        for (const QString &candidate : moduleCandidates()) {
+            if (!QFileInfo::exists(candidate))
+                continue;
+            QLibrary module(candidate);
+            if (auto *symbol = reinterpret_cast<HourloomPdfText>(module.resolve(kHourloomPdfTextSymbol))) {
+                reader = symbol; // the library stays loaded: QLibrary never unloads on destruction
+                return;
+            }
+        }
+    });
+    return reader;
+}
+
 // The document's whole text, or a failure.
 QVariantMap pdfText(const QString &path, QString &text)
 {
@@ -313,27 +349,19 @@ QVariantMap pdfText(const QString &path, QString &text)
     // Following a link is fine; a folder, a device or a pipe is not a document (and a pipe would block).
     if (path.isEmpty() || !info.exists() || !info.isFile())
         return Failure(kNotAFile);
+    const HourloomPdfText reader = pdfReader();
+    if (!reader)
+        return Failure(kNoReader);
 
-    static std::once_flag quiet;
-    std::call_once(quiet, [] { poppler::set_debug_error_function(ignorePopplerMessages, nullptr); });
-
-    const std::unique_ptr<poppler::document> document(
-        poppler::document::load_from_file(QFile::encodeName(path).toStdString()));
-    if (!document || document->is_locked())
+    const auto addPage = [](void *context, const char *utf8, std::size_t size) {
+        QString &whole = *static_cast<QString *>(context);
+        const QString page = QString::fromUtf8(utf8, qsizetype(size));
+        if (!whole.isEmpty() && !page.isEmpty())
+            whole += QLatin1Char('\n');
+        whole += page;
+    };
+    if (reader(QFile::encodeName(path).constData(), addPage, &text) == 0)
         return Failure(kNotAPDF);
-
-    const int pages = document->pages();
-    for (int index = 0; index < pages; ++index) {
-        const std::unique_ptr<poppler::page> page(document->create_page(index));
-        if (!page)
-            continue;
-        const poppler::byte_array utf8
-            = page->text(poppler::rectf(), poppler::page::non_raw_non_physical_layout).to_utf8();
-        const QString pageText = QString::fromUtf8(utf8.data(), qsizetype(utf8.size()));
-        if (!text.isEmpty() && !pageText.isEmpty())
-            text += QLatin1Char('\n');
-        text += pageText;
-    }
     // Image-only pages give blanks and page breaks at most.
     if (isBlank(text))
         text.clear();
