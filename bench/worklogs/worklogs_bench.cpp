@@ -45,6 +45,32 @@ QVariantList daySessions()
     return sessions;
 }
 
+// The floor of each case below: one pass over the input records reading every field the work reads, as any
+// implementation over these records must; the ratio to it is the work's own cost.
+qsizetype readFields(const QVariantList &records, const QStringList &keys)
+{
+    qsizetype touched = 0;
+    for (const QVariant &record : records) {
+        const QVariantMap map = record.toMap();
+        for (const QString &key : keys)
+            touched += map.value(key).isValid() ? 1 : 0;
+    }
+    return touched;
+}
+
+const QStringList kSessionFields {QStringLiteral("issue"), QStringLiteral("description"), QStringLiteral("start_ms"),
+    QStringLiteral("end_ms"), QStringLiteral("local_id"), QStringLiteral("api_id"), QStringLiteral("project"),
+    QStringLiteral("source_seconds"), QStringLiteral("source_account"), QStringLiteral("assignment"),
+    QStringLiteral("aggregate_description")};
+
+void BM_BuildDraftsFloor(benchmark::State &state)
+{
+    const QVariantList sessions = daySessions();
+    for (auto _ : state)
+        benchmark::DoNotOptimize(readFields(sessions, kSessionFields));
+}
+BENCHMARK(BM_BuildDraftsFloor)->Unit(benchmark::kMillisecond);
+
 void BM_BuildDrafts(benchmark::State &state)
 {
     const QVariantList sessions = daySessions();
@@ -63,9 +89,22 @@ void BM_WorklogsToPost(benchmark::State &state)
 }
 BENCHMARK(BM_WorklogsToPost)->Unit(benchmark::kMillisecond);
 
+void BM_WorklogsToPostFloor(benchmark::State &state)
+{
+    const QVariantList drafts = JRBuildDrafts(daySessions(), kDay);
+    const QStringList keys = drafts.value(0).toMap().keys();
+    for (auto _ : state)
+        benchmark::DoNotOptimize(readFields(drafts, keys));
+}
+BENCHMARK(BM_WorklogsToPostFloor)->Unit(benchmark::kMillisecond);
+
 // A heavy day: 200 drafts on one issue against its 500 worklogs, a fifth of them posted by the program,
 // in the offset of another Jira profile.
-void BM_Compare(benchmark::State &state)
+struct HeavyDay {
+    QVariantList drafts, worklogs;
+};
+
+HeavyDay heavyDay()
 {
     QVariantList drafts;
     const qint64 dayStart = QDateTime(kDay.date(), QTime(0, 0)).toMSecsSinceEpoch();
@@ -103,6 +142,13 @@ void BM_Compare(benchmark::State &state)
             QVariantMap {{QStringLiteral("accountId"), i % 7 == 0 ? QStringLiteral("other") : account}});
         worklogs << log;
     }
+    return {drafts, worklogs};
+}
+
+void BM_Compare(benchmark::State &state)
+{
+    const auto [drafts, worklogs] = heavyDay();
+    const QString account = QStringLiteral("me");
     std::vector<QString> markers;
     for (const QVariant &draft : drafts)
         markers.push_back(JRMarker(draft.toMap(), QStringLiteral("cloud"), account));
@@ -113,5 +159,24 @@ void BM_Compare(benchmark::State &state)
     state.SetItemsProcessed(state.iterations() * drafts.size());
 }
 BENCHMARK(BM_Compare)->Unit(benchmark::kMillisecond);
+
+// Each draft and each worklog read once, with the worklog's nested author and comment.
+void BM_CompareFloor(benchmark::State &state)
+{
+    const auto [drafts, worklogs] = heavyDay();
+    const QStringList draftKeys = drafts.value(0).toMap().keys();
+    const QStringList worklogKeys {QStringLiteral("started"), QStringLiteral("timeSpentSeconds"), QStringLiteral("id"),
+        QStringLiteral("comment"), QStringLiteral("author"), QStringLiteral("properties")};
+    for (auto _ : state) {
+        qsizetype touched = readFields(drafts, draftKeys) + readFields(worklogs, worklogKeys);
+        for (const QVariant &worklog : worklogs) {
+            const QVariantMap map = worklog.toMap();
+            touched += map.value(QStringLiteral("author")).toMap().value(QStringLiteral("accountId")).toString().size();
+            touched += map.value(QStringLiteral("comment")).toMap().size();
+        }
+        benchmark::DoNotOptimize(touched);
+    }
+}
+BENCHMARK(BM_CompareFloor)->Unit(benchmark::kMillisecond);
 
 } // namespace
