@@ -207,14 +207,10 @@ void Atlassian::State::token(const httplib::Request &req, httplib::Response &res
     }
     const Refresh used = *it;
     const QDateTime now = QDateTime::currentDateTimeUtc();
-    if (used.rotatedAt.isValid() && used.rotatedAt.secsTo(now) >= reuseLeeway) {
+    if (!rotateFamily(refreshTokens, used, now, reuseLeeway)) {
         revokeFamily(used.family);
         answerJson(res, 403, invalidRefresh);
         return;
-    }
-    for (Refresh &member : refreshTokens) {
-        if (member.family == used.family && !member.rotatedAt.isValid())
-            member.rotatedAt = now;
     }
     answerJson(res, 200, issue(used.clientId, used.accountId, used.scopes, used.family));
 }

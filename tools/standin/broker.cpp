@@ -136,18 +136,14 @@ void Server::State::oauthRefresh(const httplib::Request &req, httplib::Response 
     }
     const RefreshToken used = *it;
     const QDateTime now = QDateTime::currentDateTimeUtc();
-    if (used.rotatedAt.isValid() && used.rotatedAt.secsTo(now) >= reuseLeeway) {
-        // Reuse of a rotated token means it leaked: the whole family goes, access tokens included.
+    if (!rotateFamily(refreshTokens, used, now, reuseLeeway)) {
+        // The whole family goes, access tokens included.
         for (auto r = refreshTokens.begin(); r != refreshTokens.end();)
             r = r->family == used.family ? refreshTokens.erase(r) : std::next(r);
         for (auto a = accessTokens.begin(); a != accessTokens.end();)
             a = a->family == used.family ? accessTokens.erase(a) : std::next(a);
         answerJson(res, 403, invalidGrant);
         return;
-    }
-    for (RefreshToken &member : refreshTokens) {
-        if (member.family == used.family && !member.rotatedAt.isValid())
-            member.rotatedAt = now;
     }
     answerJson(res, 200, issueTokens(used.accountId, used.scopes, used.cloudIds, used.family));
 }

@@ -37,6 +37,20 @@ void answer(httplib::Response &res, int status, const QByteArray &body,
     const char *contentType = "application/json;charset=UTF-8");
 void answerJson(httplib::Response &res, int status, const QJsonObject &object);
 void answerJson(httplib::Response &res, int status, const QJsonArray &array);
+
+// Refresh tokens rotate as Atlassian's do: a use retires the family's live token. A retired token used again
+// after the leeway has leaked: nothing is retired and false tells the caller to revoke the whole family.
+template<typename Tokens, typename Token>
+bool rotateFamily(Tokens &tokens, const Token &used, const QDateTime &now, qint64 leeway)
+{
+    if (used.rotatedAt.isValid() && used.rotatedAt.secsTo(now) >= leeway)
+        return false;
+    for (Token &member : tokens) {
+        if (member.family == used.family && !member.rotatedAt.isValid())
+            member.rotatedAt = now;
+    }
+    return true;
+}
 QJsonObject jiraErrors(const QStringList &messages, const QJsonObject &errors = {});
 // Closes the connection under the running request without an answer; what the server writes afterwards
 // goes nowhere. The client sees the connection end, which is what a lost answer looks like.
