@@ -332,4 +332,15 @@ HttpAnswer SigninTest::poll(const QString &service, const QString &state, const 
     return postJson(service + QStringLiteral("/oauth/poll"), body, caFile());
 }
 
+void SigninTest::expectNoSecretIn(const QByteArray &log, const QStringList &more) const
+{
+    QStringList secrets = m_atlassian->issuedSecrets() + more;
+    secrets.append(QString::fromLatin1(kClientSecret));
+    ASSERT_GT(secrets.size(), 3);
+    for (const QString &secret : secrets) {
+        if (!secret.isEmpty())
+            EXPECT_FALSE(log.contains(secret.toUtf8())) << "the log holds " << secret.toStdString();
+    }
+}
+
 } // namespace signintest

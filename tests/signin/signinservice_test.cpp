@@ -25,21 +25,7 @@ QString field(const QJsonObject &object, const char *name)
     return object.value(QLatin1String(name)).toString();
 }
 
-class SigninServiceTest : public SigninTest
-{
-protected:
-    // Nothing a sign-in handed out or was given may appear in a service's log.
-    void expectNoSecretIn(const QByteArray &log, const QStringList &more = {})
-    {
-        QStringList secrets = m_atlassian->issuedSecrets() + more;
-        secrets.append(QString::fromLatin1(kClientSecret));
-        ASSERT_GT(secrets.size(), 3);
-        for (const QString &secret : secrets) {
-            if (!secret.isEmpty())
-                EXPECT_FALSE(log.contains(secret.toUtf8())) << "the log holds " << secret.toStdString();
-        }
-    }
-};
+using SigninServiceTest = SigninTest;
 
 TEST_F(SigninServiceTest, HandsTheTokensOutOnceToTheVerifierThatStartedTheSignIn)
 {
