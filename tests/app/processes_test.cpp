@@ -1,5 +1,6 @@
 // The program as a user starts it: real processes, each with its own HOME, XDG folders and runtime folder.
 
+#include "app/rundiagnostics.h"
 #include "simtracker.h"
 #include "support/testenv.h"
 
@@ -13,6 +14,8 @@
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
+
+#include <sqlite3.h>
 
 #include <csignal>
 
@@ -214,6 +217,115 @@ TEST(SmokeTest, StoreThatCannotBeCreatedEndsWithStatusOne)
     EXPECT_EQ(run.status, 1);
     EXPECT_TRUE(run.err.contains(QStringLiteral("Cannot create local tracking history: "))) << run.err.toStdString();
     EXPECT_EQ(run.out, QString());
+}
+
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QString trackerFolder(const Profile &profile)
+{
+    return profile.home + QStringLiteral("/.local/share/Stintwatch");
+}
+
+// A tracker database the way the tracker keeps it: WAL mode, with its connection still open, recent commits
+// not yet checkpointed into the main file, and a write transaction in progress.
+class LiveTracker
+{
+public:
+    explicit LiveTracker(const Profile &profile)
+    {
+        QDir().mkpath(trackerFolder(profile));
+        const QByteArray path = QFile::encodeName(trackerFolder(profile) + QStringLiteral("/Stintwatch.db"));
+        EXPECT_EQ(sqlite3_open(path.constData(), &m_db), SQLITE_OK);
+        exec("PRAGMA journal_mode=WAL; PRAGMA wal_autocheckpoint=0;");
+        exec(readFile(testenv::dataPath(QStringLiteral("tracker-accounts.sql"))).constData());
+        exec("INSERT INTO \"67890_activity\" VALUES(2, 8, 77, 1774030000000, 1774030060000, 'in the WAL', 60, 1, 1);");
+        exec("BEGIN IMMEDIATE; INSERT INTO \"67890_activity\" VALUES(3, 9, 77, 1, 2, 'uncommitted', 1, 1, 1);");
+    }
+    ~LiveTracker() { sqlite3_close(m_db); }
+
+    void exec(const char *sql)
+    {
+        char *message = nullptr;
+        EXPECT_EQ(sqlite3_exec(m_db, sql, nullptr, nullptr, &message), SQLITE_OK) << (message ? message : "");
+        sqlite3_free(message);
+    }
+
+private:
+    sqlite3 *m_db = nullptr;
+};
+
+TEST(Probe, CountsEveryCommittedActivityWithoutTouchingTheDatabase)
+{
+    Profile profile(QStringLiteral("home"));
+    LiveTracker tracker(profile);
+    const QString database = trackerFolder(profile) + QStringLiteral("/Stintwatch.db");
+    const QByteArray mainBefore = readFile(database);
+    const QByteArray walBefore = readFile(database + QStringLiteral("-wal"));
+    ASSERT_FALSE(walBefore.isEmpty());
+
+    // Four rows in the fixture's account tables, one more committed to the WAL; the open transaction's row
+    // is not there yet.
+    const Outcome run = runToEnd(profile, {QStringLiteral("--probe"), QStringLiteral("ignored")});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, QStringLiteral("Read-only probe: 5 activities across all projects. No credentials read.\n"));
+    EXPECT_EQ(run.err, QString());
+    EXPECT_EQ(readFile(database), mainBefore);
+    EXPECT_EQ(readFile(database + QStringLiteral("-wal")), walBefore);
+    EXPECT_FALSE(QFileInfo::exists(profile.home + QStringLiteral("/.local/share/Hourloom")));
+}
+
+// The diagnostic commands that cannot do their work say why, leave what they were given as it was and never
+// start the application.
+TEST(CommandLine, RefusalsSayWhyAndTouchNothing)
+{
+    const struct {
+        const char *what;
+        QByteArray database; // written as Stintwatch.db when not null
+        QStringList arguments;
+        int status;
+        const char *out;
+        const char *err;
+    } cases[] = {
+        {"probe without a database", {}, {QStringLiteral("--probe")}, 1, "",
+            "Probe failed: unable to open database file\n"},
+        {"probe of a corrupt database", QByteArray(16384, '\x5a'), {QStringLiteral("--probe")}, 1, "",
+            "Probe failed: file is not a database\n"},
+        {"invoice without a path", {}, {QStringLiteral("--invoice")}, 2, "usage: --invoice <invoice.pdf>\n", ""},
+        {"invoice that is not a file", {}, {QStringLiteral("--invoice"), QStringLiteral("week.pdf")}, 1,
+            "Could not read the invoice: That is not a regular file, so it cannot be read as a PDF.\n", ""},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        Profile profile(QStringLiteral("home"));
+        QDir().mkpath(trackerFolder(profile));
+        const QString database = trackerFolder(profile) + QStringLiteral("/Stintwatch.db");
+        if (!c.database.isNull()) {
+            QFile file(database);
+            ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+            file.write(c.database);
+        }
+        const Outcome run = runToEnd(profile, c.arguments);
+        EXPECT_EQ(run.status, c.status);
+        EXPECT_EQ(run.out, QString::fromUtf8(c.out));
+        EXPECT_EQ(run.err, QString::fromUtf8(c.err));
+        EXPECT_EQ(readFile(database), c.database);
+        EXPECT_FALSE(QFileInfo::exists(profile.home + QStringLiteral("/.local/share/Hourloom")));
+    }
+}
+
+TEST(RunDiagnostics, OnlyTheFourExactWordsAreCommands)
+{
+    const char *none[] = {"hourloom"};
+    EXPECT_EQ(RunDiagnostics(1, none), -1);
+    EXPECT_EQ(RunDiagnostics(0, nullptr), -1);
+    for (const char *word : {"--probe-x", "--PROBE", "-probe", "--probe ", "--help", "", "--smoke", "--invoices"}) {
+        const char *argv[] = {"hourloom", word};
+        EXPECT_EQ(RunDiagnostics(2, argv), -1) << word;
+    }
 }
 
 } // namespace

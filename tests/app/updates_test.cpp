@@ -4,12 +4,11 @@
 #include "app/ui/reviewmodel.h"
 #include "app/ui/settingswindow.h"
 #include "app/updatecontroller.h"
-#include "jira/jiraclient.h"
 #include "simtracker.h"
 #include "source/stintwatchmonitor.h"
 #include "standin/server.h"
+#include "support/signedin.h"
 #include "support/testenv.h"
-#include "worklogs/preferences.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -22,27 +21,7 @@
 namespace
 {
 
-const QString kAccount = QStringLiteral("5b10aa0000000000000000aa");
-const QString kCloud = QStringLiteral("11111111-2222-3333-4444-555555555555");
-
-const QStringList kScopes {QStringLiteral("read:jira-work"), QStringLiteral("write:jira-work"),
-    QStringLiteral("read:jira-user"), QStringLiteral("offline_access")};
-
-// The local Jira with one site and one issue, and the program pointed at it.
-bool startJira(standin::Server &server)
-{
-    server.addUser(
-        {kAccount, QStringLiteral("Ada Example"), QStringLiteral("Europe/Berlin"), {}, QStringLiteral("en_US")});
-    server.addSite({kCloud, QStringLiteral("example"), QStringLiteral("https://example.atlassian.net"), kScopes});
-    server.addIssue({QStringLiteral("ABC-2"), {}, QStringLiteral("Payments"), {}, {}});
-    if (!server.start())
-        return false;
-    qputenv("HOURLOOM_TEST_GATEWAY", server.origin().toUtf8());
-    qputenv("HOURLOOM_TEST_CA_FILE", server.caFile().toUtf8());
-    JRSetCombineDailyByIssue(false);
-    JRSetAutoCompareOnOpen(false);
-    return true;
-}
+using namespace signedin;
 
 // Each test keeps its credentials apart: tests run side by side on one secret store.
 QString credentialService()
@@ -53,17 +32,6 @@ QString credentialService()
         .arg(QCoreApplication::applicationPid());
 }
 
-// What a finished browser sign-in leaves in the secret store.
-void signIn(standin::Server &server, JiraReviewWindowController *review)
-{
-    const QVariantMap record {{QStringLiteral("access_token"), server.issueAccessToken(kAccount, kScopes, 24 * 3600)},
-        {QStringLiteral("refresh_token"), QStringLiteral("unused")}, {QStringLiteral("expires_in"), 3600},
-        {QStringLiteral("broker"), server.origin()},
-        {QStringLiteral("expires_at"), double(QDateTime::currentSecsSinceEpoch() + 3600)}};
-    JiraClient &client = review->jiraClient();
-    client.queue().sync([&] { client.session().save(record); });
-}
-
 } // namespace
 
 // An installed update restarts the program, but never in the middle of a posting run: the shell holds the
@@ -71,7 +39,7 @@ void signIn(standin::Server &server, JiraReviewWindowController *review)
 TEST(AppUpdates, RelaunchIsHeldWhileWorklogsArePosting)
 {
     standin::Server server;
-    ASSERT_TRUE(startJira(server));
+    ASSERT_TRUE(startJira(server, {QStringLiteral("ABC-2")}));
 
     // Yesterday's two sessions on one issue, as the tracker recorded them.
     SimTracker tracker(testenv::freshDir(QStringLiteral("source")));
@@ -141,7 +109,7 @@ TEST(AppUpdates, RelaunchIsHeldWhileWorklogsArePosting)
 TEST(AppUpdates, OnboardingFinishesAndSettingsFollowOnceJiraIsConnected)
 {
     standin::Server server;
-    ASSERT_TRUE(startJira(server));
+    ASSERT_TRUE(startJira(server, {QStringLiteral("ABC-2")}));
     OnboardingWindowController::setCompleted(false);
     AppDelegate delegate(testenv::freshDir(QStringLiteral("source")), testenv::freshDir(QStringLiteral("store")));
     delegate.alert = [](const QString &, const QString &) {};

@@ -7,11 +7,11 @@
 #include "app/ui/jirareviewwindowcontroller.h"
 #include "app/ui/lognotification.h"
 #include "app/ui/tasklogprompt.h"
-#include "jira/jiraclient.h"
 #include "notificationserver.h"
 #include "simtracker.h"
 #include "source/stintwatchmonitor.h"
 #include "standin/server.h"
+#include "support/signedin.h"
 #include "support/testenv.h"
 #include "worklogs/engine.h"
 
@@ -29,9 +29,6 @@
 
 namespace
 {
-
-const QString kAccount = QStringLiteral("5b10aa0000000000000000aa");
-const QString kCloud = QStringLiteral("11111111-2222-3333-4444-555555555555");
 
 QPushButton *button(QWidget *popup, const QString &text)
 {
@@ -57,25 +54,14 @@ class PromptEndToEnd : public ::testing::Test
 protected:
     void SetUp() override
     {
-        m_server.addUser(
-            {kAccount, QStringLiteral("Ada Example"), QStringLiteral("Europe/Berlin"), {}, QStringLiteral("en_US")});
-        const QStringList scopes {QStringLiteral("read:jira-work"), QStringLiteral("write:jira-work"),
-            QStringLiteral("read:jira-user"), QStringLiteral("offline_access")};
-        m_server.addSite({kCloud, QStringLiteral("example"), QStringLiteral("https://example.atlassian.net"), scopes});
-        for (const char *key : {"ABC-1", "ABC-2"})
-            m_server.addIssue(
-                {QString::fromLatin1(key), {}, QStringLiteral("Summary of ") + QString::fromLatin1(key), {}, {}});
-        ASSERT_TRUE(m_server.start()) << qPrintable(m_server.errorString());
-        qputenv("HOURLOOM_TEST_GATEWAY", m_server.origin().toUtf8());
-        qputenv("HOURLOOM_TEST_CA_FILE", m_server.caFile().toUtf8());
+        ASSERT_TRUE(signedin::startJira(m_server, {QStringLiteral("ABC-1"), QStringLiteral("ABC-2")}))
+            << qPrintable(m_server.errorString());
 
         QSettings settings;
         settings.setValue(QStringLiteral("OnboardingCompleted"), true);
         settings.setValue(QStringLiteral("AskToLogOnIssueSwitch"), true);
         settings.setValue(QStringLiteral("PromptsAsNotifications"), false);
         JRSetWorkdayReminderEnabled(false);
-        JRSetCombineDailyByIssue(false);
-        JRSetAutoCompareOnOpen(false);
 
         const QString source = testenv::freshDir(QStringLiteral("source"));
         m_tracker = std::make_unique<SimTracker>(source);
@@ -90,15 +76,9 @@ protected:
 
         // Signed in to the stand-in with one site.
         JiraReviewWindowController *review = m_delegate->reviewController();
-        const QVariantMap record {
-            {QStringLiteral("access_token"), m_server.issueAccessToken(kAccount, scopes, 24 * 3600)},
-            {QStringLiteral("refresh_token"), QStringLiteral("unused")}, {QStringLiteral("expires_in"), 3600},
-            {QStringLiteral("broker"), m_server.origin()},
-            {QStringLiteral("expires_at"), double(QDateTime::currentSecsSinceEpoch() + 3600)}};
-        JiraClient &client = review->jiraClient();
-        client.queue().sync([&] { client.session().save(record); });
+        signedin::signIn(m_server, review);
         review->prepareConnection();
-        ASSERT_TRUE(testenv::waitFor([review] { return review->selectedCloud() == kCloud; }, 30000))
+        ASSERT_TRUE(testenv::waitFor([review] { return review->selectedCloud() == signedin::kCloud; }, 30000))
             << qPrintable(review->statusText());
         EXPECT_TRUE(review->readyForPrompt());
         EXPECT_EQ(review->siteName(), QStringLiteral("example"));
@@ -144,7 +124,7 @@ protected:
     {
         QList<QJsonObject> marked;
         for (const char *issue : {"ABC-1", "ABC-2"})
-            for (const QJsonValue &worklog : m_server.worklogs(QString::fromLatin1(issue), kAccount))
+            for (const QJsonValue &worklog : m_server.worklogs(QString::fromLatin1(issue), signedin::kAccount))
                 if (!JRLogMarker(worklog.toObject().toVariantMap()).isEmpty())
                     marked << worklog.toObject();
         return marked;
@@ -184,7 +164,7 @@ TEST_F(PromptEndToEnd, LogNowPostsTheEndedSessionOnce)
 
     const QList<QJsonObject> marked = markedWorklogs();
     ASSERT_EQ(marked.size(), 1);
-    EXPECT_EQ(m_server.worklogs(QStringLiteral("ABC-1"), kAccount).size(), 1);
+    EXPECT_EQ(m_server.worklogs(QStringLiteral("ABC-1"), signedin::kAccount).size(), 1);
     EXPECT_EQ(marked.first().value(QStringLiteral("timeSpentSeconds")).toInt(), 80 * 60);
     EXPECT_EQ(worklogPosts(), 1);
     // The Worklogs controller knows the session is in Jira now.
@@ -271,6 +251,10 @@ TEST_F(PromptEndToEnd, TheNotificationsLogNowPostsOnce)
     ASSERT_TRUE(context.waitForFinished(30000));
     ASSERT_TRUE(posted.count() > 0 || posted.wait(60000));
     EXPECT_EQ(posted.at(0).at(1).toString(), QStringLiteral("Logged 1h 20m to ABC-1"));
+    QFile menu(server.menuFile); // what the notification offered
+    ASSERT_TRUE(menu.open(QIODevice::ReadOnly));
+    const QByteArray offered = menu.readAll();
+    EXPECT_TRUE(offered.contains("#Log now") && offered.contains("#Later")) << offered.toStdString();
     EXPECT_EQ(markedWorklogs().size(), 1);
     EXPECT_EQ(worklogPosts(), 1);
     QSettings().setValue(QStringLiteral("PromptsAsNotifications"), false);

@@ -288,15 +288,6 @@ TEST_F(PromptTest, LogNowPostsOnceAndReportsTheOutcome)
     }
 }
 
-TEST_F(PromptTest, LaterPostsNothing)
-{
-    promptWithResult();
-    popup.later();
-    EXPECT_FALSE(popup.shown);
-    coordinator->logPrompt();
-    EXPECT_TRUE(postedResults.isEmpty());
-}
-
 TEST_F(PromptTest, TurnedOffOrDisconnectedNeverCompares)
 {
     QSettings().setValue(QStringLiteral("AskToLogOnIssueSwitch"), false);

@@ -1,5 +1,6 @@
 #include "app/settingsrules.h"
 #include "app/ui/issuerulestable.h"
+#include "app/ui/lognotification.h"
 #include "app/ui/onboardingwindow.h"
 #include "app/ui/settingswindow.h"
 #include "app/ui/tasklogprompt.h"
@@ -310,6 +311,23 @@ TEST(PromptPopup, PlacementAndSnapshot)
     EXPECT_EQ(pressed, 1);
     prompt.dismiss();
     EXPECT_FALSE(prompt.visible());
+}
+
+TEST(LogNotification, BodyAndActionsFollowThePrompt)
+{
+    PromptContent content;
+    content.title = QStringLiteral("3h not in Jira yet");
+    content.subtitle = QStringLiteral("2 worklogs · ABC-1 and ABC-2");
+    content.primaryTitle = QStringLiteral("Review…");
+    content.disabledReason = QStringLiteral("Jira is busy — try again in a moment");
+    EXPECT_EQ(LogNotificationSender::actions(content), QStringList({QStringLiteral("later"), QStringLiteral("Later")}))
+        << "no primary action while it may not be pressed";
+    EXPECT_EQ(LogNotificationSender::body(content),
+        QStringLiteral("2 worklogs · ABC-1 and ABC-2\nJira is busy — try again in a moment"));
+    content.disabledReason.clear();
+    content.details = {{QStringLiteral("Comment"), QStringLiteral("<b>")}};
+    EXPECT_EQ(LogNotificationSender::actions(content).size(), 4);
+    EXPECT_TRUE(LogNotificationSender::body(content).contains(QStringLiteral("Comment: &lt;b&gt;")));
 }
 
 } // namespace

@@ -13,6 +13,8 @@
 
 #include <httplib.h>
 
+#include <functional>
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -34,6 +36,21 @@ bool canConnect(quint16 port)
     const bool connected = ::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
     ::close(fd);
     return connected;
+}
+
+// Starts `process` and waits until `ready` says it serves; false as soon as it ends instead.
+bool startAndAwait(QProcess &process, const std::function<bool()> &ready)
+{
+    process.start();
+    if (!process.waitForStarted(10000))
+        return false;
+    for (QDeadlineTimer deadline(20000); !deadline.hasExpired(); QThread::msleep(20)) {
+        if (ready())
+            return true;
+        if (process.state() != QProcess::Running)
+            return false;
+    }
+    return false;
 }
 
 QString base64Url(const QByteArray &data)
@@ -139,16 +156,7 @@ bool RedisProcess::start()
         {QStringLiteral("--port"), QString::number(m_port), QStringLiteral("--bind"), QStringLiteral("127.0.0.1"),
             QStringLiteral("--save"), QString(), QStringLiteral("--appendonly"), QStringLiteral("no")});
     m_process.setStandardOutputFile(QProcess::nullDevice());
-    m_process.start();
-    if (!m_process.waitForStarted(10000))
-        return false;
-    for (QDeadlineTimer deadline(20000); !deadline.hasExpired(); QThread::msleep(20)) {
-        if (canConnect(m_port))
-            return true;
-        if (m_process.state() != QProcess::Running)
-            return false;
-    }
-    return false;
+    return startAndAwait(m_process, [this] { return canConnect(m_port); });
 }
 
 void RedisProcess::stop()
@@ -194,16 +202,7 @@ bool ServiceProcess::start(const std::map<std::string, std::string> &settings, c
     m_process.setArguments({QStringLiteral("--config"), config});
     m_process.setStandardErrorFile(m_logFile, QIODevice::Append);
     m_process.setStandardOutputFile(QProcess::nullDevice());
-    m_process.start();
-    if (!m_process.waitForStarted(10000))
-        return false;
-    for (QDeadlineTimer deadline(20000); !deadline.hasExpired(); QThread::msleep(20)) {
-        if (log().contains("\"event\":\"service.listening\""))
-            return true;
-        if (m_process.state() != QProcess::Running)
-            return false;
-    }
-    return false;
+    return startAndAwait(m_process, [this] { return log().contains("\"event\":\"service.listening\""); });
 }
 
 void ServiceProcess::stop()
@@ -331,6 +330,17 @@ HttpAnswer SigninTest::poll(const QString &service, const QString &state, const 
     if (!nonce.isEmpty())
         body.insert(QStringLiteral("nonce"), nonce);
     return postJson(service + QStringLiteral("/oauth/poll"), body, caFile());
+}
+
+void SigninTest::expectNoSecretIn(const QByteArray &log, const QStringList &more) const
+{
+    QStringList secrets = m_atlassian->issuedSecrets() + more;
+    secrets.append(QString::fromLatin1(kClientSecret));
+    ASSERT_GT(secrets.size(), 3);
+    for (const QString &secret : secrets) {
+        if (!secret.isEmpty())
+            EXPECT_FALSE(log.contains(secret.toUtf8())) << "the log holds " << secret.toStdString();
+    }
 }
 
 } // namespace signintest

@@ -98,6 +98,8 @@ protected:
     // Starts a sign-in at `service` with a fresh verifier; fills `verifier` and returns the start answer.
     QJsonObject startSignIn(const QString &service, QString *verifier, int port = 0);
     HttpAnswer poll(const QString &service, const QString &state, const QString &verifier, const QString &nonce = {});
+    // Nothing a sign-in handed out or was given (the client secret, `more`) may appear in a service's log.
+    void expectNoSecretIn(const QByteArray &log, const QStringList &more = {}) const;
 
     standin::Server m_gateway;
     std::unique_ptr<standin::Atlassian> m_atlassian;
