@@ -1,5 +1,6 @@
 #include "app/appdelegate.h"
 #include "app/demosnapshots.h"
+#include "app/desktopurlopener.h"
 #include "app/rundiagnostics.h"
 #include "app/singleinstance.h"
 #include "app/supportfolder.h"
@@ -92,6 +93,10 @@ int main(int argc, char **argv)
         std::fputs("Hourloom is already running but did not answer; try again in a moment.\n", stderr);
         return 1;
     }
+
+    // The Jira sign-in shows its authorization page in the user's browser.
+    DesktopUrlOpener browser;
+    UrlOpener::setShared(&browser);
 
     AppDelegate delegate(QString(), SupportFolder::prepare());
     QObject::connect(&instance, &SingleInstance::activationRequested, &delegate,

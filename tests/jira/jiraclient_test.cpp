@@ -1,8 +1,8 @@
 #include "jira/jiraclient.h"
 
 #include "jira/keychainstore.h"
-#include "platform/failure.h"
 #include "standinfixture.h"
+#include "worklogs/namedfailure.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
