@@ -23,7 +23,8 @@ public:
     IssueTitleCache(JiraClient &client, const QString &directory, const Clock *clock = nullptr);
     ~IssueTitleCache();
 
-    // The stored entry ({"title", "date", "estimate_seconds"?, "remaining_seconds"?}) or an empty map.
+    // The stored entry ({"title", "date", "estimate_seconds"?, "remaining_seconds"?}, records/issuedetails.h) or
+    // an empty map.
     QVariantMap cachedDetails(const QString &issue, const QString &cloud) const;
     // The stored title or null. Neither call fetches.
     QString cachedTitle(const QString &issue, const QString &cloud) const;
