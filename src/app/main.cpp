@@ -64,6 +64,10 @@ bool anyWindowVisible()
 
 int main(int argc, char **argv)
 {
+    // The Jira sign-in shows its authorization page in the user's browser, in every mode that can connect.
+    DesktopUrlOpener browser;
+    UrlOpener::setShared(&browser);
+
     const int status = RunDiagnostics(argc, argv);
     if (status >= 0)
         return status;
@@ -93,10 +97,6 @@ int main(int argc, char **argv)
         std::fputs("Hourloom is already running but did not answer; try again in a moment.\n", stderr);
         return 1;
     }
-
-    // The Jira sign-in shows its authorization page in the user's browser.
-    DesktopUrlOpener browser;
-    UrlOpener::setShared(&browser);
 
     AppDelegate delegate(QString(), SupportFolder::prepare());
     QObject::connect(&instance, &SingleInstance::activationRequested, &delegate,
