@@ -15,6 +15,7 @@
 #include "app/ui/tasklogprompt.h"
 #include "app/updatecontroller.h"
 #include "diagnostics/diagnosticlog.h"
+#include "records/session.h"
 #include "source/history.h"
 #include "source/stintwatchmonitor.h"
 #include "source/stintwatchsourceaccess.h"
@@ -85,8 +86,10 @@ AppDelegate::AppDelegate(const QString &source, const QString &store, bool smoke
 
 AppDelegate::~AppDelegate()
 {
-    if (m_monitor)
+    if (m_monitor) {
         m_monitor->stop();
+        m_monitor->disconnect(this);
+    }
     // The prompt calls into the Worklogs controller: it goes first.
     delete m_prompts;
     delete m_promptPopup;
@@ -102,7 +105,7 @@ AppDelegate::~AppDelegate()
 bool AppDelegate::applicationDidFinishLaunching()
 {
     connect(&AppNotifier::shared(), &AppNotifier::summaryChanged, this, &AppDelegate::updateStatus);
-    DiagnosticLog::shared().record(QStringLiteral("app_started"));
+    DiagnosticLog::shared().record(DiagnosticEvent::kAppStarted);
 
     // The history store is what everything else builds on; without it there is nothing to show.
     QString failure;
@@ -170,10 +173,13 @@ void AppDelegate::startMonitor(const QString &folder)
 {
     if (m_monitor) {
         m_monitor->stop();
+        // A scan that was running still reports when it ends; the replaced monitor's news is not shown.
+        m_monitor->disconnect(this);
         m_monitor->deleteLater();
     }
     m_monitor = new StintwatchMonitor(folder, m_store, this);
-    m_monitor->setOnChange([this] {
+    // Connected before any window listens, so the status and the prompts are current when the windows hear.
+    connect(m_monitor, &StintwatchMonitor::changed, this, [this] {
         updateStatus();
         observeForPrompts();
         releaseScanMemory();
@@ -484,11 +490,11 @@ void AppDelegate::setUpPrompts()
         if (!m_monitor)
             return {};
         // The latest record of the same session, as the window resolves it now.
-        const QVariant start = session.value(QStringLiteral("start_ms"));
+        const QVariant start = session.value(SessionKey::kStartMs);
         const QString identity = TaskSwitchObserver::identity(session);
         for (const QVariant &item : m_monitor->rows()) {
             const QVariantMap record = item.toMap();
-            if (record.value(QStringLiteral("start_ms")) == start && TaskSwitchObserver::identity(record) == identity)
+            if (record.value(SessionKey::kStartMs) == start && TaskSwitchObserver::identity(record) == identity)
                 return review->resolvePromptSession(record);
         }
         return {};

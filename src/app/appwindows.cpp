@@ -11,6 +11,7 @@
 #include "app/ui/settingswindow.h"
 #include "app/updatecontroller.h"
 #include "jira/connectionsettings.h"
+#include "records/jiraanswer.h"
 #include "source/stintwatchmonitor.h"
 #include "summary/exchangerate.h"
 #include "summary/timesummary.h"
@@ -182,8 +183,8 @@ void AppDelegate::refreshSettingsState()
     QStringList names;
     for (const QVariant &site : m_review->sites()) {
         const QVariantMap map = site.toMap();
-        const QString name = map.value(QStringLiteral("name")).toString();
-        names << (name.isEmpty() ? map.value(QStringLiteral("url")).toString() : name);
+        const QString name = map.value(JiraSiteKey::kName).toString();
+        names << (name.isEmpty() ? map.value(JiraSiteKey::kUrl).toString() : name);
     }
     const bool connected = m_review->jiraConnected();
     // Passing the same connection again would redraw the rules table and lose the user's selection in it.
@@ -203,8 +204,8 @@ QString AppDelegate::siteName(const QString &site) const
         return {};
     for (const QVariant &item : m_review->sites()) {
         const QVariantMap map = item.toMap();
-        if (map.value(QStringLiteral("id")).toString() == site || map.value(QStringLiteral("url")).toString() == site)
-            return map.value(QStringLiteral("name")).toString();
+        if (map.value(JiraSiteKey::kId).toString() == site || map.value(JiraSiteKey::kUrl).toString() == site)
+            return map.value(JiraSiteKey::kName).toString();
     }
     return {};
 }

@@ -1,5 +1,6 @@
 #include "app/appdelegate.h"
 #include "app/demosnapshots.h"
+#include "app/desktopurlopener.h"
 #include "app/rundiagnostics.h"
 #include "app/singleinstance.h"
 #include "app/supportfolder.h"
@@ -63,6 +64,10 @@ bool anyWindowVisible()
 
 int main(int argc, char **argv)
 {
+    // The Jira sign-in shows its authorization page in the user's browser, in every mode that can connect.
+    DesktopUrlOpener browser;
+    UrlOpener::setShared(&browser);
+
     const int status = RunDiagnostics(argc, argv);
     if (status >= 0)
         return status;

@@ -1,5 +1,8 @@
 #include "app/promptlogic.h"
 
+#include "records/draft.h"
+#include "records/promptresult.h"
+#include "records/session.h"
 #include "source/logparser.h"
 #include "worklogs/engine.h"
 
@@ -11,7 +14,6 @@ namespace
 const QString kAskToLog = QStringLiteral("AskToLogOnIssueSwitch");
 const QString kAsNotifications = QStringLiteral("PromptsAsNotifications");
 const QString kLastDay = QStringLiteral("WorkdayReminderLastDay");
-const QString kUnassigned = QStringLiteral("Unassigned");
 
 qint64 integer(const QVariantMap &record, const QString &key)
 {
@@ -55,20 +57,19 @@ QString HLIssueListText(const QStringList &issues)
 
 PromptContent HLRenderLogPrompt(const QVariantMap &result, const QString &site)
 {
-    const QVariantMap post = result.value(QStringLiteral("post")).toMap();
+    const QVariantMap post = result.value(PromptResultKey::kPost).toMap();
     PromptContent content;
     content.kind = PromptContent::Kind::LogPrompt;
-    content.title = HLPromptTitle(JRPostSeconds(post), post.value(QStringLiteral("issue")).toString());
-    const qint64 existing = integer(post, QStringLiteral("existing"));
-    const qint64 sessions
-        = post.contains(QStringLiteral("combined_count")) ? integer(post, QStringLiteral("combined_count")) : 1;
+    content.title = HLPromptTitle(JRPostSeconds(post), post.value(DraftKey::kIssue).toString());
+    const qint64 existing = integer(post, DraftKey::kExisting);
+    const qint64 sessions = post.contains(DraftKey::kCombinedCount) ? integer(post, DraftKey::kCombinedCount) : 1;
     content.details = {
         {QStringLiteral("Already in Jira"), existing > 0 ? JRDurationText(existing) : QStringLiteral("nothing yet")},
         {QStringLiteral("Sessions"), QStringLiteral("%1 today").arg(sessions)},
-        {QStringLiteral("Comment"), post.value(QStringLiteral("comment")).toString()},
+        {QStringLiteral("Comment"), post.value(DraftKey::kComment).toString()},
         {QStringLiteral("Site"), site},
     };
-    if (!result.value(QStringLiteral("manual_matches")).toList().isEmpty())
+    if (!result.value(PromptResultKey::kManualMatches).toList().isEmpty())
         content.notice = QStringLiteral("Jira may already have this time, logged by hand.");
     content.primaryTitle = QStringLiteral("Log now");
     return content;
@@ -79,10 +80,9 @@ WorkdaySummary HLWorkdaySummary(const QVariantList &resolvedSessions, const QDat
     QVariantList candidates;
     for (const QVariant &item : JRBuildDrafts(resolvedSessions, day)) {
         const QVariantMap draft = item.toMap();
-        const QString issue = draft.value(QStringLiteral("issue")).toString();
-        if (!draft.value(QStringLiteral("jira_exclusion")).toMap().isEmpty()
-            || draft.value(QStringLiteral("source_running")).toBool() || issue.isEmpty() || issue == kUnassigned
-            || integer(draft, QStringLiteral("remaining_seconds")) <= 0)
+        const QString issue = draft.value(DraftKey::kIssue).toString();
+        if (!draft.value(DraftKey::kJiraExclusion).toMap().isEmpty() || draft.value(DraftKey::kSourceRunning).toBool()
+            || issue.isEmpty() || issue == SessionKey::kUnassigned || integer(draft, DraftKey::kRemainingSeconds) <= 0)
             continue;
         candidates.append(draft);
     }
@@ -94,7 +94,7 @@ WorkdaySummary HLWorkdaySummary(const QVariantList &resolvedSessions, const QDat
             continue;
         summary.seconds += seconds;
         ++summary.worklogs;
-        const QString issue = worklog.value(QStringLiteral("issue")).toString();
+        const QString issue = worklog.value(DraftKey::kIssue).toString();
         if (!summary.issues.contains(issue))
             summary.issues.append(issue);
     }
@@ -189,7 +189,7 @@ void LogPromptCoordinator::observeSwitch(const QVariantList &sessions, const Tra
         m_observer.reset();
         forgetPending();
         m_earlyRunning = false;
-        m_early.clear();
+        m_early = {};
         if (!call(m_host.posting))
             dismissPrompt();
         return;
@@ -198,7 +198,7 @@ void LogPromptCoordinator::observeSwitch(const QVariantList &sessions, const Tra
     const QString issue = QString::fromStdString(tracker::issue(tracking.description.toStdString()));
     const QDateTime at = now();
     const QVariantMap ended = m_observer.observe(sessions, tracking.active, tracking.live,
-        issue.isEmpty() ? kUnassigned : issue, tracking.startMs, tracking.project, at);
+        issue.isEmpty() ? SessionKey::kUnassigned : issue, tracking.startMs, tracking.project, at);
     if (!ended.isEmpty()) {
         m_pending = ended;
         m_waitingSince = at;
@@ -220,21 +220,20 @@ void LogPromptCoordinator::checkEarly(const QVariantMap &session)
     const int generation = ++m_generation;
     const QString key = JRSourceKey(session);
     m_earlyKey = key;
-    const qint64 end = integer(session, QStringLiteral("end_ms"));
+    const qint64 end = integer(session, SessionKey::kEndMs);
     m_host.comparePromptSession(session, daySessions(session), [this, generation, key, end](const QVariantMap &result) {
         if (generation != m_generation)
             return;
         m_earlyRunning = false;
-        m_early = {
-            {QStringLiteral("source_key"), key}, {QStringLiteral("end_ms"), end}, {QStringLiteral("result"), result}};
+        m_early = {key, end, result};
         offerWaitingSession();
     });
 }
 
 bool LogPromptCoordinator::earlyCheckCovers(const QVariantMap &session) const
 {
-    return !m_early.isEmpty() && m_early.value(QStringLiteral("source_key")).toString() == JRSourceKey(session)
-        && integer(m_early, QStringLiteral("end_ms")) == integer(session, QStringLiteral("end_ms"));
+    return !m_early.sourceKey.isNull() && m_early.sourceKey == JRSourceKey(session)
+        && m_early.endMs == integer(session, SessionKey::kEndMs);
 }
 
 void LogPromptCoordinator::offerWaitingSession()
@@ -253,8 +252,8 @@ void LogPromptCoordinator::offerWaitingSession()
         return;
     if (earlyCheckCovers(m_pending)) {
         const QVariantMap session = m_pending;
-        const QVariantMap result = m_early.value(QStringLiteral("result")).toMap();
-        m_early.clear();
+        const QVariantMap result = m_early.result;
+        m_early = {};
         forgetPending();
         showPromptResult(session, result);
         return;
@@ -274,14 +273,14 @@ void LogPromptCoordinator::offerWaitingSession()
 
 void LogPromptCoordinator::showPromptResult(const QVariantMap &session, const QVariantMap &result)
 {
-    const QVariantMap post = result.value(QStringLiteral("post")).toMap();
-    if (result.contains(QStringLiteral("error")) || !result.value(QStringLiteral("ended_eligible")).toBool()
+    const QVariantMap post = result.value(PromptResultKey::kPost).toMap();
+    if (result.contains(PromptResultKey::kError) || !result.value(PromptResultKey::kEndedEligible).toBool()
         || post.isEmpty()) {
         dismissPrompt();
         return;
     }
     // The session as it was compared, when the host says: "Log now" holds the current session against it.
-    const QVariantMap compared = result.value(QStringLiteral("session")).toMap();
+    const QVariantMap compared = result.value(PromptResultKey::kSession).toMap();
     m_promptSession = compared.isEmpty() ? session : compared;
     m_result = result;
     PromptContent content = HLRenderLogPrompt(result, m_host.siteName ? m_host.siteName() : QString());
@@ -305,10 +304,10 @@ void LogPromptCoordinator::scheduleSwitchTimer()
 
 QVariantList LogPromptCoordinator::daySessions(const QVariantMap &session) const
 {
-    const QString date = session.value(QStringLiteral("date")).toString();
+    const QString date = session.value(SessionKey::kDate).toString();
     QVariantList day;
     for (const QVariant &item : m_sessions) {
-        if (item.toMap().value(QStringLiteral("date")).toString() == date)
+        if (item.toMap().value(SessionKey::kDate).toString() == date)
             day.append(item);
     }
     return day;
@@ -354,18 +353,18 @@ void LogPromptCoordinator::logPrompt()
     // The user may have edited the session after the prompt opened; what was shown is what may be posted.
     const QVariantMap current = currentSession(session);
     if (current.isEmpty() || JRSourceKey(current) != JRSourceKey(session)
-        || current.value(QStringLiteral("comment")).toString() != session.value(QStringLiteral("comment")).toString()
-        || integer(current, QStringLiteral("end_ms")) != integer(session, QStringLiteral("end_ms"))
-        || !current.value(QStringLiteral("jira_exclusion")).toMap().isEmpty())
+        || current.value(SessionKey::kComment).toString() != session.value(SessionKey::kComment).toString()
+        || integer(current, SessionKey::kEndMs) != integer(session, SessionKey::kEndMs)
+        || !current.value(SessionKey::kJiraExclusion).toMap().isEmpty())
         return refuse();
-    if (m_tracking.active && m_tracking.live && m_tracking.project == integer(session, QStringLiteral("project"))
-        && qint64(m_tracking.startMs) == integer(session, QStringLiteral("start_ms")))
+    if (m_tracking.active && m_tracking.live && m_tracking.project == integer(session, SessionKey::kProject)
+        && qint64(m_tracking.startMs) == integer(session, SessionKey::kStartMs))
         return refuse();
 
     dismissPrompt();
-    const QVariantMap post = result.value(QStringLiteral("post")).toMap();
+    const QVariantMap post = result.value(PromptResultKey::kPost).toMap();
     const qint64 seconds = JRPostSeconds(post);
-    const QString issue = post.value(QStringLiteral("issue")).toString();
+    const QString issue = post.value(DraftKey::kIssue).toString();
     m_host.postPrompt(result, [this, seconds, issue](bool ok, const QString &) {
         const QString text = ok ? HLLoggedText(seconds, issue) : HLCouldNotLogText(seconds, issue);
         if (PromptPresenter *target = presenter())
@@ -403,7 +402,7 @@ void LogPromptCoordinator::showWorkdaySummary()
     QVariantList resolved;
     for (const QVariant &item : m_sessions) {
         QVariantMap session = item.toMap();
-        const qint64 start = integer(session, QStringLiteral("start_ms"));
+        const qint64 start = integer(session, SessionKey::kStartMs);
         if (start < dayStart || start >= dayEnd)
             continue;
         if (m_host.resolveSession) {

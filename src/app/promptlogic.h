@@ -167,7 +167,13 @@ private:
     QDateTime m_waitingSince;
     int m_generation = 0;
     bool m_comparing = false;
-    QVariantMap m_early; // {"source_key", "end_ms", "result"}
+    // The answer of an early comparison, kept until the session it was made for is offered.
+    struct EarlyCheck {
+        QString sourceKey; // null = none
+        qint64 endMs = 0;
+        QVariantMap result;
+    };
+    EarlyCheck m_early;
     bool m_earlyRunning = false;
     QString m_earlyKey;
 

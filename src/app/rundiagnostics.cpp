@@ -1,9 +1,11 @@
 #include "app/rundiagnostics.h"
 
-#include "invoice/invoice.h"
 #include "app/appdelegate.h"
 #include "app/ui/jirareviewwindowcontroller.h"
+#include "invoice/invoice.h"
 #include "platform/appidentity.h"
+#include "records/invoice.h"
+#include "records/session.h"
 #include "source/stintwatchsourceaccess.h"
 #include "source/trackerdb.h"
 
@@ -57,17 +59,17 @@ int runInvoice(int argc, const char *const *argv)
         return 2;
     }
     const QVariantMap result = INVParsePDF(QFile::decodeName(argv[2]));
-    if (result.contains(QStringLiteral("problem"))) {
-        std::printf("Could not read the invoice: %s\n",
-            result.value(QStringLiteral("problem")).toString().toUtf8().constData());
+    if (result.contains(InvoiceKey::kProblem)) {
+        std::printf(
+            "Could not read the invoice: %s\n", result.value(InvoiceKey::kProblem).toString().toUtf8().constData());
         return 1;
     }
-    const qint64 seconds = result.value(QStringLiteral("total_seconds")).toLongLong();
-    const QStringList descriptions = result.value(QStringLiteral("descriptions")).toStringList();
+    const qint64 seconds = result.value(InvoiceKey::kTotalSeconds).toLongLong();
+    const QStringList descriptions = result.value(InvoiceKey::kDescriptions).toStringList();
     std::printf("total     %s  (%s)\n", INVFormatDuration(seconds).toUtf8().constData(),
         INVFormatHoursMinutes(seconds).toUtf8().constData());
-    std::printf("amount    %.2f\n", result.value(QStringLiteral("total_amount")).toDouble());
-    std::printf("rows      %s\n", result.value(QStringLiteral("row_count")).toString().toUtf8().constData());
+    std::printf("amount    %.2f\n", result.value(InvoiceKey::kTotalAmount).toDouble());
+    std::printf("rows      %s\n", result.value(InvoiceKey::kRowCount).toString().toUtf8().constData());
     std::printf("unique    %lu\n\n", static_cast<unsigned long>(descriptions.size()));
     for (const QString &description : descriptions)
         std::printf("%s\n", description.toUtf8().constData());
@@ -109,15 +111,15 @@ int runJiraSmokeTest(int argc, char **argv)
     JiraReviewWindowController controller(store);
     const qint64 now = QDateTime::currentMSecsSinceEpoch();
     const QVariantMap session {
-        {QStringLiteral("start_ms"), now - 3'600'000},
-        {QStringLiteral("end_ms"), now - 1'800'000},
-        {QStringLiteral("source_account"), QStringLiteral("synthetic")},
-        {QStringLiteral("project"), qint64(1001)},
-        {QStringLiteral("local_id"), qint64(1)},
-        {QStringLiteral("api_id"), qint64(1001)},
-        {QStringLiteral("issue"), QStringLiteral("DEMO-42")},
-        {QStringLiteral("description"), QStringLiteral("DEMO-42 Prepare release notes")},
-        {QStringLiteral("issue_title"), QStringLiteral("Prepare release notes")},
+        {SessionKey::kStartMs, now - 3'600'000},
+        {SessionKey::kEndMs, now - 1'800'000},
+        {SessionKey::kSourceAccount, QStringLiteral("synthetic")},
+        {SessionKey::kProject, qint64(1001)},
+        {SessionKey::kLocalId, qint64(1)},
+        {SessionKey::kApiId, qint64(1001)},
+        {SessionKey::kIssue, QStringLiteral("DEMO-42")},
+        {SessionKey::kDescription, QStringLiteral("DEMO-42 Prepare release notes")},
+        {SessionKey::kIssueTitle, QStringLiteral("Prepare release notes")},
     };
     controller.showSessions({session});
 

@@ -1,5 +1,6 @@
 #include "app/statusrules.h"
 
+#include "records/session.h"
 #include "source/logparser.h"
 #include "worklogs/durations.h"
 #include "worklogs/preferences.h"
@@ -10,7 +11,7 @@
 QString HLIssueOf(const QString &description)
 {
     const std::string issue = tracker::issue(description.toStdString());
-    return issue.empty() ? QStringLiteral("Unassigned") : QString::fromStdString(issue);
+    return issue.empty() ? SessionKey::kUnassigned : QString::fromStdString(issue);
 }
 
 StatusOutput HLStatusFor(const StatusInput &input)
@@ -48,8 +49,7 @@ StatusOutput HLStatusFor(const StatusInput &input)
     out.tracking = tracking && input.stintwatchRunning;
     out.taskVisible = out.tracking;
     if (out.tracking)
-        out.title
-            = issue == QLatin1String("Unassigned") ? QStringLiteral("Tracking") : QStringLiteral("Tracking ") + issue;
+        out.title = issue == SessionKey::kUnassigned ? QStringLiteral("Tracking") : QStringLiteral("Tracking ") + issue;
 
     if (input.hideShortSessions && input.shortSessionCount > 0)
         out.sessionCount = QStringLiteral("%1 of %2 sessions · %3 under a minute hidden")
@@ -69,11 +69,11 @@ QVariantList HLSessionsMarkingRunning(const QVariantList &rows, qint64 project, 
     QVariantList marked = rows;
     for (QVariant &row : marked) {
         QVariantMap session = row.toMap();
-        const qint64 start = session.value(QStringLiteral("start_ms")).toLongLong();
-        const qint64 end = session.value(QStringLiteral("end_ms")).toLongLong();
-        if (end >= start || start > nowMs || session.value(QStringLiteral("project")).toLongLong() != project)
+        const qint64 start = session.value(SessionKey::kStartMs).toLongLong();
+        const qint64 end = session.value(SessionKey::kEndMs).toLongLong();
+        if (end >= start || start > nowMs || session.value(SessionKey::kProject).toLongLong() != project)
             continue;
-        session.insert(QStringLiteral("end_ms"), nowMs);
+        session.insert(SessionKey::kEndMs, nowMs);
         row = session;
     }
     return marked;
@@ -83,8 +83,8 @@ qsizetype HLShortSessionCount(const QVariantList &rows)
 {
     return std::count_if(rows.cbegin(), rows.cend(), [](const QVariant &row) {
         const QVariantMap session = row.toMap();
-        const qint64 start = session.value(QStringLiteral("start_ms")).toLongLong();
-        const qint64 end = session.value(QStringLiteral("end_ms")).toLongLong();
+        const qint64 start = session.value(SessionKey::kStartMs).toLongLong();
+        const qint64 end = session.value(SessionKey::kEndMs).toLongLong();
         return end >= start && end - start < 60'000;
     });
 }

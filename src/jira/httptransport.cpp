@@ -223,8 +223,88 @@ private:
 
 QVariantMap networkValues(double durationMs, qint64 status, qint64 errorCode)
 {
-    return {{QStringLiteral("duration_ms"), durationMs}, {QStringLiteral("http_status"), status},
-        {QStringLiteral("error_code"), errorCode}};
+    return {{DiagnosticKey::kDurationMs, durationMs}, {DiagnosticKey::kHttpStatus, status},
+        {DiagnosticKey::kErrorCode, errorCode}};
+}
+
+// The bearer header for `token` (empty for a null token); a token that could end the header line is refused.
+QByteArray authorizationHeader(const QString &token)
+{
+    if (token.isNull())
+        return {};
+    const QByteArray authorization = "Authorization: Bearer " + token.toUtf8();
+    if (!safeHeaderLine(authorization))
+        HLServiceFail(kBadHeader);
+    return authorization;
+}
+
+void setMethod(CURL *handle, const QByteArray &verb, const QByteArray *payload)
+{
+    const bool hasBody = payload != nullptr;
+    if (verb == "GET" && !hasBody) {
+        curl_easy_setopt(handle, CURLOPT_HTTPGET, 1L);
+    } else if (verb == "POST") {
+        curl_easy_setopt(handle, CURLOPT_POST, 1L);
+    } else {
+        // Also a GET with a body: the request body alone would otherwise turn it into a POST.
+        curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, verb.constData());
+    }
+    if (verb != "GET" || hasBody) {
+        curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(hasBody ? payload->size() : 0));
+        curl_easy_setopt(handle, CURLOPT_POSTFIELDS, hasBody ? payload->constData() : "");
+    }
+}
+
+std::unique_ptr<curl_slist, ListDeleter> requestHeaders(
+    const char *accept, bool hasBody, const QByteArray &authorization)
+{
+    curl_slist *headers = nullptr;
+    const QByteArray acceptHeader = QByteArray("Accept: ") + accept;
+    headers = curl_slist_append(headers, acceptHeader.constData());
+    // libcurl would otherwise add a form content type to every POST and an Expect header to large ones.
+    headers = curl_slist_append(headers, hasBody ? "Content-Type: application/json" : "Content-Type:");
+    headers = curl_slist_append(headers, "Expect:");
+    if (!authorization.isEmpty())
+        headers = curl_slist_append(headers, authorization.constData());
+    return std::unique_ptr<curl_slist, ListDeleter>(headers);
+}
+
+// Runs the request into `received`, records how it went in the diagnostic log and sets `status`. False when
+// the answer outgrew `received.maxBytes` (its body is then dropped); throws when the transfer failed.
+bool transfer(CURL *handle, Received &received, qint64 backstopMs, qint64 &status)
+{
+    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, collect);
+    curl_easy_setopt(handle, CURLOPT_WRITEDATA, &received);
+    curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, collectHeader);
+    curl_easy_setopt(handle, CURLOPT_HEADERDATA, &received);
+
+    QElapsedTimer clock; // monotonic
+    clock.start();
+    CURLcode result = CURLE_OK;
+    bool finished = false;
+    {
+        Transfer transfer(handle);
+        finished = transfer.run(clock, backstopMs, result);
+    }
+    const double durationMs = double(clock.nsecsElapsed()) / 1e6;
+    if (!finished) {
+        DiagnosticLog::shared().record(DiagnosticEvent::kNetworkFailed, networkValues(durationMs, 0, kTimedOutCode));
+        HLServiceFail(kTimedOut);
+    }
+
+    long responseCode = 0;
+    curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &responseCode);
+    if (result != CURLE_OK) {
+        DiagnosticLog::shared().record(
+            DiagnosticEvent::kNetworkFailed, networkValues(durationMs, responseCode, qint64(result)));
+        if (!(result == CURLE_WRITE_ERROR && received.tooLarge))
+            HLServiceFail(kFailed);
+        status = responseCode;
+        return false;
+    }
+    DiagnosticLog::shared().record(DiagnosticEvent::kNetworkCompleted, networkValues(durationMs, responseCode, 0));
+    status = responseCode;
+    return true;
 }
 
 } // namespace
@@ -296,19 +376,30 @@ QByteArray HTTPTransport::perform(const QString &url, const QByteArray &verb, co
     const QUrl parsed(url, QUrl::StrictMode);
     if (!acceptableURL(url, parsed))
         HLServiceFail(kOnlyHTTPS);
-    QByteArray authorization;
-    if (!token.isNull()) {
-        authorization = "Authorization: Bearer " + token.toUtf8();
-        if (!safeHeaderLine(authorization))
-            HLServiceFail(kBadHeader);
-    }
+    const QByteArray authorization = authorizationHeader(token);
 
     std::unique_ptr<CURL, EasyDeleter> easy(curl_easy_init());
     if (!easy)
         HLServiceFail(kFailed);
     CURL *handle = easy.get();
-
     const QByteArray encodedURL = parsed.toEncoded(QUrl::FullyEncoded);
+    setConnectionOptions(handle, encodedURL);
+    setMethod(handle, verb, payload);
+    const std::unique_ptr<curl_slist, ListDeleter> headers = requestHeaders(accept, payload != nullptr, authorization);
+    curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
+
+    Received received;
+    received.maxBytes = maxBytes;
+    if (!transfer(handle, received, m_limits.backstop.count(), status)) {
+        tooLarge = true;
+        return {};
+    }
+    hint = received.hint;
+    return received.body;
+}
+
+void HTTPTransport::setConnectionOptions(void *handle, const QByteArray &encodedURL) const
+{
     curl_easy_setopt(handle, CURLOPT_URL, encodedURL.constData());
     curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "https");
     NoRedirect::apply(handle);
@@ -328,68 +419,4 @@ QByteArray HTTPTransport::perform(const QString &url, const QByteArray &verb, co
     curl_easy_setopt(handle, CURLOPT_LOW_SPEED_TIME, idleSeconds);
     curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, long(m_limits.total.count()));
     curl_easy_setopt(handle, CURLOPT_USERAGENT, "Hourloom/" HOURLOOM_VERSION);
-
-    const bool hasBody = payload != nullptr;
-    if (verb == "GET" && !hasBody) {
-        curl_easy_setopt(handle, CURLOPT_HTTPGET, 1L);
-    } else if (verb == "POST") {
-        curl_easy_setopt(handle, CURLOPT_POST, 1L);
-    } else {
-        // Also a GET with a body: the request body alone would otherwise turn it into a POST.
-        curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, verb.constData());
-    }
-    if (verb != "GET" || hasBody) {
-        curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(hasBody ? payload->size() : 0));
-        curl_easy_setopt(handle, CURLOPT_POSTFIELDS, hasBody ? payload->constData() : "");
-    }
-
-    curl_slist *rawHeaders = nullptr;
-    const QByteArray acceptHeader = QByteArray("Accept: ") + accept;
-    rawHeaders = curl_slist_append(rawHeaders, acceptHeader.constData());
-    // libcurl would otherwise add a form content type to every POST and an Expect header to large ones.
-    rawHeaders = curl_slist_append(rawHeaders, hasBody ? "Content-Type: application/json" : "Content-Type:");
-    rawHeaders = curl_slist_append(rawHeaders, "Expect:");
-    if (!authorization.isEmpty())
-        rawHeaders = curl_slist_append(rawHeaders, authorization.constData());
-    std::unique_ptr<curl_slist, ListDeleter> headers(rawHeaders);
-    curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
-
-    Received received;
-    received.maxBytes = maxBytes;
-    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, collect);
-    curl_easy_setopt(handle, CURLOPT_WRITEDATA, &received);
-    curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, collectHeader);
-    curl_easy_setopt(handle, CURLOPT_HEADERDATA, &received);
-
-    QElapsedTimer clock; // monotonic
-    clock.start();
-    CURLcode result = CURLE_OK;
-    bool finished = false;
-    {
-        Transfer transfer(handle);
-        finished = transfer.run(clock, m_limits.backstop.count(), result);
-    }
-    const double durationMs = double(clock.nsecsElapsed()) / 1e6;
-    if (!finished) {
-        DiagnosticLog::shared().record(QStringLiteral("network_failed"), networkValues(durationMs, 0, kTimedOutCode));
-        HLServiceFail(kTimedOut);
-    }
-
-    long responseCode = 0;
-    curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &responseCode);
-    if (result != CURLE_OK) {
-        DiagnosticLog::shared().record(
-            QStringLiteral("network_failed"), networkValues(durationMs, responseCode, qint64(result)));
-        if (result == CURLE_WRITE_ERROR && received.tooLarge) {
-            status = responseCode;
-            tooLarge = true;
-            return {};
-        }
-        HLServiceFail(kFailed);
-    }
-    DiagnosticLog::shared().record(QStringLiteral("network_completed"), networkValues(durationMs, responseCode, 0));
-
-    status = responseCode;
-    hint = received.hint;
-    return received.body;
 }

@@ -57,6 +57,8 @@ public:
 private:
     QByteArray perform(const QString &url, const QByteArray &verb, const QByteArray *payload, const QString &token,
         const char *accept, qint64 maxBytes, qint64 &status, bool &tooLarge, RetryHint &hint) const;
+    // The address, HTTPS only, no redirects, the trusted CAs and the limits. `handle` is a libcurl easy handle.
+    void setConnectionOptions(void *handle, const QByteArray &encodedURL) const;
 
     Limits m_limits;
     QByteArray m_caBundle; // system CAs plus the test CA file, when one is configured and no CA folder exists

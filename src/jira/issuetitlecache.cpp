@@ -1,7 +1,9 @@
 #include "jira/issuetitlecache.h"
 
 #include "jira/jiraclient.h"
-#include "platform/failure.h"
+#include "records/issuedetails.h"
+#include "records/session.h"
+#include "worklogs/namedfailure.h"
 
 #include <QCoreApplication>
 #include <QDataStream>
@@ -21,8 +23,6 @@ constexpr int kMaxEntries = 1000;
 constexpr int kMaxAttempts = 1000;
 
 const QString kFileName = QStringLiteral("jira-titles.plist");
-const QString kTitle = QStringLiteral("title");
-const QString kDate = QStringLiteral("date");
 constexpr QDataStream::Version kStreamVersion = QDataStream::Qt_6_4;
 
 bool validEntry(const QVariant &value)
@@ -30,8 +30,9 @@ bool validEntry(const QVariant &value)
     if (value.typeId() != QMetaType::QVariantMap)
         return false;
     const QVariantMap entry = value.toMap();
-    return entry.value(kTitle).typeId() == QMetaType::QString && entry.value(kDate).typeId() == QMetaType::QDateTime
-        && entry.value(kDate).toDateTime().isValid();
+    return entry.value(IssueDetailsKey::kTitle).typeId() == QMetaType::QString
+        && entry.value(IssueDetailsKey::kDate).typeId() == QMetaType::QDateTime
+        && entry.value(IssueDetailsKey::kDate).toDateTime().isValid();
 }
 
 QVariantMap readEntries(const QString &path)
@@ -58,21 +59,22 @@ QVariantMap readEntries(const QString &path)
 
 } // namespace
 
-IssueTitleCache::IssueTitleCache(JiraClient &client, const QString &directory)
-    : IssueTitleCache(client, directory, [] { return QDateTime::currentDateTimeUtc(); })
-{
-}
-
-IssueTitleCache::IssueTitleCache(JiraClient &client, const QString &directory, Clock clock)
+IssueTitleCache::IssueTitleCache(JiraClient &client, const QString &directory, const Clock *clock)
     : m_client(client)
     , m_directory(directory)
-    , m_clock(std::move(clock))
+    , m_clock(clock)
     , m_self(std::make_shared<IssueTitleCache *>(this))
 {
     m_entries = readEntries(path());
 }
 
 IssueTitleCache::~IssueTitleCache() = default;
+
+QDateTime IssueTitleCache::now() const
+{
+    // Stored in UTC, so a file written before a time-zone change reads the same.
+    return (m_clock ? *m_clock : Clock::shared()).wallNow().toUTC();
+}
 
 QString IssueTitleCache::path() const
 {
@@ -88,20 +90,21 @@ QVariantMap IssueTitleCache::cachedDetails(const QString &issue, const QString &
 
 QString IssueTitleCache::cachedTitle(const QString &issue, const QString &cloud) const
 {
-    const QVariant title = cachedDetails(issue, cloud).value(kTitle);
+    const QVariant title = cachedDetails(issue, cloud).value(IssueDetailsKey::kTitle);
     return title.typeId() == QMetaType::QString ? title.toString() : QString();
 }
 
 QString IssueTitleCache::title(const QString &issue, const QString &cloud, bool refresh)
 {
-    if (cloud.isEmpty() || issue.isEmpty() || issue == QLatin1String("Unassigned"))
+    if (cloud.isEmpty() || issue.isEmpty() || issue == SessionKey::kUnassigned)
         return {};
     const QString key = cloud + QLatin1Char('|') + issue;
     const QVariantMap entry = m_entries.value(key).toMap();
-    const QString title
-        = entry.value(kTitle).typeId() == QMetaType::QString ? entry.value(kTitle).toString() : QString();
-    const QDateTime date = entry.value(kDate).toDateTime();
-    const QDateTime now = m_clock();
+    const QString title = entry.value(IssueDetailsKey::kTitle).typeId() == QMetaType::QString
+        ? entry.value(IssueDetailsKey::kTitle).toString()
+        : QString();
+    const QDateTime date = entry.value(IssueDetailsKey::kDate).toDateTime();
+    const QDateTime now = this->now();
 
     const QDateTime lastAttempt = m_attempts.value(key);
     // `connected` asks the secret store, so it is checked last, only when everything else allows a fetch.
@@ -143,13 +146,13 @@ void IssueTitleCache::finish(const QString &key, qint64 generation, const QVaria
     // A disconnect or a new connection while fetching: the answer belongs to another connection.
     if (m_client.generation() != generation)
         return;
-    const QDateTime now = m_clock();
-    if (details.value(kTitle).typeId() == QMetaType::QString) {
+    const QDateTime now = this->now();
+    if (details.value(IssueDetailsKey::kTitle).typeId() == QMetaType::QString) {
         if (m_entries.size() >= kMaxEntries && !m_entries.contains(key)) {
             QString oldest;
             QDateTime oldestDate;
             for (auto it = m_entries.cbegin(); it != m_entries.cend(); ++it) {
-                const QDateTime date = it.value().toMap().value(kDate).toDateTime();
+                const QDateTime date = it.value().toMap().value(IssueDetailsKey::kDate).toDateTime();
                 if (oldest.isNull() || !date.isValid() || (oldestDate.isValid() && date < oldestDate)) {
                     oldest = it.key();
                     oldestDate = date;
@@ -159,8 +162,9 @@ void IssueTitleCache::finish(const QString &key, qint64 generation, const QVaria
             }
             m_entries.remove(oldest);
         }
-        QVariantMap entry {{kTitle, details.value(kTitle)}, {kDate, now}};
-        for (const QString &field : {QStringLiteral("estimate_seconds"), QStringLiteral("remaining_seconds")}) {
+        QVariantMap entry {
+            {IssueDetailsKey::kTitle, details.value(IssueDetailsKey::kTitle)}, {IssueDetailsKey::kDate, now}};
+        for (const QString &field : {IssueDetailsKey::kEstimateSeconds, IssueDetailsKey::kRemainingSeconds}) {
             if (details.contains(field))
                 entry.insert(field, details.value(field));
         }

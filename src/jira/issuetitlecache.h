@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/clock.h"
+
 #include <QDateTime>
 #include <QHash>
 #include <QSet>
@@ -17,14 +19,12 @@ class JiraClient;
 class IssueTitleCache
 {
 public:
-    using Clock = std::function<QDateTime()>;
-
-    IssueTitleCache(JiraClient &client, const QString &directory);
-    // `clock` replaces the current time (tests of freshness and back-off).
-    IssueTitleCache(JiraClient &client, const QString &directory, Clock clock);
+    // `clock` (not owned) dates entries and attempts; nullptr means `Clock::shared()`.
+    IssueTitleCache(JiraClient &client, const QString &directory, const Clock *clock = nullptr);
     ~IssueTitleCache();
 
-    // The stored entry ({"title", "date", "estimate_seconds"?, "remaining_seconds"?}) or an empty map.
+    // The stored entry ({"title", "date", "estimate_seconds"?, "remaining_seconds"?}, records/issuedetails.h) or
+    // an empty map.
     QVariantMap cachedDetails(const QString &issue, const QString &cloud) const;
     // The stored title or null. Neither call fetches.
     QString cachedTitle(const QString &issue, const QString &cloud) const;
@@ -40,10 +40,11 @@ public:
 private:
     void finish(const QString &key, qint64 generation, const QVariantMap &details);
     void write() const;
+    QDateTime now() const;
 
     JiraClient &m_client;
     QString m_directory;
-    Clock m_clock;
+    const Clock *m_clock;
     QVariantMap m_entries;
     QHash<QString, QDateTime> m_attempts;
     QSet<QString> m_inFlight;

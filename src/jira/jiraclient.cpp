@@ -2,7 +2,12 @@
 
 #include "jira/jsonvalue.h"
 #include "jira/servicefail.h"
+#include "platform/clock.h"
 #include "platform/endpoints.h"
+#include "records/issuedetails.h"
+#include "records/jiraanswer.h"
+#include "records/worklog.h"
+#include "worklogs/namedfailure.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -40,11 +45,11 @@ QString jiraReason(const QVariant &answer)
 {
     const QVariantMap document = answer.toMap();
     QStringList parts;
-    for (const QVariant &message : document.value(QStringLiteral("errorMessages")).toList()) {
+    for (const QVariant &message : document.value(JiraErrorKey::kErrorMessages).toList()) {
         if (message.typeId() == QMetaType::QString && !message.toString().trimmed().isEmpty())
             parts.append(message.toString().trimmed());
     }
-    const QVariantMap errors = document.value(QStringLiteral("errors")).toMap();
+    const QVariantMap errors = document.value(JiraErrorKey::kErrors).toMap();
     for (auto it = errors.cbegin(); it != errors.cend(); ++it) {
         if (it.value().typeId() == QMetaType::QString && !it.value().toString().trimmed().isEmpty())
             parts.append(it.key() + QStringLiteral(": ") + it.value().toString().trimmed());
@@ -167,7 +172,7 @@ std::chrono::milliseconds JiraClient::retryDelay(qint64 status, const HTTPTransp
     if (hint.retryAfterSeconds >= 0)
         return seconds(std::max<qint64>(1, hint.retryAfterSeconds));
     if (status == 429 && hint.rateLimitReset.isValid()) {
-        const qint64 until = QDateTime::currentDateTimeUtc().msecsTo(hint.rateLimitReset);
+        const qint64 until = Clock::shared().wallNow().msecsTo(hint.rateLimitReset);
         return milliseconds(std::max<qint64>(1000, until));
     }
     return seconds(qint64(1) << std::min(attempt, 10));
@@ -203,7 +208,7 @@ QVariantMap JiraClient::identity(const QString &cloud)
 {
     const QVariant answer = api(prefix(cloud) + QStringLiteral("/myself"), QStringLiteral("GET"));
     if (answer.typeId() != QMetaType::QVariantMap
-        || answer.toMap().value(QStringLiteral("accountId")).typeId() != QMetaType::QString)
+        || answer.toMap().value(JiraUserKey::kAccountId).typeId() != QMetaType::QString)
         HLServiceFail(QStringLiteral("Could not identify the authorized Jira user."));
     return answer.toMap();
 }
@@ -213,23 +218,23 @@ QVariantMap JiraClient::issueDetails(const QString &issue, const QString &cloud)
     const QString path
         = prefix(cloud) + QStringLiteral("/issue/") + safeIssue(issue) + QStringLiteral("?fields=summary,timetracking");
     const QVariantMap answer = api(path, QStringLiteral("GET")).toMap();
-    const QVariant fields = answer.value(QStringLiteral("fields"));
-    const QVariant summary = fields.toMap().value(QStringLiteral("summary"));
+    const QVariant fields = answer.value(JiraIssueKey::kFields);
+    const QVariant summary = fields.toMap().value(JiraIssueKey::kSummary);
     const qsizetype length = summary.toString().size();
     if (fields.typeId() != QMetaType::QVariantMap || summary.typeId() != QMetaType::QString || length < 1
         || length > kMaxTitleLength)
         HLServiceFail(QStringLiteral("Jira title unavailable."));
 
-    QVariantMap details {{QStringLiteral("title"), summary.toString()}};
-    const QVariantMap tracking = fields.toMap().value(QStringLiteral("timetracking")).toMap();
-    const std::pair<const char *, const char *> estimates[] = {
-        {"originalEstimateSeconds", "estimate_seconds"},
-        {"remainingEstimateSeconds", "remaining_seconds"},
+    QVariantMap details {{IssueDetailsKey::kTitle, summary.toString()}};
+    const QVariantMap tracking = fields.toMap().value(JiraIssueKey::kTimeTracking).toMap();
+    const std::pair<QString, QString> estimates[] = {
+        {JiraIssueKey::kOriginalEstimateSeconds, IssueDetailsKey::kEstimateSeconds},
+        {JiraIssueKey::kRemainingEstimateSeconds, IssueDetailsKey::kRemainingSeconds},
     };
     for (const auto &[from, to] : estimates) {
-        const QVariant value = tracking.value(QLatin1String(from));
+        const QVariant value = tracking.value(from);
         if (HLIsJSONNumber(value) && value.toDouble() >= 0)
-            details.insert(QLatin1String(to), value);
+            details.insert(to, value);
     }
     return details;
 }
@@ -253,15 +258,15 @@ QVariantList JiraClient::worklogs(const QString &issue, const QString &cloud, co
         const QString path = base + QStringLiteral("/worklog?startAt=%1&maxResults=1000").arg(startAt) + filter
             + QStringLiteral("&expand=properties");
         const QVariantMap answer = api(path, QStringLiteral("GET")).toMap();
-        const QVariant pageLogs = answer.value(QStringLiteral("worklogs"));
-        const QVariant total = answer.value(QStringLiteral("total"));
+        const QVariant pageLogs = answer.value(JiraPageKey::kWorklogs);
+        const QVariant total = answer.value(JiraPageKey::kTotal);
         if (pageLogs.typeId() != QMetaType::QVariantList || !HLIsJSONNumber(total))
             HLServiceFail(QStringLiteral("Jira returned incomplete worklog data."));
         const QVariantList logs = pageLogs.toList();
         result += logs;
 
         // Jira may grant fewer per page than asked; the page count follows what it granted.
-        qint64 pageSize = answer.value(QStringLiteral("maxResults")).toLongLong();
+        qint64 pageSize = answer.value(JiraPageKey::kMaxResults).toLongLong();
         if (pageSize < 1)
             pageSize = std::max<qint64>(logs.size(), 100);
         const double totalCount = total.toDouble();
@@ -292,8 +297,8 @@ QVariantMap JiraClient::post(
 {
     // Jira refuses a property value over its limit only after the request; a combined worklog of very many
     // sessions would then fail at the last step. Refused here, before anything is sent.
-    for (const QVariant &property : payload.value(QStringLiteral("properties")).toList()) {
-        const QJsonValue value = QJsonValue::fromVariant(property.toMap().value(QStringLiteral("value")));
+    for (const QVariant &property : payload.value(WorklogKey::kProperties).toList()) {
+        const QJsonValue value = QJsonValue::fromVariant(property.toMap().value(WorklogKey::kPropertyValue));
         // A value that is not an object is measured as the one element of an array, without the brackets.
         const QByteArray text = value.isObject()
             ? QJsonDocument(value.toObject()).toJson(QJsonDocument::Compact)
@@ -308,7 +313,7 @@ QVariantMap JiraClient::post(
     const QVariant answer = api(path, QStringLiteral("POST"), payload);
     // A 2xx without an id may still have created the worklog: unknown, neither success nor failure.
     if (answer.typeId() != QMetaType::QVariantMap
-        || answer.toMap().value(QStringLiteral("id")).typeId() != QMetaType::QString)
+        || answer.toMap().value(WorklogKey::kId).typeId() != QMetaType::QString)
         HLServiceFail(QStringLiteral("Submission outcome is unknown. Check Jira again before retrying."));
     return answer.toMap();
 }

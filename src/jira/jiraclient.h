@@ -72,7 +72,7 @@ public:
 
     QVariantList resources();
     QVariantMap identity(const QString &cloud);
-    // {"title", optionally "estimate_seconds" and "remaining_seconds"}.
+    // {"title", optionally "estimate_seconds" and "remaining_seconds"} (records/issuedetails.h).
     QVariantMap issueDetails(const QString &issue, const QString &cloud);
     // All pages of the issue's worklogs in Jira's order; invalid bounds mean none.
     QVariantList worklogs(const QString &issue, const QString &cloud, const QDateTime &startedAfter,

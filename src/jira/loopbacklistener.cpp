@@ -1,4 +1,5 @@
 #include "jira/loopbacklistener.h"
+#include "records/credentials.h"
 
 #include <QRegularExpression>
 #include <QUrl>
@@ -154,8 +155,8 @@ void LoopbackListener::handle(int connection)
     }
     const QUrl target(QString::fromLatin1(requestLine[1]), QUrl::StrictMode);
     const QUrlQuery query(target);
-    const QString state = query.queryItemValue(QStringLiteral("state"));
-    const QString nonce = query.queryItemValue(QStringLiteral("nonce"));
+    const QString state = query.queryItemValue(SignInKey::kState);
+    const QString nonce = query.queryItemValue(SignInKey::kNonce);
     static const QRegularExpression token(QStringLiteral("^[A-Za-z0-9_-]{43}$"));
     bool accepted = false;
     {

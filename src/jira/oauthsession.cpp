@@ -5,10 +5,10 @@
 #include "jira/servicefail.h"
 #include "platform/appidentity.h"
 #include "platform/endpoints.h"
+#include "records/credentials.h"
+#include "worklogs/namedfailure.h"
 
 #include <QCryptographicHash>
-#include <QDateTime>
-#include <QDesktopServices>
 #include <QDir>
 #include <QFile>
 #include <QMetaObject>
@@ -44,19 +44,14 @@ const QString kRefreshBusy
 constexpr int kRefreshLockWaitMs = 75000;
 constexpr int kStoreAttempts = 4;
 
-double nowSeconds()
-{
-    return double(QDateTime::currentMSecsSinceEpoch()) / 1000.0;
-}
-
 // The broker's token answer is usable only with both tokens as strings and a positive lifetime.
 bool validTokenAnswer(const QVariantMap &answer)
 {
-    const QVariant expiresIn = answer.value(QStringLiteral("expires_in"));
+    const QVariant expiresIn = answer.value(CredentialKey::kExpiresIn);
     bool numeric = false;
     const double seconds = expiresIn.toDouble(&numeric);
-    return answer.value(QStringLiteral("access_token")).typeId() == QMetaType::QString
-        && answer.value(QStringLiteral("refresh_token")).typeId() == QMetaType::QString && HLIsJSONNumber(expiresIn)
+    return answer.value(CredentialKey::kAccessToken).typeId() == QMetaType::QString
+        && answer.value(CredentialKey::kRefreshToken).typeId() == QMetaType::QString && HLIsJSONNumber(expiresIn)
         && numeric && seconds > 0;
 }
 
@@ -139,10 +134,9 @@ QString Base64URL(const QByteArray &data)
     return QString::fromLatin1(data.toBase64(QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals));
 }
 
-std::function<void(const QUrl &)> &OAuthSession::browserOpener()
+double OAuthSession::nowSeconds() const
 {
-    static std::function<void(const QUrl &)> opener = [](const QUrl &url) { QDesktopServices::openUrl(url); };
-    return opener;
+    return double(clock().wallMs()) / 1000.0;
 }
 
 OAuthSession::OAuthSession()
@@ -204,18 +198,18 @@ void OAuthSession::runConnect(const QString &origin, qint64 attempt)
     // The service may bind the sign-in to this device by confirming it on a loopback port; a service that does
     // not know the port ignores it, and without a port the sign-in goes on unbound.
     LoopbackListener listener;
-    QVariantMap startBody {{QStringLiteral("challenge"), challenge}};
+    QVariantMap startBody {{SignInKey::kChallenge, challenge}};
     if (listener.listen())
-        startBody.insert(QStringLiteral("port"), int(listener.port()));
+        startBody.insert(SignInKey::kPort, int(listener.port()));
 
     qint64 status = 0;
     const QVariant start = m_transport.request(
         base + QStringLiteral("/oauth/start"), QStringLiteral("POST"), startBody, QString(), status);
-    if (status != 200 || !isMap(start) || start.toMap().value(QStringLiteral("state")).typeId() != QMetaType::QString)
+    if (status != 200 || !isMap(start) || start.toMap().value(SignInKey::kState).typeId() != QMetaType::QString)
         HLServiceFail(kNoBroker);
     const QVariantMap started = start.toMap();
-    const QString state = started.value(QStringLiteral("state")).toString();
-    const QUrl page = authorizationURL(started.value(QStringLiteral("authorization_url")));
+    const QString state = started.value(SignInKey::kState).toString();
+    const QUrl page = authorizationURL(started.value(SignInKey::kAuthorizationUrl));
     listener.expectState(state);
 
     if (m_generation.load() != attempt)
@@ -224,7 +218,7 @@ void OAuthSession::runConnect(const QString &origin, qint64 attempt)
 
     QVariant answer;
     status = 202;
-    QVariantMap poll {{QStringLiteral("state"), state}, {QStringLiteral("verifier"), verifier}};
+    QVariantMap poll {{SignInKey::kState, state}, {SignInKey::kVerifier, verifier}};
     for (int polls = 0; polls < kMaxPolls && status == 202; ++polls) {
         if (m_generation.load() != attempt)
             return;
@@ -232,7 +226,7 @@ void OAuthSession::runConnect(const QString &origin, qint64 attempt)
         if (m_generation.load() != attempt)
             return;
         if (const QString nonce = listener.nonce(); !nonce.isNull())
-            poll.insert(QStringLiteral("nonce"), nonce);
+            poll.insert(SignInKey::kNonce, nonce);
         answer = m_transport.request(
             base + QStringLiteral("/oauth/poll"), QStringLiteral("POST"), poll, QString(), status);
     }
@@ -255,8 +249,10 @@ void OAuthSession::openBrowser(const QUrl &url, qint64 attempt)
     QMetaObject::invokeMethod(
         m_mainContext.get(),
         [this, url, attempt] {
-            if (m_generation.load() == attempt && browserOpener())
-                browserOpener()(url);
+            if (m_generation.load() != attempt)
+                return;
+            if (UrlOpener *opener = m_opener ? m_opener : UrlOpener::shared())
+                opener->open(url);
         },
         Qt::QueuedConnection);
 }
@@ -264,8 +260,8 @@ void OAuthSession::openBrowser(const QUrl &url, qint64 attempt)
 QVariantMap OAuthSession::tokenRecord(const QVariantMap &answer, const QString &broker) const
 {
     QVariantMap record = answer;
-    record.insert(QStringLiteral("broker"), broker);
-    record.insert(QStringLiteral("expires_at"), nowSeconds() + answer.value(QStringLiteral("expires_in")).toDouble());
+    record.insert(CredentialKey::kBroker, broker);
+    record.insert(CredentialKey::kExpiresAt, nowSeconds() + answer.value(CredentialKey::kExpiresIn).toDouble());
     return record;
 }
 
@@ -286,7 +282,7 @@ void OAuthSession::disconnect()
 bool OAuthSession::connected() const
 {
     try {
-        return load().value(QStringLiteral("access_token")).typeId() == QMetaType::QString;
+        return load().value(CredentialKey::kAccessToken).typeId() == QMetaType::QString;
     } catch (const NamedFailure &) {
         return false;
     }
@@ -304,9 +300,9 @@ QString OAuthSession::accessAfterRejection(const QString &rejected)
 
 QString OAuthSession::token(const QString &rejected)
 {
-    const auto usable = [&rejected](const QVariantMap &record) {
-        const QString access = record.value(QStringLiteral("access_token")).toString();
-        return record.value(QStringLiteral("expires_at")).toDouble() - nowSeconds() >= kRefreshMargin
+    const auto usable = [this, &rejected](const QVariantMap &record) {
+        const QString access = record.value(CredentialKey::kAccessToken).toString();
+        return record.value(CredentialKey::kExpiresAt).toDouble() - nowSeconds() >= kRefreshMargin
             && (rejected.isNull() || access != rejected);
     };
     if (m_record.isEmpty())
@@ -317,7 +313,7 @@ QString OAuthSession::token(const QString &rejected)
         keepRecord(1); // once per call: a store still refusing must not slow every request
 
     if (usable(m_record))
-        return m_record.value(QStringLiteral("access_token")).toString();
+        return m_record.value(CredentialKey::kAccessToken).toString();
 
     RefreshLock lock(m_lockDirectory);
     // Another process may have refreshed while this one waited or since it last read the store: its pair is
@@ -327,20 +323,19 @@ QString OAuthSession::token(const QString &rejected)
         if (!stored.isEmpty())
             m_record = stored;
         if (usable(m_record))
-            return m_record.value(QStringLiteral("access_token")).toString();
+            return m_record.value(CredentialKey::kAccessToken).toString();
     }
     m_record = refreshed(m_record);
     m_unsaved = true;
     keepRecord(kStoreAttempts);
-    return m_record.value(QStringLiteral("access_token")).toString();
+    return m_record.value(CredentialKey::kAccessToken).toString();
 }
 
 QVariantMap OAuthSession::refreshed(const QVariantMap &record)
 {
     // The refresh goes to the broker that issued the tokens, not to the one chosen in the settings now.
-    const QString broker = record.value(QStringLiteral("broker")).toString();
-    const QVariantMap body {
-        {QStringLiteral("refresh_token"), record.value(QStringLiteral("refresh_token")).toString()}};
+    const QString broker = record.value(CredentialKey::kBroker).toString();
+    const QVariantMap body {{CredentialKey::kRefreshToken, record.value(CredentialKey::kRefreshToken).toString()}};
     QVariant answer;
     qint64 status = 0;
     // A lost answer may still have rotated the token; the service accepts the rotated one again for a while

@@ -2,8 +2,10 @@
 
 #include "jira/httptransport.h"
 #include "jira/keychainstore.h"
-#include "platform/failure.h"
+#include "platform/clock.h"
+#include "platform/platformerror.h"
 #include "platform/serialqueue.h"
+#include "platform/urlopener.h"
 
 #include <QString>
 #include <QUrl>
@@ -37,9 +39,12 @@ public:
     OAuthSession(const OAuthSession &) = delete;
     OAuthSession &operator=(const OAuthSession &) = delete;
 
-    // Opens a URL in the user's default browser; runs on the main thread. Replaceable (tests approve the
-    // sign-in by fetching the page instead). Defaults to QDesktopServices::openUrl.
-    static std::function<void(const QUrl &)> &browserOpener();
+    // Where the authorization page is shown (not owned; set before `connect`). nullptr, the default, means
+    // `UrlOpener::shared()`.
+    void setUrlOpener(UrlOpener *opener) { m_opener = opener; }
+    // Time for the tokens' expiry (not owned; set before any call). nullptr, the default, means
+    // `Clock::shared()`.
+    void setClock(const Clock *clock) { m_clock = clock; }
 
     // Returns at once. `completion` runs on the main thread at most once, and only when no newer connect or
     // disconnect happened meanwhile.
@@ -79,6 +84,8 @@ private:
     QString token(const QString &rejected);
     QVariantMap refreshed(const QVariantMap &record);
     bool keepRecord(int attempts);
+    const Clock &clock() const { return m_clock ? *m_clock : Clock::shared(); }
+    double nowSeconds() const;
 
     std::unique_ptr<QObject> m_mainContext; // lives on the creating (main) thread; targets of queued calls
     HTTPTransport m_transport;
@@ -87,6 +94,8 @@ private:
     bool m_unsaved = false; // m_record is a refreshed pair the secret store has not taken yet
     QString m_lockDirectory;
     std::chrono::milliseconds m_storeRetryPause {250};
+    UrlOpener *m_opener = nullptr; // used on the main thread only
+    const Clock *m_clock = nullptr;
     std::atomic<qint64> m_generation {0};
     std::unique_ptr<SerialQueue> m_queue; // declared last: destroyed first, so queued work never outlives the rest
 };

@@ -1,10 +1,10 @@
 #include "jira/servicefail.h"
 
 #include "diagnostics/diagnosticlog.h"
-#include "platform/failure.h"
+#include "worklogs/namedfailure.h"
 
 void HLServiceFail(const QString &message, const QString &detail)
 {
-    DiagnosticLog::shared().record(QStringLiteral("jira_operation_failed"));
+    DiagnosticLog::shared().record(DiagnosticEvent::kJiraOperationFailed);
     throw NamedFailure(QStringLiteral("JiraError"), message, detail);
 }

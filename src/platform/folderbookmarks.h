@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/failure.h"
+#include "platform/platformerror.h"
 
 #include <QByteArray>
 #include <QString>

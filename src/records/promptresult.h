@@ -15,7 +15,7 @@ namespace PromptResultKey
 inline const QString kPost = QStringLiteral("post");
 // The compared drafts of the session's day.
 inline const QString kDrafts = QStringLiteral("drafts");
-// Whether "post" may be posted.
+// The drafts among "drafts" that may be posted.
 inline const QString kEligible = QStringLiteral("eligible");
 // Whether the session that ended is part of an eligible draft.
 inline const QString kEndedEligible = QStringLiteral("ended_eligible");
@@ -28,7 +28,10 @@ inline const QString kAccount = QStringLiteral("account");
 inline const QString kCloud = QStringLiteral("cloud");
 // The prompt generation the result belongs to; a result of an older one is dropped.
 inline const QString kGeneration = QStringLiteral("generation");
-// The sentence for the user when the comparison failed.
+// The session as it was compared (records/session.h); "Log now" holds the current session against it.
+inline const QString kSession = QStringLiteral("session");
+// The sentence for the user when the comparison failed, and Jira's own explanation under it.
 inline const QString kError = QStringLiteral("error");
+inline const QString kDetail = QStringLiteral("detail");
 
 } // namespace PromptResultKey

@@ -579,8 +579,6 @@ QStringList StintwatchMonitor::watchedPaths() const
 
 void StintwatchMonitor::notifyChange()
 {
-    if (m_onChange)
-        m_onChange();
     emit changed();
 }
 
@@ -612,7 +610,6 @@ void StintwatchMonitor::stop()
     const QStringList watched = watchedPaths();
     if (!watched.isEmpty())
         m_watcher->removePaths(watched);
-    m_onChange = nullptr;
 }
 
 void StintwatchMonitor::refresh()

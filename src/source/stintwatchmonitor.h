@@ -28,7 +28,7 @@ struct LiveEvent;
 // Watches the tracker's folder and keeps the session list (always shown from the retained history), the
 // period-summary rows and the live tracking state inferred from the tracker's log up to date. All file and
 // database work runs on one serial background queue; every published field changes on the main thread only,
-// followed by onChange and the changed() signal.
+// followed by the changed() signal.
 class StintwatchMonitor : public QObject
 {
     Q_OBJECT
@@ -56,8 +56,6 @@ public:
     int lastKind() const { return m_lastKind; }
     bool liveObserved() const { return m_liveObserved; }
 
-    void setOnChange(std::function<void()> onChange) { m_onChange = std::move(onChange); }
-    const std::function<void()> &onChange() const { return m_onChange; }
     void notifyChange();
 
     // The clock for the live-state windows (wall time, compared with the log's timestamps) and for the
@@ -122,7 +120,6 @@ private:
     QTimer *m_timer = nullptr;
     WakeNotifier *m_wake = nullptr;
     std::optional<qint64> m_lastFallback; // monotonic ms of the last timer-driven rescan
-    std::function<void()> m_onChange;
     const Clock *m_clock = nullptr;
     std::function<HLProcessState()> m_processCheck;
     int m_trackerSeen = -1; // -1 unknown, else whether the tracker ran at the last look

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "platform/failure.h"
 #include "platform/folderbookmarks.h"
+#include "platform/platformerror.h"
 
 #include <QString>
 #include <QUrl>

@@ -1,6 +1,6 @@
 #include "submission/receiptstore.h"
 
-#include "platform/failure.h"
+#include "worklogs/namedfailure.h"
 
 #include <QFile>
 #include <QFileInfo>

@@ -3,7 +3,6 @@
 #include "diagnostics/diagnosticlog.h"
 #include "jira/jiraclient.h"
 #include "jira/jsonvalue.h"
-#include "platform/failure.h"
 #include "records/comparison.h"
 #include "records/draft.h"
 #include "records/exclusion.h"
@@ -14,6 +13,7 @@
 #include "submission/submissionlock.h"
 #include "worklogs/engine.h"
 #include "worklogs/manualmatches.h"
+#include "worklogs/namedfailure.h"
 #include "worklogs/preferences.h"
 
 #include <QDateTime>

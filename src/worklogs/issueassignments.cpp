@@ -1,9 +1,9 @@
 #include "worklogs/issueassignments.h"
 
-#include "platform/failure.h"
 #include "records/assignment.h"
 #include "records/session.h"
 #include "worklogs/engineinternal.h"
+#include "worklogs/namedfailure.h"
 
 #include <QDir>
 #include <QFile>

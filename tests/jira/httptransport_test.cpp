@@ -1,7 +1,7 @@
 #include "jira/httptransport.h"
 
-#include "platform/failure.h"
 #include "standinfixture.h"
+#include "worklogs/namedfailure.h"
 
 #include <QElapsedTimer>
 #include <QJsonDocument>

@@ -24,7 +24,6 @@ protected:
     {
         jiratest::SignedInTest::SetUp();
         m_directory = testenv::freshDir(QStringLiteral("support"));
-        m_now = QDateTime::currentDateTimeUtc();
     }
     void TearDown() override
     {
@@ -35,7 +34,7 @@ protected:
     IssueTitleCache &cache()
     {
         if (!m_cache) {
-            m_cache = std::make_unique<IssueTitleCache>(*m_client, m_directory, [this] { return m_now; });
+            m_cache = std::make_unique<IssueTitleCache>(*m_client, m_directory, &m_clock);
             m_cache->setDidChange([this] { ++m_changes; });
         }
         return *m_cache;
@@ -71,7 +70,9 @@ protected:
     }
 
     QString m_directory;
-    QDateTime m_now;
+    QDateTime now() const { return m_clock.wallNow().toUTC(); }
+
+    TestClock m_clock;
     int m_changes = 0;
     std::unique_ptr<IssueTitleCache> m_cache;
 };
@@ -84,7 +85,7 @@ TEST_F(IssueTitleCacheTest, FetchesOnceThenAnswersFromTheFile)
     const QVariantMap details = cache().cachedDetails(QStringLiteral("ED-1"), kCloud);
     EXPECT_EQ(details.value(QStringLiteral("estimate_seconds")).toLongLong(), 10800);
     EXPECT_EQ(details.value(QStringLiteral("remaining_seconds")).toLongLong(), 3600);
-    EXPECT_EQ(details.value(QStringLiteral("date")).toDateTime(), m_now);
+    EXPECT_EQ(details.value(QStringLiteral("date")).toDateTime(), now());
 
     const QString path = m_directory + QStringLiteral("/jira-titles.plist");
     EXPECT_EQ(QFile::permissions(path),
@@ -98,8 +99,8 @@ TEST_F(IssueTitleCacheTest, FetchesOnceThenAnswersFromTheFile)
 
 TEST_F(IssueTitleCacheTest, RefetchesOnlyStaleOrForcedEntriesAtMostOncePerMinute)
 {
-    writeFile({{kCloud + QStringLiteral("|ED-1"), entry(QStringLiteral("old title"), m_now.addSecs(-23 * 3600))},
-        {kCloud + QStringLiteral("|ED-2"), entry(QStringLiteral("stale"), m_now.addSecs(-86400))}});
+    writeFile({{kCloud + QStringLiteral("|ED-1"), entry(QStringLiteral("old title"), now().addSecs(-23 * 3600))},
+        {kCloud + QStringLiteral("|ED-2"), entry(QStringLiteral("stale"), now().addSecs(-86400))}});
 
     EXPECT_EQ(titleAndSettle(QStringLiteral("ED-1")), QStringLiteral("old title"));
     EXPECT_EQ(issueRequests(), 0);
@@ -109,10 +110,10 @@ TEST_F(IssueTitleCacheTest, RefetchesOnlyStaleOrForcedEntriesAtMostOncePerMinute
 
     EXPECT_EQ(titleAndSettle(QStringLiteral("ED-1"), true), QStringLiteral("old title"));
     EXPECT_EQ(issueRequests(), 2);
-    m_now = m_now.addSecs(59);
+    m_clock.advance(59 * 1000);
     titleAndSettle(QStringLiteral("ED-1"), true);
     EXPECT_EQ(issueRequests(), 2);
-    m_now = m_now.addSecs(1);
+    m_clock.advance(1 * 1000);
     titleAndSettle(QStringLiteral("ED-1"), true);
     EXPECT_EQ(issueRequests(), 3);
 }
@@ -151,12 +152,12 @@ TEST_F(IssueTitleCacheTest, BacksOffForFifteenMinutesAfterAFailure)
     EXPECT_EQ(m_changes, 1);
     EXPECT_TRUE(cache().cachedTitle(QStringLiteral("ED-1"), kCloud).isNull());
 
-    m_now = m_now.addSecs(899);
+    m_clock.advance(899 * 1000);
     titleAndSettle(QStringLiteral("ED-2"), true);
     titleAndSettle(QStringLiteral("ED-1"), true);
     EXPECT_EQ(issueRequests(), 1);
 
-    m_now = m_now.addSecs(1);
+    m_clock.advance(1 * 1000);
     titleAndSettle(QStringLiteral("ED-2"));
     EXPECT_EQ(issueRequests(), 2);
     EXPECT_EQ(cache().cachedTitle(QStringLiteral("ED-2"), kCloud), QStringLiteral("Write the manual"));
@@ -182,7 +183,7 @@ TEST_F(IssueTitleCacheTest, KeepsAtMostAThousandEntries)
 {
     QVariantMap entries;
     for (int i = 0; i < 1000; ++i)
-        entries.insert(kCloud + QStringLiteral("|OLD-%1").arg(i), entry(QStringLiteral("t"), m_now.addSecs(-i)));
+        entries.insert(kCloud + QStringLiteral("|OLD-%1").arg(i), entry(QStringLiteral("t"), now().addSecs(-i)));
     writeFile(entries);
 
     titleAndSettle(QStringLiteral("ED-1"));
@@ -198,7 +199,7 @@ TEST_F(IssueTitleCacheTest, KeepsAtMostAThousandEntries)
 
 TEST_F(IssueTitleCacheTest, LoadsOnlyWellFormedEntriesFromAFileWithinBounds)
 {
-    writeFile({{kCloud + QStringLiteral("|ED-1"), entry(QStringLiteral("kept"), m_now)},
+    writeFile({{kCloud + QStringLiteral("|ED-1"), entry(QStringLiteral("kept"), now())},
         {kCloud + QStringLiteral("|ED-2"), QVariantMap {{QStringLiteral("title"), QStringLiteral("no date")}}},
         {kCloud + QStringLiteral("|ED-3"), QStringLiteral("not a record")}});
     EXPECT_EQ(cache().cachedTitle(QStringLiteral("ED-1"), kCloud), QStringLiteral("kept"));
@@ -207,7 +208,7 @@ TEST_F(IssueTitleCacheTest, LoadsOnlyWellFormedEntriesFromAFileWithinBounds)
 
     QVariantMap outgrown;
     for (int i = 0; i < 1001; ++i)
-        outgrown.insert(kCloud + QStringLiteral("|ED-%1").arg(i), entry(QStringLiteral("t"), m_now));
+        outgrown.insert(kCloud + QStringLiteral("|ED-%1").arg(i), entry(QStringLiteral("t"), now()));
     writeFile(outgrown);
     m_cache.reset();
     EXPECT_TRUE(cache().cachedTitle(QStringLiteral("ED-1"), kCloud).isNull());

@@ -1,8 +1,8 @@
 #include "jira/jiraclient.h"
 
 #include "jira/keychainstore.h"
-#include "platform/failure.h"
 #include "standinfixture.h"
+#include "worklogs/namedfailure.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -55,6 +55,16 @@ protected:
             {QStringLiteral("timeSpentSeconds"), 3600}};
     }
 
+    // The body with the program's own property holding `marker`.
+    static QVariantMap payload(const QString &marker)
+    {
+        QVariantMap body = payload();
+        body.insert(QStringLiteral("properties"),
+            QVariantList {QVariantMap {{QStringLiteral("key"), QStringLiteral("hourloom")},
+                {QStringLiteral("value"), QVariantMap {{QStringLiteral("marker"), marker}}}}});
+        return body;
+    }
+
     void addWorklogs(const QString &issue, int count, const QDateTime &firstStart)
     {
         for (int i = 0; i < count; ++i) {
@@ -71,22 +81,23 @@ protected:
 
 TEST_F(JiraClientTest, ValidatesKeysAndSitesBeforeAnyRequest)
 {
+    // Every bad key through one call, and one bad key through each call that builds a URL from a key.
+    const QString badKey = QStringLiteral("ED-1/../x");
     for (const char *key : {"abc-1", "A-", "-1", "A1 -2", "ED-1\n", "ED-1/../x", "Ed-1", ""}) {
         EXPECT_EQ(failure([&] { m_client->issueDetails(QString::fromUtf8(key), kCloud); }),
             QStringLiteral("Enter a valid Jira issue key."))
             << key;
-        EXPECT_EQ(failure([&] { m_client->worklogs(QString::fromUtf8(key), kCloud); }),
-            QStringLiteral("Enter a valid Jira issue key."));
-        EXPECT_EQ(failure([&] { m_client->post({}, QString::fromUtf8(key), kCloud, QStringLiteral("auto")); }),
-            QStringLiteral("Enter a valid Jira issue key."));
     }
+    EXPECT_EQ(failure([&] { m_client->worklogs(badKey, kCloud); }), QStringLiteral("Enter a valid Jira issue key."));
+    EXPECT_EQ(failure([&] { m_client->post({}, badKey, kCloud, QStringLiteral("auto")); }),
+        QStringLiteral("Enter a valid Jira issue key."));
     for (const char *cloud : {"a/b", "a.b", "..", "", "c0ffee 1", "c0ffee?x=1", "ü", "c0ffee-1234\n"}) {
         EXPECT_EQ(failure([&] { m_client->identity(QString::fromUtf8(cloud)); }),
             QStringLiteral("Invalid Jira site identifier."))
             << cloud;
-        EXPECT_EQ(failure([&] { m_client->worklogs(QStringLiteral("ED-1"), QString::fromUtf8(cloud)); }),
-            QStringLiteral("Invalid Jira site identifier."));
     }
+    EXPECT_EQ(failure([&] { m_client->worklogs(QStringLiteral("ED-1"), QStringLiteral("a/b")); }),
+        QStringLiteral("Invalid Jira site identifier."));
     EXPECT_EQ(m_server.hitCount(), 0);
 
     for (const char *key : {"A_1-0", "AB9-12"})
@@ -334,14 +345,7 @@ TEST_F(JiraClientTest, RefusesUnsafeTokensOversizedAnswersAndOverlongMarkersBefo
         QStringLiteral("The service's answer was too large to read safely (over 8 MB)."));
 
     // The marker property at Jira's limit of 32,768 characters passes both sides; one more is refused here.
-    const auto withMarker = [&](qsizetype length) {
-        QVariantMap body = payload();
-        body.insert(QStringLiteral("properties"),
-            QVariantList {QVariantMap {{QStringLiteral("key"), QStringLiteral("hourloom")},
-                {QStringLiteral("value"),
-                    QVariantMap {{QStringLiteral("marker"), QString(length, QLatin1Char('m'))}}}}});
-        return body;
-    };
+    const auto withMarker = [](qsizetype length) { return payload(QString(length, QLatin1Char('m'))); };
     const qsizetype overhead = qsizetype(qstrlen(R"({"marker":""})"));
     m_server.clearRequests();
     m_client->queue().sync([&] {
@@ -432,15 +436,11 @@ TEST_F(JiraClientTest, RefusesIncompleteWorklogPages)
 
 TEST_F(JiraClientTest, PostsOneWorklogWithoutNotifyingWatchers)
 {
-    const QVariantMap payload {{QStringLiteral("started"), QStringLiteral("2026-03-02T09:00:00.000+0100")},
-        {QStringLiteral("timeSpentSeconds"), 3600},
-        {QStringLiteral("properties"),
-            QVariantList {QVariantMap {{QStringLiteral("key"), QStringLiteral("hourloom")},
-                {QStringLiteral("value"), QVariantMap {{QStringLiteral("marker"), QStringLiteral("m1")}}}}}}};
+    const QVariantMap body = payload(QStringLiteral("m1"));
     QVariantMap created;
     m_client->queue().sync([&] {
-        created = m_client->post(payload, QStringLiteral("ED-1"), kCloud, QStringLiteral("auto"));
-        m_client->post(payload, QStringLiteral("ED-1"), kCloud, QStringLiteral("Auto"));
+        created = m_client->post(body, QStringLiteral("ED-1"), kCloud, QStringLiteral("auto"));
+        m_client->post(body, QStringLiteral("ED-1"), kCloud, QStringLiteral("Auto"));
     });
     EXPECT_EQ(created.value(QStringLiteral("id")).typeId(), QMetaType::QString);
     EXPECT_EQ(m_server.worklogCount(QStringLiteral("ED-1")), 2);
@@ -451,21 +451,16 @@ TEST_F(JiraClientTest, PostsOneWorklogWithoutNotifyingWatchers)
     EXPECT_EQ(posts[1].queryItem(QStringLiteral("adjustEstimate")), QStringLiteral("leave"));
     for (const auto &post : posts) {
         EXPECT_EQ(post.queryItem(QStringLiteral("notifyUsers")), QStringLiteral("false"));
-        EXPECT_EQ(QJsonDocument::fromJson(post.body).toVariant().toMap(), payload);
+        EXPECT_EQ(QJsonDocument::fromJson(post.body).toVariant().toMap(), body);
     }
 
-    // Jira's validation answer is a status failure; a 2xx without an id and a dropped answer leave the
-    // outcome open.
-    QVariantMap tooShort = payload;
-    tooShort.insert(QStringLiteral("timeSpentSeconds"), 30);
-    EXPECT_EQ(failure([&] { m_client->post(tooShort, QStringLiteral("ED-1"), kCloud, QStringLiteral("leave")); }),
-        QStringLiteral("Jira returned HTTP 400. Review the issue and check Jira again before retrying."));
+    // A 2xx without an id and a dropped answer leave the outcome open.
     m_server.addFault(standin::Fault::statusReply(
         QStringLiteral("POST"), QStringLiteral("/worklog$"), 201, "{\"id\":20001,\"timeSpentSeconds\":3600}"));
-    EXPECT_EQ(failure([&] { m_client->post(payload, QStringLiteral("ED-1"), kCloud, QStringLiteral("leave")); }),
+    EXPECT_EQ(failure([&] { m_client->post(body, QStringLiteral("ED-1"), kCloud, QStringLiteral("leave")); }),
         QStringLiteral("Submission outcome is unknown. Check Jira again before retrying."));
     m_server.addFault(standin::Fault::createThenDrop());
-    EXPECT_EQ(failure([&] { m_client->post(payload, QStringLiteral("ED-1"), kCloud, QStringLiteral("leave")); }),
+    EXPECT_EQ(failure([&] { m_client->post(body, QStringLiteral("ED-1"), kCloud, QStringLiteral("leave")); }),
         QStringLiteral("Network request failed. For a submitted worklog, the outcome may be unknown; check Jira "
                        "again before any retry."));
     EXPECT_EQ(m_server.worklogCount(QStringLiteral("ED-1")), 3);

@@ -5,7 +5,7 @@
 #include <QEventLoop>
 #include <QUuid>
 
-#include "platform/failure.h"
+#include "worklogs/namedfailure.h"
 
 #include <gtest/gtest.h>
 

@@ -3,6 +3,7 @@
 #include "jira/keychainstore.h"
 #include "standinfixture.h"
 #include "support/testenv.h"
+#include "worklogs/namedfailure.h"
 
 #include <QCoreApplication>
 #include <QCryptographicHash>
@@ -19,10 +20,13 @@
 namespace
 {
 
-double now()
+// Shows the authorization page by calling back the test.
+class CallbackOpener : public UrlOpener
 {
-    return double(QDateTime::currentMSecsSinceEpoch()) / 1000.0;
-}
+public:
+    std::function<void(const QUrl &)> onOpen;
+    void open(const QUrl &url) override { onOpen(url); }
+};
 
 TEST(Base64URL, UsesTheURLSafeAlphabetWithoutPadding)
 {
@@ -44,7 +48,9 @@ protected:
         seedJira();
         m_service = jiratest::uniqueCredentialService();
         m_session = std::make_unique<OAuthSession>(m_service);
-        OAuthSession::browserOpener() = [this](const QUrl &url) {
+        m_session->setClock(&m_clock);
+        m_session->setUrlOpener(&m_browser);
+        m_browser.onOpen = [this](const QUrl &url) {
             noteThread();
             m_opened.append(url);
             if (m_approve)
@@ -57,7 +63,6 @@ protected:
         EXPECT_EQ(m_offMainThread, 0);
         m_session.reset();
         KeychainStore(m_service, QStringLiteral("oauth")).remove();
-        OAuthSession::browserOpener() = nullptr;
         jiratest::StandinTest::TearDown();
     }
 
@@ -88,7 +93,11 @@ protected:
         return token;
     }
 
+    double now() const { return double(m_clock.wallMs()) / 1000.0; }
+
     QString m_service;
+    TestClock m_clock;
+    CallbackOpener m_browser;
     std::unique_ptr<OAuthSession> m_session;
     QList<QUrl> m_opened;
     bool m_approve = true;
@@ -124,23 +133,20 @@ TEST_F(OAuthSessionTest, ConnectsRefreshesAndDisconnects)
     const QString first = record.value(QStringLiteral("access_token")).toString();
     EXPECT_FALSE(first.isEmpty());
     EXPECT_EQ(record.value(QStringLiteral("broker")).toString(), m_server.origin());
-    EXPECT_NEAR(record.value(QStringLiteral("expires_at")).toDouble(),
-        now() + record.value(QStringLiteral("expires_in")).toDouble(), 30.0);
+    const double expiresIn = record.value(QStringLiteral("expires_in")).toDouble();
+    EXPECT_DOUBLE_EQ(record.value(QStringLiteral("expires_at")).toDouble(), now() + expiresIn);
     EXPECT_TRUE(m_session->connected());
     EXPECT_EQ(accessOnQueue(), first);
 
-    // 61 s ahead: used as it is, without asking the broker.
-    QVariantMap soon = record;
-    soon.insert(QStringLiteral("expires_at"), now() + 61);
-    m_session->queue().sync([&] { m_session->save(soon); });
+    // 61 s before it expires: used as it is, without asking the broker.
+    m_clock.advance(qint64(expiresIn - 61) * 1000);
     EXPECT_EQ(accessOnQueue(), first);
     EXPECT_TRUE(m_server.requests(QStringLiteral("POST"), QStringLiteral("^/oauth/refresh$")).isEmpty());
 
-    // 59 s ahead: refreshed at the issuing broker, even when another broker is chosen meanwhile; the rotated
+    // 59 s before: refreshed at the issuing broker, even when another broker is chosen meanwhile; the rotated
     // refresh token is stored.
     qputenv("HOURLOOM_TEST_BROKER", "https://elsewhere.invalid");
-    soon.insert(QStringLiteral("expires_at"), now() + 59);
-    m_session->queue().sync([&] { m_session->save(soon); });
+    m_clock.advance(2000);
     const QString second = accessOnQueue();
     EXPECT_NE(second, first);
     EXPECT_EQ(m_server.requests(QStringLiteral("POST"), QStringLiteral("^/oauth/refresh$")).size(), 1);
@@ -174,9 +180,8 @@ TEST_F(OAuthSessionTest, ConnectsRefreshesAndDisconnects)
 TEST_F(OAuthSessionTest, RefreshAnswerWithoutARotatedTokenKeepsTheOldRecord)
 {
     ASSERT_FALSE(connectAndWait(m_server.origin())->isError());
-    QVariantMap record = stored();
-    record.insert(QStringLiteral("expires_at"), now() + 10);
-    m_session->queue().sync([&] { m_session->save(record); });
+    const QVariantMap record = stored();
+    m_clock.advance(qint64(record.value(QStringLiteral("expires_in")).toDouble() - 10) * 1000);
     m_server.addFault(standin::Fault::statusReply(QStringLiteral("POST"), QStringLiteral("^/oauth/refresh$"), 200,
         "{\"access_token\":\"fresh\",\"expires_in\":3600}"));
     m_server.addFault(standin::Fault::invalidGrant());

@@ -3,9 +3,9 @@
 // run real child processes of this executable (the RefreshChild tests, skipped unless a parent starts them).
 #include "jira/jiraclient.h"
 #include "jira/keychainstore.h"
-#include "platform/failure.h"
 #include "standinfixture.h"
 #include "support/testenv.h"
+#include "worklogs/namedfailure.h"
 
 #include <QCoreApplication>
 #include <QDBusArgument>

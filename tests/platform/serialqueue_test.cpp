@@ -1,6 +1,6 @@
-#include "platform/failure.h"
 #include "platform/serialqueue.h"
 #include "support/testenv.h"
+#include "worklogs/namedfailure.h"
 
 #include <QDir>
 #include <QSettings>

@@ -20,6 +20,14 @@ using namespace signintest;
 
 enum class Deployment { OneInstance, TwoInstancesWithRedis };
 
+// Shows the authorization page by calling back the test.
+class CallbackOpener : public UrlOpener
+{
+public:
+    std::function<void(const QUrl &)> onOpen;
+    void open(const QUrl &url) override { onOpen(url); }
+};
+
 // The app's own connect flow against the real service: the app starts the sign-in, a browser approves it at
 // the emulated Atlassian and is sent on to the service's callback and then to the app's loopback listener; the
 // app polls, keeps the tokens in the real secret store and uses them at the gateway.
@@ -37,7 +45,8 @@ protected:
         m_credentials
             = QStringLiteral("app.hourloom.Hourloom.test.") + QUuid::createUuid().toString(QUuid::WithoutBraces);
         m_client = std::make_unique<JiraClient>(m_credentials);
-        OAuthSession::browserOpener() = [this](const QUrl &url) {
+        m_client->session().setUrlOpener(&m_browser);
+        m_browser.onOpen = [this](const QUrl &url) {
             std::lock_guard lock(m_mutex);
             m_browsers.emplace_back([this, url] {
                 const Visit visit = browse(url.toString(), caFile());
@@ -53,7 +62,6 @@ protected:
             for (std::thread &browser : m_browsers)
                 browser.join();
         }
-        OAuthSession::browserOpener() = nullptr;
         m_client.reset();
         KeychainStore(m_credentials, QStringLiteral("oauth")).remove();
         for (const char *name : {"HOURLOOM_TEST_CA_FILE", "HOURLOOM_TEST_GATEWAY", "HOURLOOM_TEST_AUTH_HOST"})
@@ -63,6 +71,7 @@ protected:
 
     RedisProcess m_redis;
     QString m_credentials;
+    CallbackOpener m_browser;
     std::unique_ptr<JiraClient> m_client;
     std::mutex m_mutex;
     std::vector<std::thread> m_browsers;

@@ -600,7 +600,7 @@ TEST_F(MonitorTest, IssueSwitchIsOfferedOnceTwoSecondsAfterTheSwitch)
             settle.start(int(std::max<qint64>(0, QDateTime::currentDateTime().msecsTo(observer.settlesAt()))));
     };
     QObject::connect(&settle, &QTimer::timeout, &settle, observe);
-    m_monitor->setOnChange(observe);
+    QObject::connect(m_monitor.get(), &StintwatchMonitor::changed, &settle, observe);
 
     m_sim->start(42, QStringLiteral("ENG-1 First"));
     ASSERT_TRUE(testenv::waitFor([&] { return m_monitor->liveObserved() && m_monitor->rows().size() == 1; }));

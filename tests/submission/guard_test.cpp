@@ -1,8 +1,8 @@
 #include "servicefixture.h"
 
-#include "platform/failure.h"
 #include "submission/submissionlock.h"
 #include "worklogs/engine.h"
+#include "worklogs/namedfailure.h"
 
 #include <QFile>
 

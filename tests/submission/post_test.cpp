@@ -2,10 +2,10 @@
 
 #include "childprocess.h"
 #include "fsguards.h"
-#include "platform/failure.h"
 #include "submission/submissionlock.h"
 #include "support/testenv.h"
 #include "worklogs/engine.h"
+#include "worklogs/namedfailure.h"
 
 #include <QFile>
 #include <QJsonArray>

@@ -2,8 +2,8 @@
 #include "submission/receiptstore.h"
 
 #include "fsguards.h"
-#include "platform/failure.h"
 #include "support/testenv.h"
+#include "worklogs/namedfailure.h"
 
 #include <QDir>
 #include <QFile>

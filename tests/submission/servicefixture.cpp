@@ -2,9 +2,9 @@
 
 #include "diagnostics/diagnosticlog.h"
 #include "fsguards.h"
-#include "platform/failure.h"
 #include "support/testenv.h"
 #include "worklogs/engine.h"
+#include "worklogs/namedfailure.h"
 
 #include <QFile>
 #include <QJsonArray>

@@ -7,9 +7,9 @@
 //                                       before the POST) it prints "submitting" and waits
 
 #include "jira/jiraclient.h"
-#include "platform/failure.h"
 #include "submission/submissionlock.h"
 #include "submission/worklogservice.h"
+#include "worklogs/namedfailure.h"
 
 #include <QCoreApplication>
 #include <QFile>

@@ -2,8 +2,8 @@
 
 #include "childprocess.h"
 #include "fsguards.h"
-#include "platform/failure.h"
 #include "support/testenv.h"
+#include "worklogs/namedfailure.h"
 
 #include <QFileInfo>
 

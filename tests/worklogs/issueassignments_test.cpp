@@ -1,8 +1,8 @@
 #include "worklogs/issueassignments.h"
 
-#include "platform/failure.h"
 #include "support/testenv.h"
 #include "worklogbuilders.h"
+#include "worklogs/namedfailure.h"
 
 #include <QDir>
 #include <QFile>

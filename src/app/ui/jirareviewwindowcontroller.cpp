@@ -1,9 +1,9 @@
 #include "app/ui/jirareviewwindowcontroller.h"
 
 #include "app/ui/jirareviewwindow_p.h"
-#include "platform/failure.h"
 #include "worklogs/engine.h"
 #include "worklogs/engineinternal.h"
+#include "worklogs/namedfailure.h"
 
 #include <QAction>
 #include <QComboBox>

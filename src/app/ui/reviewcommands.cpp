@@ -3,8 +3,8 @@
 #include "app/ui/jirareviewwindow_p.h"
 #include "app/ui/sessioneditor.h"
 #include "app/ui/worklogpicker.h"
-#include "platform/failure.h"
 #include "worklogs/engine.h"
+#include "worklogs/namedfailure.h"
 
 #include <QDesktopServices>
 #include <QFileDialog>

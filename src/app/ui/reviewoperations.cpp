@@ -4,8 +4,9 @@
 
 #include "app/ui/jirareviewwindow_p.h"
 #include "jira/connectionsettings.h"
-#include "platform/failure.h"
+#include "platform/platformerror.h"
 #include "worklogs/engine.h"
+#include "worklogs/namedfailure.h"
 
 #include <QComboBox>
 #include <QLabel>

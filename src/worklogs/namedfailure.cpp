@@ -1,4 +1,4 @@
-#include "platform/failure.h"
+#include "worklogs/namedfailure.h"
 
 #include <utility>
 

@@ -7,9 +7,10 @@
 
 // A failure the user is shown as it stands. The name says which kind ("JiraError", "ReceiptError",
 // "SubmissionLock", "Assignments", "AccountChanged", "Excluded", "Duplicate", "Changed"); the reason is the
-// one sentence the user reads. Service layers throw it; callers catch it at the queue boundary, so it never
-// crosses the event loop. A detail, when there is one, is the other side's own explanation (Jira's error
-// messages), shown under the sentence; it may name issues or fields, so it never goes into a log.
+// one sentence the user reads. `IssueAssignments`, the Jira code and the submission services throw it;
+// callers catch it at the queue boundary, so it never crosses the event loop. A detail, when there is one, is
+// the other side's own explanation (Jira's error messages), shown under the sentence; it may name issues or
+// fields, so it never goes into a log.
 class NamedFailure : public std::exception
 {
 public:
@@ -25,13 +26,4 @@ private:
     QString m_reason;
     QString m_detail;
     std::string m_what;
-};
-
-// The error value platform-facing operations return instead of throwing.
-struct PlatformError {
-    QString domain;
-    int code = 0;
-    QString description;
-
-    bool isError() const { return code != 0 || !description.isEmpty(); }
 };
