@@ -136,56 +136,28 @@ TEST(ComparisonCache, LeavesDraftsAloneWhenTheirInputsChangedOrTheyDoNotTakePart
     EXPECT_EQ(cache.entries(), entries);
 }
 
-struct Trimming {
-    int existing; // entries in the file before the save, each checked before the saved draft
-    int expectedAfter;
-};
-
-void PrintTo(const Trimming &trimming, std::ostream *out)
+TEST(ComparisonCache, TrimmingRemovesTheOldestEntriesButNeverTheCheckJustMade)
 {
-    *out << "holding" << trimming.existing;
-}
+    // Entries in the file before the save, entries after it, and whether they were all checked after it (the
+    // clock was set back since).
+    for (const auto &[existing, expectedAfter, later] :
+        {std::tuple {1999, 2000, false}, {2000, 2000, false}, {2010, 2005, false}, {2000, 2000, true}}) {
+        ComparisonCache cache(testenv::freshDir(u"cache"_s));
+        QVariantMap entries;
+        for (int i = 0; i < existing; ++i)
+            entries.insert(u"c|a|old-%1"_s.arg(i, 5, 10, QLatin1Char('0')),
+                QVariantMap {{u"fingerprint"_s, u"f"_s},
+                    // Newest first in key order, so the removal must follow "checked_at", not the keys.
+                    {u"checked_at"_s, later ? double(kNow.toSecsSinceEpoch()) + 3600.0 : 1000.0 + existing - i}});
+        cache.write(entries);
+        cache.saveDrafts({checkedDraft(u"k1"_s)}, u"c"_s, u"a"_s, kNow);
 
-class ComparisonCacheTrimming : public ::testing::TestWithParam<Trimming>
-{
-};
-
-TEST_P(ComparisonCacheTrimming, RemovesTheOldestEntries)
-{
-    ComparisonCache cache(testenv::freshDir(u"cache"_s));
-    QVariantMap entries;
-    for (int i = 0; i < GetParam().existing; ++i)
-        entries.insert(u"c|a|old-%1"_s.arg(i, 5, 10, QLatin1Char('0')),
-            QVariantMap {{u"fingerprint"_s, u"f"_s},
-                // Newest first in key order, so the removal must follow "checked_at", not the keys.
-                {u"checked_at"_s, 1000.0 + GetParam().existing - i}});
-    cache.write(entries);
-    cache.saveDrafts({checkedDraft(u"k1"_s)}, u"c"_s, u"a"_s, kNow);
-
-    const QVariantMap after = cache.entries();
-    ASSERT_EQ(after.size(), GetParam().expectedAfter);
-    EXPECT_TRUE(after.contains(u"c|a|k1"_s));
-    const int removed = GetParam().existing + 1 - GetParam().expectedAfter;
-    for (int i = 0; i < GetParam().existing; ++i) {
-        const bool oldest = i >= GetParam().existing - removed;
-        EXPECT_EQ(after.contains(u"c|a|old-%1"_s.arg(i, 5, 10, QLatin1Char('0'))), !oldest) << i;
+        const QVariantMap after = cache.entries();
+        ASSERT_EQ(after.size(), expectedAfter) << existing;
+        EXPECT_TRUE(after.contains(u"c|a|k1"_s)) << existing;
+        for (int i = 0; i < existing && !later; ++i) {
+            const bool oldest = i >= expectedAfter - 1;
+            EXPECT_EQ(after.contains(u"c|a|old-%1"_s.arg(i, 5, 10, QLatin1Char('0'))), !oldest) << i;
+        }
     }
-}
-
-INSTANTIATE_TEST_SUITE_P(Sizes, ComparisonCacheTrimming,
-    ::testing::Values(Trimming {1999, 2000}, Trimming {2000, 2000}, Trimming {2010, 2005}));
-
-TEST(ComparisonCache, TrimmingKeepsTheCheckJustMadeWhenTheClockWasSetBack)
-{
-    ComparisonCache cache(testenv::freshDir(u"cache"_s));
-    QVariantMap entries;
-    const double later = double(kNow.toSecsSinceEpoch()) + 3600.0;
-    for (int i = 0; i < ComparisonCache::kMaximumEntries; ++i)
-        entries.insert(u"c|a|old-%1"_s.arg(i), QVariantMap {{u"fingerprint"_s, u"f"_s}, {u"checked_at"_s, later}});
-    cache.write(entries);
-    cache.saveDrafts({checkedDraft(u"k1"_s)}, u"c"_s, u"a"_s, kNow);
-
-    const QVariantMap after = cache.entries();
-    EXPECT_EQ(after.size(), ComparisonCache::kMaximumEntries);
-    EXPECT_TRUE(after.contains(u"c|a|k1"_s));
 }

@@ -9,10 +9,6 @@
 namespace
 {
 
-const QString kDuplicateSession = u"Duplicate: A session in this worklog is already posted or has an "
-                                  "uncertain submission. Check Jira again."_s;
-const QString kDropped = u"JiraError: Network request failed. For a submitted worklog, the outcome may "
-                         "be unknown; check Jira again before any retry."_s;
 const QString kABC1 = u"ABC-1"_s;
 const QString kABC2 = u"ABC-2"_s;
 
@@ -64,7 +60,7 @@ TEST_F(Guard, RegroupedSessionOfACombinedWorklogCreatedLateIsNeverPostedAgain)
     // Checked again at once, before Jira shows the worklog: neither session may be posted.
     const QVariantMap again = compare(drafts);
     expectNotEligible(again);
-    EXPECT_EQ(draftAt(again, 0).value(u"status"_s).toString(), u"Uncertain submission — review in Jira"_s);
+    EXPECT_EQ(draftAt(again, 0).value(u"status"_s).toString(), kUncertain);
     EXPECT_EQ(draftAt(again, 0).value(u"jira_receipt_state"_s).toString(), u"pending"_s);
     // A caller that trusts the first check and ticks the first session alone is refused all the same.
     EXPECT_EQ(post(JRWorklogsToPost({draftAt(first, 0)})).failure, kDuplicateSession);
@@ -135,7 +131,7 @@ TEST_F(Guard, ReceiptIssueThatCannotBeReadLeavesTheMovedSessionUncertain)
 
     const QVariantMap again = compare(draftsOf({moved}, at(2, 12)));
     ASSERT_FALSE(again.contains(u"error"_s)) << qPrintable(again.value(u"error"_s).toString());
-    EXPECT_EQ(draftAt(again, 0).value(u"status"_s).toString(), u"Uncertain submission — review in Jira"_s);
+    EXPECT_EQ(draftAt(again, 0).value(u"status"_s).toString(), kUncertain);
     expectNotEligible(again);
     EXPECT_TRUE(again.value(u"receipts_found"_s).toList().isEmpty());
 }
@@ -213,7 +209,7 @@ TEST_F(GuardRun, LedgerEntryThatIsNotARecordShowsAsUncertain)
     file.close();
 
     const QVariantMap again = compare(draftsOf(m_sessions, at(2, 12)));
-    EXPECT_EQ(draftAt(again, 0).value(u"status"_s).toString(), u"Uncertain submission — review in Jira"_s);
+    EXPECT_EQ(draftAt(again, 0).value(u"status"_s).toString(), kUncertain);
     EXPECT_EQ(draftAt(again, 0).value(u"comment"_s).toString(), u"Design"_s);
     EXPECT_EQ(approved(again).size(), 1);
     EXPECT_EQ(post(rows.mid(0, 1)).failure, kDuplicateSession);

@@ -17,14 +17,9 @@ namespace
 
 const QString kLockMessage = u"SubmissionLock: Another app instance is submitting worklogs, or the "
                              "submission lock is unavailable. Check Jira again later."_s;
-const QString kDuplicateSession = u"Duplicate: A session in this worklog is already posted or has an "
-                                  "uncertain submission. Check Jira again."_s;
 const QString kDuplicateEntry
     = u"Duplicate: An entry is already posted or has an uncertain submission. Check Jira again."_s;
 const QString kChanged = u"Changed: Jira time changed since the last check. Check Jira again."_s;
-const QString kDropped = u"JiraError: Network request failed. For a submitted worklog, the outcome may "
-                         "be unknown; check Jira again before any retry."_s;
-const QString kUncertain = u"Uncertain submission — review in Jira"_s;
 
 QString receiptState(const QVariantMap &ledger, const QString &marker)
 {
@@ -173,96 +168,65 @@ TEST_F(Post, TimeOutOnTheSecondOfThreeStopsTheRun)
     expectJiraConsistentWithLedger({u"ABC-1"_s, u"ABC-2"_s, u"ABC-3"_s});
 }
 
-TEST_F(Post, KilledAfterThePendingReceiptLeavesNothingInJiraAndAsksToCheck)
-{
-    const QVariantList rows = threeApproved();
-    std::unique_ptr<ChildProcess> child = startChildPost(rows);
-    ASSERT_TRUE(child->waitForLine(u"submitting"_s)) << qPrintable(child->errors());
-    child->kill();
-
-    EXPECT_EQ(worklogPosts(), 0);
-    EXPECT_EQ(m_server.worklogCount(u"ABC-1"_s), 0);
-    const QVariantMap receipts = ledger();
-    ASSERT_EQ(receipts.size(), 1);
-    EXPECT_EQ(receiptState(receipts, markerOf(rows, 0)), u"pending"_s);
-
-    const QVariantMap again = compare(m_drafts);
-    EXPECT_EQ(statusOf(again, rows.at(0).toMap().value(u"source_key"_s).toString()), kUncertain);
-    EXPECT_EQ(approved(again).size(), 2);
-    EXPECT_EQ(post(rows).failure, kDuplicateSession);
-}
-
-TEST_F(Post, SecondProcessFailsAtOnceWithTheLockMessageAndSendsNothing)
+// A second process fails at once while the first holds the lock; the first, killed after its "pending"
+// receipt, leaves nothing in Jira and its worklog uncertain.
+TEST_F(Post, KilledRunLeavesItsWorklogUncertainAndASecondProcessFailsAtOnce)
 {
     const QVariantList rows = threeApproved();
     std::unique_ptr<ChildProcess> child = startChildPost(rows);
     ASSERT_TRUE(child->waitForLine(u"submitting"_s)) << qPrintable(child->errors());
     m_server.clearRequests();
-
     const PostOutcome blocked = post(rows);
     EXPECT_EQ(blocked.failure, kLockMessage);
     EXPECT_EQ(m_server.requests().size(), 0);
     EXPECT_EQ(states(blocked.events), QStringList {u"failed"_s});
-
     child->kill();
+
     EXPECT_NO_THROW(SubmissionLock(m_directory + u"/jira-submit.lock"_s));
-    EXPECT_EQ(post(rows).failure, kDuplicateSession) << "the killed run's first worklog stays uncertain";
+    EXPECT_EQ(m_server.worklogCount(u"ABC-1"_s), 0);
+    const QVariantMap receipts = ledger();
+    ASSERT_EQ(receipts.size(), 1);
+    EXPECT_EQ(receiptState(receipts, markerOf(rows, 0)), u"pending"_s);
+    const QVariantMap again = compare(m_drafts);
+    EXPECT_EQ(statusOf(again, rows.at(0).toMap().value(u"source_key"_s).toString()), kUncertain);
+    EXPECT_EQ(approved(again).size(), 2);
+    EXPECT_EQ(post(rows).failure, kDuplicateSession);
     EXPECT_EQ(worklogPosts(), 0);
 }
 
-// The ledger's own tests cover every kind of damage; here: a post run reads it before anything is sent.
-TEST_F(Post, LedgerThatCannotBeReadOrWrittenSendsNothing)
+// A receipt that cannot be saved stops the run: before the first POST nothing is sent; after it, the worklog's
+// receipt stays "pending" and nothing more is sent.
+TEST_F(Post, LedgerThatCannotBeSavedStopsTheRun)
 {
     const QVariantList rows = threeApproved();
-    const QString path = m_service->store().path();
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write("{\"abc\":");
-    file.close();
-    PostOutcome outcome = post(rows, kAccount, 0, true);
-    EXPECT_EQ(outcome.failure,
-        u"ReceiptError: Submission history is unreadable. Posting is blocked to prevent duplicates."_s);
-    EXPECT_EQ(requestCount(u"GET"_s, u"/worklog$"_s), 0);
-    EXPECT_EQ(fileBytes(path), QByteArray("{\"abc\":"));
-    ASSERT_TRUE(QFile::remove(path));
-
+    const QString kUnsaved = u"ReceiptError: Could not save submission history. Posting stopped."_s;
     {
         SubmissionLock created(m_directory + u"/jira-submit.lock"_s);
     }
-    QFile::setPermissions(m_directory, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
-    outcome = post(rows, kAccount, 0, true);
-    QFile::setPermissions(m_directory, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-
-    EXPECT_EQ(outcome.failure, u"ReceiptError: Could not save submission history. Posting stopped."_s);
-    EXPECT_EQ(worklogPosts(), 0);
-    EXPECT_TRUE(ledger().isEmpty());
-}
-
-TEST_F(Post, PostedReceiptThatCannotBeSavedStaysPendingAndStopsTheRun)
-{
-    const QVariantList rows = threeApproved();
-    const QFileDevice::Permissions writable = QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner;
-    QString failure;
-    QStringList seen;
-    m_client->queue().sync([&] {
-        ScopedPermissionChecks permissions;
-        try {
-            // The folder turns read-only while the first POST is on its way: its confirmation cannot be saved.
-            m_service->postDrafts(rows, kCloud, kAccount, 0, [&](const QVariantMap &event) {
-                seen.append(event.value(u"state"_s).toString());
-                if (seen.size() == 1)
-                    QFile::setPermissions(m_directory, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
-            });
-        } catch (const NamedFailure &caught) {
-            failure = caught.name() + u": "_s + caught.reason();
-        }
-    });
-    QFile::setPermissions(m_directory, writable);
-
-    EXPECT_EQ(failure, u"ReceiptError: Could not save submission history. Posting stopped."_s);
-    EXPECT_EQ(seen, (QStringList {u"submitting"_s, u"failed"_s}));
-    EXPECT_EQ(worklogPosts(), 1) << "later worklogs are not sent";
+    for (const int writableEvents : {0, 1}) {
+        QStringList seen;
+        QString failure;
+        if (writableEvents == 0)
+            QFile::setPermissions(m_directory, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
+        m_client->queue().sync([&] {
+            ScopedPermissionChecks permissions;
+            try {
+                m_service->postDrafts(rows, kCloud, kAccount, 0, [&](const QVariantMap &event) {
+                    seen.append(event.value(u"state"_s).toString());
+                    if (seen.size() == writableEvents)
+                        QFile::setPermissions(m_directory, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
+                });
+            } catch (const NamedFailure &caught) {
+                failure = caught.name() + u": "_s + caught.reason();
+            }
+        });
+        QFile::setPermissions(m_directory, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+        EXPECT_EQ(failure, kUnsaved);
+        EXPECT_EQ(worklogPosts(), writableEvents) << "later worklogs are not sent";
+        EXPECT_EQ(seen.value(seen.size() - 1), u"failed"_s);
+    }
     EXPECT_EQ(m_server.worklogCount(u"ABC-1"_s), 1);
+    EXPECT_EQ(ledger().size(), 1);
     EXPECT_EQ(receiptState(ledger(), markerOf(rows, 0)), u"pending"_s);
     EXPECT_EQ(post(rows).failure, kDuplicateSession);
 }

@@ -25,6 +25,11 @@ protected:
     static inline const QString kAccount = u"5b10aa0000000000000000aa"_s;
     static inline const QString kOtherAccount = u"5b10bb0000000000000000bb"_s;
     static inline const QString kCloud = u"11111111-2222-3333-4444-555555555555"_s;
+    static inline const QString kDuplicateSession
+        = u"Duplicate: A session in this worklog is already posted or has an uncertain submission. Check Jira again."_s;
+    static inline const QString kDropped = u"JiraError: Network request failed. For a submitted worklog, the outcome "
+                                           "may be unknown; check Jira again before any retry."_s;
+    static inline const QString kUncertain = u"Uncertain submission — review in Jira"_s;
 
     struct PostOutcome {
         QVariantList posted;
