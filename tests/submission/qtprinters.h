@@ -5,6 +5,7 @@
 
 #include <ostream>
 
+// Every submission test writes its texts as u"..."_s.
 using namespace Qt::StringLiterals;
 
 // Readable gtest messages for Qt texts.

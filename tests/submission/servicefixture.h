@@ -16,8 +16,6 @@
 
 #include <memory>
 
-using namespace Qt::StringLiterals;
-
 // A WorklogService talking real HTTPS to the local stand-in, with a signed-in user, one site and a few issues.
 class ServiceFixture : public ::testing::Test
 {
