@@ -30,20 +30,17 @@ TEST(Decimal, ReadsPlainDecimalTextOnly)
 
 TEST(Decimal, MultipliesExactlyWhereBinaryFloatingPointDrifts)
 {
-    const Decimal rate = *Decimal::fromText(u"45.5"_s);
-    const Decimal hours = *Decimal::fromText(u"0.100000000"_s);
-    EXPECT_EQ((rate * hours).toString(), u"4.5500000000"_s);
     // The drift this type exists to avoid: in binary, 0.1 × 3 is not 0.3.
     ASSERT_NE(0.1 * 3, 0.3);
-    EXPECT_EQ((*Decimal::fromText(u"0.1"_s) * *Decimal::fromText(u"3"_s)).toString(), u"0.3"_s);
-
-    EXPECT_EQ((*Decimal::fromText(u"0.1"_s) * *Decimal::fromText(u"0.2"_s)).toString(), u"0.02"_s);
-    EXPECT_EQ((*Decimal::fromText(u"-1.5"_s) * *Decimal::fromText(u"2"_s)).toString(), u"-3.0"_s);
-    EXPECT_EQ((*Decimal::fromText(u"-1.5"_s) * *Decimal::fromText(u"0"_s)).toString(), u"0.0"_s);
-
-    // Far beyond 64 bits: (10^20 + 1)^2 = 10^40 + 2·10^20 + 1.
-    const Decimal big = *Decimal::fromText(u"100000000000000000001"_s);
-    EXPECT_EQ((big * big).toString(), u"10000000000000000000200000000000000000001"_s);
+    const std::tuple<const char *, const char *, const char *> cases[] = {{"45.5", "0.100000000", "4.5500000000"},
+        {"0.1", "3", "0.3"}, {"0.1", "0.2", "0.02"}, {"-1.5", "2", "-3.0"}, {"-1.5", "0", "0.0"},
+        // Far beyond 64 bits: (10^20 + 1)^2 = 10^40 + 2·10^20 + 1.
+        {"100000000000000000001", "100000000000000000001", "10000000000000000000200000000000000000001"}};
+    for (const auto &[left, right, product] : cases)
+        EXPECT_EQ(
+            (*Decimal::fromText(QString::fromLatin1(left)) * *Decimal::fromText(QString::fromLatin1(right))).toString(),
+            QString::fromLatin1(product))
+            << left << " × " << right;
 }
 
 TEST(Decimal, TakesTheShortestTextOfADouble)

@@ -231,19 +231,16 @@ INSTANTIATE_TEST_SUITE_P(Table, RateFromText,
 
 TEST(Money, FormatsLikeUSEnglishForAnyCurrencyCode)
 {
-    const auto amount = [](const char *text) { return *Decimal::fromText(QString::fromLatin1(text)); };
-    EXPECT_EQ(TimeSummary::money(amount("4.5500000000"), u"USD"_s), u"$4.55"_s);
-    EXPECT_EQ(TimeSummary::money(amount("1234.5"), u"EUR"_s), u"€1,234.50"_s);
-    EXPECT_EQ(TimeSummary::money(amount("455.5"), u"JPY"_s), u"¥456"_s);
-    EXPECT_EQ(TimeSummary::money(amount("3"), u"GBP"_s), u"£3.00"_s);
-    EXPECT_EQ(TimeSummary::money(amount("3"), u"CHF"_s), u"CHF\u00a03.00"_s);
-    EXPECT_EQ(TimeSummary::money(amount("3.456"), u"KWD"_s), u"KWD\u00a03.456"_s);
-    // Exact halves round to even, as the platform's currency formatter does.
-    EXPECT_EQ(TimeSummary::money(amount("0.125"), u"USD"_s), u"$0.12"_s);
-    EXPECT_EQ(TimeSummary::money(amount("0.135"), u"USD"_s), u"$0.14"_s);
-    EXPECT_EQ(TimeSummary::money(amount("12345678901234567890.99"), u"USD"_s), u"$12,345,678,901,234,567,890.99"_s);
-    // Not a currency code: never a wrong symbol.
-    EXPECT_EQ(TimeSummary::money(amount("4.5"), u"euro"_s), u"4.50 euro"_s);
+    const std::tuple<const char *, QString, QString> cases[]
+        = {{"4.5500000000", u"USD"_s, u"$4.55"_s}, {"1234.5", u"EUR"_s, u"€1,234.50"_s}, {"455.5", u"JPY"_s, u"¥456"_s},
+            {"3", u"GBP"_s, u"£3.00"_s}, {"3", u"CHF"_s, u"CHF\u00a03.00"_s}, {"3.456", u"KWD"_s, u"KWD\u00a03.456"_s},
+            // Exact halves round to even, as the platform's currency formatter does.
+            {"0.125", u"USD"_s, u"$0.12"_s}, {"0.135", u"USD"_s, u"$0.14"_s},
+            {"12345678901234567890.99", u"USD"_s, u"$12,345,678,901,234,567,890.99"_s},
+            // Not a currency code: never a wrong symbol.
+            {"4.5", u"euro"_s, u"4.50 euro"_s}};
+    for (const auto &[amount, currency, text] : cases)
+        EXPECT_EQ(TimeSummary::money(*Decimal::fromText(QString::fromLatin1(amount)), currency), text) << amount;
 }
 
 TEST_F(TimeSummaryTest, ListRangesAreWholeLocalDays)
