@@ -12,27 +12,28 @@
 
 #include <sys/stat.h>
 
+using namespace Qt::StringLiterals;
+
 namespace
 {
 
-const QString kNotAFile = QStringLiteral("That is not a regular file, so it cannot be read as a PDF.");
-const QString kNotAPDF = QStringLiteral("That file could not be opened as a PDF.");
-const QString kNoText = QStringLiteral("The invoice has no text layer. A scanned or image-only PDF cannot be read.");
-const QString kNoTotal = QStringLiteral("The activity rows do not add up to the invoice total, so the figures cannot "
-                                        "be trusted. Nothing was extracted.");
+const QString kNotAFile = u"That is not a regular file, so it cannot be read as a PDF."_s;
+const QString kNotAPDF = u"That file could not be opened as a PDF."_s;
+const QString kNoText = u"The invoice has no text layer. A scanned or image-only PDF cannot be read."_s;
+const QString kNoTotal = u"The activity rows do not add up to the invoice total, so the figures cannot "
+                         "be trusted. Nothing was extracted."_s;
 
-const QStringList kWeekDescriptions
-    = {QStringLiteral("ED-7 Sprint planning"), QStringLiteral("ED-9 Fix login time-out"),
-        QStringLiteral("ED-12 Review release notes"), QStringLiteral("ED-101 Customer call about the 2.4 upgrade")};
+const QStringList kWeekDescriptions = {u"ED-7 Sprint planning"_s, u"ED-9 Fix login time-out"_s,
+    u"ED-12 Review release notes"_s, u"ED-101 Customer call about the 2.4 upgrade"_s};
 
 QString fixture(const QString &name)
 {
-    return testenv::dataPath(QStringLiteral("invoices/") + name);
+    return testenv::dataPath(u"invoices/"_s + name);
 }
 
 QString problem(const QVariantMap &result)
 {
-    return result.value(QStringLiteral("problem")).toString();
+    return result.value(u"problem"_s).toString();
 }
 
 QString writeFile(const QString &name, const QByteArray &content)
@@ -46,25 +47,20 @@ QString writeFile(const QString &name, const QByteArray &content)
 
 QList<invoicetest::Row> weekRows()
 {
-    return {{QStringLiteral("ED-12 Review release notes"), QStringLiteral("18%"), QStringLiteral("23 Mar"),
-                QStringLiteral("2:15:00"), QStringLiteral("$180.00")},
-        {QStringLiteral("ED-7 Sprint planning"), QStringLiteral("8%"), QStringLiteral("23 Mar"),
-            QStringLiteral("1:00:00"), QStringLiteral("$80.00")},
-        {QStringLiteral("ED-101 Customer call about the 2.4 upgrade"), QStringLiteral("12%"), QStringLiteral("24 Mar"),
-            QStringLiteral("1:30:00"), QStringLiteral("$120.00")},
-        {QStringLiteral("ED-12 Review release notes"), QStringLiteral("20%"), QStringLiteral("25 Mar"),
-            QStringLiteral("2:30:00"), QStringLiteral("$200.00")},
-        {QStringLiteral("ED-9 Fix login time-out"), QStringLiteral("42%"), QStringLiteral("26 Mar"),
-            QStringLiteral("5:15:00"), QStringLiteral("$420.00")}};
+    return {{u"ED-12 Review release notes"_s, u"18%"_s, u"23 Mar"_s, u"2:15:00"_s, u"$180.00"_s},
+        {u"ED-7 Sprint planning"_s, u"8%"_s, u"23 Mar"_s, u"1:00:00"_s, u"$80.00"_s},
+        {u"ED-101 Customer call about the 2.4 upgrade"_s, u"12%"_s, u"24 Mar"_s, u"1:30:00"_s, u"$120.00"_s},
+        {u"ED-12 Review release notes"_s, u"20%"_s, u"25 Mar"_s, u"2:30:00"_s, u"$200.00"_s},
+        {u"ED-9 Fix login time-out"_s, u"42%"_s, u"26 Mar"_s, u"5:15:00"_s, u"$420.00"_s}};
 }
 
 void expectWeek(const QVariantMap &result)
 {
     EXPECT_EQ(problem(result), QString());
-    EXPECT_EQ(result.value(QStringLiteral("total_seconds")).toLongLong(), 45000);
-    EXPECT_DOUBLE_EQ(result.value(QStringLiteral("total_amount")).toDouble(), 1000.0);
-    EXPECT_EQ(result.value(QStringLiteral("row_count")).toULongLong(), 5u);
-    EXPECT_EQ(result.value(QStringLiteral("descriptions")).toStringList(), kWeekDescriptions);
+    EXPECT_EQ(result.value(u"total_seconds"_s).toLongLong(), 45000);
+    EXPECT_DOUBLE_EQ(result.value(u"total_amount"_s).toDouble(), 1000.0);
+    EXPECT_EQ(result.value(u"row_count"_s).toULongLong(), 5u);
+    EXPECT_EQ(result.value(u"descriptions"_s).toStringList(), kWeekDescriptions);
 }
 
 } // namespace
@@ -72,48 +68,48 @@ void expectWeek(const QVariantMap &result)
 // Two independent producers (ReportLab's fixtures and Qt's writer) give the same reading.
 TEST(InvoicePDF, ReadsTheSameWeekFromEitherProducer)
 {
-    expectWeek(INVParsePDF(fixture(QStringLiteral("week.pdf"))));
-    expectWeek(INVParsePDF(fixture(QStringLiteral("week-pages.pdf"))));
-    const QVariantMap month = INVParsePDF(fixture(QStringLiteral("month-20-pages.pdf")));
-    EXPECT_EQ(month.value(QStringLiteral("total_seconds")).toLongLong(), 342 * 3600 + 45 * 60);
-    EXPECT_EQ(month.value(QStringLiteral("row_count")).toULongLong(), 600u);
-    EXPECT_EQ(month.value(QStringLiteral("descriptions")).toStringList().size(), 60);
+    expectWeek(INVParsePDF(fixture(u"week.pdf"_s)));
+    expectWeek(INVParsePDF(fixture(u"week-pages.pdf"_s)));
+    const QVariantMap month = INVParsePDF(fixture(u"month-20-pages.pdf"_s));
+    EXPECT_EQ(month.value(u"total_seconds"_s).toLongLong(), 342 * 3600 + 45 * 60);
+    EXPECT_EQ(month.value(u"row_count"_s).toULongLong(), 600u);
+    EXPECT_EQ(month.value(u"descriptions"_s).toStringList().size(), 60);
 
-    const QString written = testenv::home() + QStringLiteral("/qt-week.pdf");
-    invoicetest::writeInvoicePdf(written, weekRows(), QStringLiteral("12:30:00"), QStringLiteral("$1,000.00"));
+    const QString written = testenv::home() + u"/qt-week.pdf"_s;
+    invoicetest::writeInvoicePdf(written, weekRows(), u"12:30:00"_s, u"$1,000.00"_s);
     expectWeek(INVParsePDF(written));
-    const QString paged = testenv::home() + QStringLiteral("/qt-week-pages.pdf");
-    invoicetest::writeInvoicePdf(paged, weekRows(), QStringLiteral("12:30:00"), QStringLiteral("$1,000.00"), 2);
+    const QString paged = testenv::home() + u"/qt-week-pages.pdf"_s;
+    invoicetest::writeInvoicePdf(paged, weekRows(), u"12:30:00"_s, u"$1,000.00"_s, 2);
     expectWeek(INVParsePDF(paged));
 }
 
 TEST(InvoicePDF, NamesWhyADocumentCannotBeRead)
 {
-    const QString folder = testenv::freshDir(QStringLiteral("folder"));
-    const QString pipe = testenv::home() + QStringLiteral("/pipe.pdf");
+    const QString folder = testenv::freshDir(u"folder"_s);
+    const QString pipe = testenv::home() + u"/pipe.pdf"_s;
     ASSERT_EQ(mkfifo(QFile::encodeName(pipe).constData(), 0600), 0); // opening it would block for ever
-    QFile week(fixture(QStringLiteral("week.pdf")));
+    QFile week(fixture(u"week.pdf"_s));
     ASSERT_TRUE(week.open(QIODevice::ReadOnly));
     const QByteArray pdf = week.readAll();
 
     const QList<QPair<QString, QString>> cases = {
         {QString(), kNotAFile},
-        {testenv::home() + QStringLiteral("/missing.pdf"), kNotAFile},
+        {testenv::home() + u"/missing.pdf"_s, kNotAFile},
         {folder, kNotAFile},
         {pipe, kNotAFile},
-        {writeFile(QStringLiteral("empty.pdf"), {}), kNotAPDF},
-        {writeFile(QStringLiteral("notes.pdf"), "Design 1:00:00\nTotal 1:00:00\n"), kNotAPDF},
-        {fixture(QStringLiteral("encrypted.pdf")), kNotAPDF},
-        {fixture(QStringLiteral("scanned.pdf")), kNoText},
-        {fixture(QStringLiteral("mismatch.pdf")), kNoTotal},
+        {writeFile(u"empty.pdf"_s, {}), kNotAPDF},
+        {writeFile(u"notes.pdf"_s, "Design 1:00:00\nTotal 1:00:00\n"), kNotAPDF},
+        {fixture(u"encrypted.pdf"_s), kNotAPDF},
+        {fixture(u"scanned.pdf"_s), kNoText},
+        {fixture(u"mismatch.pdf"_s), kNoTotal},
     };
     for (const auto &[path, message] : cases)
         EXPECT_EQ(problem(INVParsePDF(path)), message) << qPrintable(path);
 
     // A cut-off download may be repaired or refused, but it never passes for a whole invoice.
     for (const qsizetype length : {qsizetype(9), pdf.size() / 3, pdf.size() / 2, pdf.size() - 40}) {
-        const QVariantMap result = INVParsePDF(writeFile(QStringLiteral("cut.pdf"), pdf.left(length)));
-        EXPECT_TRUE(result.contains(QStringLiteral("problem"))) << length;
+        const QVariantMap result = INVParsePDF(writeFile(u"cut.pdf"_s, pdf.left(length)));
+        EXPECT_TRUE(result.contains(u"problem"_s)) << length;
     }
 }
 
@@ -126,13 +122,13 @@ TEST(InvoicePDF, SurvivesHostileDocuments)
                              "3 0 obj <</Type/Page/Parent 2 0 R/Contents 4 0 R>> endobj\n"
                              "4 0 obj <</Length 999999999>> stream\nBT (1:00:00) Tj ET\nendstream endobj\n"
                              "trailer <</Root 1 0 R/Size 5>>\n%%EOF\n";
-    EXPECT_TRUE(INVParsePDF(writeFile(QStringLiteral("cycle.pdf"), cycle)).contains(QStringLiteral("problem")));
+    EXPECT_TRUE(INVParsePDF(writeFile(u"cycle.pdf"_s, cycle)).contains(u"problem"_s));
     QRandomGenerator random(77);
     for (int round = 0; round < 20; ++round) {
         QByteArray noise = "%PDF-1.7\n";
         for (int index = 0; index < 4096; ++index)
             noise += char(random.bounded(256));
-        EXPECT_TRUE(INVParsePDF(writeFile(QStringLiteral("noise.pdf"), noise)).contains(QStringLiteral("problem")));
+        EXPECT_TRUE(INVParsePDF(writeFile(u"noise.pdf"_s, noise)).contains(u"problem"_s));
     }
 }
 
@@ -140,36 +136,34 @@ TEST(InvoicePDF, ReadsAThousandPages)
 {
     QList<invoicetest::Row> rows;
     for (int index = 0; index < 999; ++index)
-        rows.append(
-            {QStringLiteral("Task %1").arg(index % 50), {}, {}, QStringLiteral("0:01:00"), QStringLiteral("$1.00")});
-    const QString path = testenv::home() + QStringLiteral("/thousand.pdf");
-    invoicetest::writeInvoicePdf(path, rows, QStringLiteral("16:39:00"), QStringLiteral("$999.00"), 1);
+        rows.append({u"Task %1"_s.arg(index % 50), {}, {}, u"0:01:00"_s, u"$1.00"_s});
+    const QString path = testenv::home() + u"/thousand.pdf"_s;
+    invoicetest::writeInvoicePdf(path, rows, u"16:39:00"_s, u"$999.00"_s, 1);
     const QVariantMap result = INVParsePDF(path);
     EXPECT_EQ(problem(result), QString());
-    EXPECT_EQ(result.value(QStringLiteral("row_count")).toULongLong(), 999u);
-    EXPECT_EQ(result.value(QStringLiteral("descriptions")).toStringList().size(), 50);
+    EXPECT_EQ(result.value(u"row_count"_s).toULongLong(), 999u);
+    EXPECT_EQ(result.value(u"descriptions"_s).toStringList().size(), 50);
 }
 
 TEST(InvoiceCommand, PrintsTheInvoiceOrWhyNotWithItsStatus)
 {
     auto run = [](const QString &path, int &status) {
         QProcess process;
-        process.start(testenv::hourloomBinary(), {QStringLiteral("--invoice"), path});
+        process.start(testenv::hourloomBinary(), {u"--invoice"_s, path});
         EXPECT_TRUE(process.waitForFinished(60000));
         status = process.exitCode();
         EXPECT_EQ(process.readAllStandardError(), QByteArray());
         return QString::fromUtf8(process.readAllStandardOutput());
     };
     int status = -1;
-    EXPECT_EQ(run(fixture(QStringLiteral("week.pdf")), status),
-        QStringLiteral("total     12:30:00  (12h 30m)\namount    1000.00\nrows      5\nunique    4\n\n"
-                       "ED-7 Sprint planning\nED-9 Fix login time-out\nED-12 Review release notes\n"
-                       "ED-101 Customer call about the 2.4 upgrade\n"));
+    EXPECT_EQ(run(fixture(u"week.pdf"_s), status),
+        u"total     12:30:00  (12h 30m)\namount    1000.00\nrows      5\nunique    4\n\n"
+        "ED-7 Sprint planning\nED-9 Fix login time-out\nED-12 Review release notes\n"
+        "ED-101 Customer call about the 2.4 upgrade\n"_s);
     EXPECT_EQ(status, 0);
-    EXPECT_EQ(run(fixture(QStringLiteral("mismatch.pdf")), status),
-        QStringLiteral("Could not read the invoice: ") + kNoTotal + QLatin1Char('\n'));
-    EXPECT_EQ(status, 1);
     EXPECT_EQ(
-        run(testenv::home(), status), QStringLiteral("Could not read the invoice: ") + kNotAFile + QLatin1Char('\n'));
+        run(fixture(u"mismatch.pdf"_s), status), u"Could not read the invoice: "_s + kNoTotal + QLatin1Char('\n'));
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(run(testenv::home(), status), u"Could not read the invoice: "_s + kNotAFile + QLatin1Char('\n'));
     EXPECT_EQ(status, 1);
 }

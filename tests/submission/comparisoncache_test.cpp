@@ -7,31 +7,29 @@
 
 #include <gtest/gtest.h>
 
+using namespace Qt::StringLiterals;
+
 namespace
 {
 
-const QString kCloud = QStringLiteral("cloud-1");
-const QString kAccount = QStringLiteral("acc-1");
+const QString kCloud = u"cloud-1"_s;
+const QString kAccount = u"acc-1"_s;
 const QDateTime kNow = QDateTime::fromSecsSinceEpoch(1772442000); // 2026-03-02
 
 QVariantMap checkedDraft(const QString &sourceKey, qint64 postSeconds = 3600)
 {
-    return {{QStringLiteral("source_key"), sourceKey},
-        {QStringLiteral("marker_seed"), QString(sourceKey + QStringLiteral("|0|ABC-1"))},
-        {QStringLiteral("issue"), QStringLiteral("ABC-1")}, {QStringLiteral("post_seconds"), postSeconds},
-        {QStringLiteral("remaining_seconds"), postSeconds},
-        {QStringLiteral("started"), QStringLiteral("2026-03-02T09:00:00.000+0000")},
-        {QStringLiteral("comment"), QStringLiteral("Design")}, {QStringLiteral("status"), QStringLiteral("Ready")},
-        {QStringLiteral("eligible"), true}, {QStringLiteral("existing"), 1200},
-        {QStringLiteral("manual_matches"), QVariantList {}}};
+    return {{u"source_key"_s, sourceKey}, {u"marker_seed"_s, QString(sourceKey + u"|0|ABC-1"_s)},
+        {u"issue"_s, u"ABC-1"_s}, {u"post_seconds"_s, postSeconds}, {u"remaining_seconds"_s, postSeconds},
+        {u"started"_s, u"2026-03-02T09:00:00.000+0000"_s}, {u"comment"_s, u"Design"_s}, {u"status"_s, u"Ready"_s},
+        {u"eligible"_s, true}, {u"existing"_s, 1200}, {u"manual_matches"_s, QVariantList {}}};
 }
 
 // The draft as the window builds it again later: no comparison outcome yet.
 QVariantMap rebuilt(QVariantMap draft)
 {
-    draft.insert(QStringLiteral("status"), QStringLiteral("Not checked yet"));
-    draft.insert(QStringLiteral("eligible"), false);
-    draft.insert(QStringLiteral("existing"), 0);
+    draft.insert(u"status"_s, u"Not checked yet"_s);
+    draft.insert(u"eligible"_s, false);
+    draft.insert(u"existing"_s, 0);
     return draft;
 }
 
@@ -39,27 +37,27 @@ QVariantMap rebuilt(QVariantMap draft)
 
 TEST(ComparisonCache, FreshOutcomeIsAppliedAsCurrentAndTheFileIsPrivate)
 {
-    ComparisonCache cache(testenv::freshDir(QStringLiteral("cache")));
+    ComparisonCache cache(testenv::freshDir(u"cache"_s));
     // An unusable file is an empty cache, replaced by the next save.
     QFile file(cache.path());
     ASSERT_TRUE(file.open(QIODevice::WriteOnly));
     file.write("[1,2");
     file.close();
     EXPECT_TRUE(cache.entries().isEmpty());
-    cache.saveDrafts({checkedDraft(QStringLiteral("k1"))}, kCloud, kAccount, kNow);
+    cache.saveDrafts({checkedDraft(u"k1"_s)}, kCloud, kAccount, kNow);
     EXPECT_EQ(fileMode(cache.path()), 0600);
-    EXPECT_EQ(cache.entries().keys(), QStringList {QStringLiteral("cloud-1|acc-1|k1")});
+    EXPECT_EQ(cache.entries().keys(), QStringList {u"cloud-1|acc-1|k1"_s});
 
-    QVariantList drafts {rebuilt(checkedDraft(QStringLiteral("k1")))};
+    QVariantList drafts {rebuilt(checkedDraft(u"k1"_s))};
     cache.applyToDrafts(drafts, kCloud, kAccount, kNow.addSecs(300), 300);
     const QVariantMap draft = drafts.first().toMap();
-    EXPECT_EQ(draft.value(QStringLiteral("status")).toString(), QStringLiteral("Ready"));
-    EXPECT_TRUE(draft.value(QStringLiteral("eligible")).toBool());
-    EXPECT_TRUE(draft.value(QStringLiteral("include")).toBool());
-    EXPECT_EQ(draft.value(QStringLiteral("existing")).toLongLong(), 1200);
-    EXPECT_TRUE(draft.value(QStringLiteral("comparison_current")).toBool());
-    EXPECT_TRUE(draft.value(QStringLiteral("comparison_cached")).toBool());
-    EXPECT_EQ(draft.value(QStringLiteral("comparison_at")).toDateTime(), kNow);
+    EXPECT_EQ(draft.value(u"status"_s).toString(), u"Ready"_s);
+    EXPECT_TRUE(draft.value(u"eligible"_s).toBool());
+    EXPECT_TRUE(draft.value(u"include"_s).toBool());
+    EXPECT_EQ(draft.value(u"existing"_s).toLongLong(), 1200);
+    EXPECT_TRUE(draft.value(u"comparison_current"_s).toBool());
+    EXPECT_TRUE(draft.value(u"comparison_cached"_s).toBool());
+    EXPECT_EQ(draft.value(u"comparison_at"_s).toDateTime(), kNow);
 }
 
 struct Staleness {
@@ -79,23 +77,22 @@ class ComparisonCacheNotCurrent : public ::testing::TestWithParam<Staleness>
 
 TEST_P(ComparisonCacheNotCurrent, AsksForARefreshAndIsNotPostable)
 {
-    ComparisonCache cache(testenv::freshDir(QStringLiteral("cache")));
-    QVariantMap checked = checkedDraft(QStringLiteral("k1"));
+    ComparisonCache cache(testenv::freshDir(u"cache"_s));
+    QVariantMap checked = checkedDraft(u"k1"_s);
     if (GetParam().manualMatches)
-        checked.insert(
-            QStringLiteral("manual_matches"), QVariantList {QVariantMap {{QStringLiteral("id"), QStringLiteral("9")}}});
+        checked.insert(u"manual_matches"_s, QVariantList {QVariantMap {{u"id"_s, u"9"_s}}});
     cache.saveDrafts({checked}, kCloud, kAccount, kNow);
 
-    QVariantList drafts {rebuilt(checkedDraft(QStringLiteral("k1")))};
+    QVariantList drafts {rebuilt(checkedDraft(u"k1"_s))};
     cache.applyToDrafts(drafts, kCloud, kAccount, kNow.addSecs(GetParam().ageSeconds), 300);
     const QVariantMap draft = drafts.first().toMap();
-    EXPECT_EQ(draft.value(QStringLiteral("status")).toString(), QStringLiteral("Ready · Refresh required"));
-    EXPECT_FALSE(draft.value(QStringLiteral("eligible")).toBool());
-    EXPECT_FALSE(draft.value(QStringLiteral("include")).toBool());
-    EXPECT_FALSE(draft.value(QStringLiteral("comparison_current")).toBool());
-    EXPECT_TRUE(draft.value(QStringLiteral("comparison_cached")).toBool());
-    EXPECT_TRUE(draft.value(QStringLiteral("manual_matches")).toList().isEmpty());
-    EXPECT_EQ(draft.value(QStringLiteral("existing")).toLongLong(), 1200);
+    EXPECT_EQ(draft.value(u"status"_s).toString(), u"Ready · Refresh required"_s);
+    EXPECT_FALSE(draft.value(u"eligible"_s).toBool());
+    EXPECT_FALSE(draft.value(u"include"_s).toBool());
+    EXPECT_FALSE(draft.value(u"comparison_current"_s).toBool());
+    EXPECT_TRUE(draft.value(u"comparison_cached"_s).toBool());
+    EXPECT_TRUE(draft.value(u"manual_matches"_s).toList().isEmpty());
+    EXPECT_EQ(draft.value(u"existing"_s).toLongLong(), 1200);
 }
 
 INSTANTIATE_TEST_SUITE_P(Outcomes, ComparisonCacheNotCurrent,
@@ -106,91 +103,61 @@ INSTANTIATE_TEST_SUITE_P(Outcomes, ComparisonCacheNotCurrent,
 
 TEST(ComparisonCache, LeavesDraftsAloneWhenTheirInputsChangedOrTheyDoNotTakePart)
 {
-    ComparisonCache cache(testenv::freshDir(QStringLiteral("cache")));
-    QVariantMap receipted = checkedDraft(QStringLiteral("k3"));
-    receipted.insert(QStringLiteral("jira_receipt_state"), QStringLiteral("pending"));
-    QVariantMap running = checkedDraft(QStringLiteral("k4"));
-    running.insert(QStringLiteral("source_running"), true);
-    QVariantMap done = checkedDraft(QStringLiteral("k5"));
-    done.insert(QStringLiteral("remaining_seconds"), 0);
-    QVariantMap excluded = checkedDraft(QStringLiteral("k6"));
-    excluded.insert(QStringLiteral("jira_exclusion"), QVariantMap {{QStringLiteral("kind"), QStringLiteral("ignore")}});
-    cache.saveDrafts({checkedDraft(QStringLiteral("k1")), checkedDraft(QStringLiteral("k2")), receipted, running, done,
-                         excluded, checkedDraft(QString())},
+    ComparisonCache cache(testenv::freshDir(u"cache"_s));
+    QVariantMap receipted = checkedDraft(u"k3"_s);
+    receipted.insert(u"jira_receipt_state"_s, u"pending"_s);
+    QVariantMap running = checkedDraft(u"k4"_s);
+    running.insert(u"source_running"_s, true);
+    QVariantMap done = checkedDraft(u"k5"_s);
+    done.insert(u"remaining_seconds"_s, 0);
+    QVariantMap excluded = checkedDraft(u"k6"_s);
+    excluded.insert(u"jira_exclusion"_s, QVariantMap {{u"kind"_s, u"ignore"_s}});
+    cache.saveDrafts(
+        {checkedDraft(u"k1"_s), checkedDraft(u"k2"_s), receipted, running, done, excluded, checkedDraft(QString())},
         kCloud, kAccount, kNow);
-    EXPECT_EQ(
-        cache.entries().keys(), (QStringList {QStringLiteral("cloud-1|acc-1|k1"), QStringLiteral("cloud-1|acc-1|k2")}));
+    EXPECT_EQ(cache.entries().keys(), (QStringList {u"cloud-1|acc-1|k1"_s, u"cloud-1|acc-1|k2"_s}));
 
-    QVariantMap otherComment = rebuilt(checkedDraft(QStringLiteral("k1")));
-    otherComment.insert(QStringLiteral("comment"), QStringLiteral("Design review"));
-    QVariantList drafts {otherComment, rebuilt(checkedDraft(QStringLiteral("k2"), 1800))};
+    QVariantMap otherComment = rebuilt(checkedDraft(u"k1"_s));
+    otherComment.insert(u"comment"_s, u"Design review"_s);
+    QVariantList drafts {otherComment, rebuilt(checkedDraft(u"k2"_s, 1800))};
     const QVariantList before = drafts;
     cache.applyToDrafts(drafts, kCloud, kAccount, kNow, 300);
     EXPECT_EQ(drafts, before);
 
     // Another account on the same site sees nothing of this one's checks.
-    QVariantList same {rebuilt(checkedDraft(QStringLiteral("k2")))};
-    cache.applyToDrafts(same, kCloud, QStringLiteral("acc-2"), kNow, 300);
-    EXPECT_FALSE(same.first().toMap().contains(QStringLiteral("comparison_cached")));
+    QVariantList same {rebuilt(checkedDraft(u"k2"_s))};
+    cache.applyToDrafts(same, kCloud, u"acc-2"_s, kNow, 300);
+    EXPECT_FALSE(same.first().toMap().contains(u"comparison_cached"_s));
     // Without an account nothing is read or written.
     cache.applyToDrafts(same, kCloud, QString(), kNow, 300);
-    EXPECT_FALSE(same.first().toMap().contains(QStringLiteral("comparison_cached")));
+    EXPECT_FALSE(same.first().toMap().contains(u"comparison_cached"_s));
     const QVariantMap entries = cache.entries();
-    cache.saveDrafts({checkedDraft(QStringLiteral("k9"))}, kCloud, QString(), kNow);
+    cache.saveDrafts({checkedDraft(u"k9"_s)}, kCloud, QString(), kNow);
     EXPECT_EQ(cache.entries(), entries);
 }
 
-struct Trimming {
-    int existing; // entries in the file before the save, each checked before the saved draft
-    int expectedAfter;
-};
-
-void PrintTo(const Trimming &trimming, std::ostream *out)
+TEST(ComparisonCache, TrimmingRemovesTheOldestEntriesButNeverTheCheckJustMade)
 {
-    *out << "holding" << trimming.existing;
-}
+    // Entries in the file before the save, entries after it, and whether they were all checked after it (the
+    // clock was set back since).
+    for (const auto &[existing, expectedAfter, later] :
+        {std::tuple {1999, 2000, false}, {2000, 2000, false}, {2010, 2005, false}, {2000, 2000, true}}) {
+        ComparisonCache cache(testenv::freshDir(u"cache"_s));
+        QVariantMap entries;
+        for (int i = 0; i < existing; ++i)
+            entries.insert(u"c|a|old-%1"_s.arg(i, 5, 10, QLatin1Char('0')),
+                QVariantMap {{u"fingerprint"_s, u"f"_s},
+                    // Newest first in key order, so the removal must follow "checked_at", not the keys.
+                    {u"checked_at"_s, later ? double(kNow.toSecsSinceEpoch()) + 3600.0 : 1000.0 + existing - i}});
+        cache.write(entries);
+        cache.saveDrafts({checkedDraft(u"k1"_s)}, u"c"_s, u"a"_s, kNow);
 
-class ComparisonCacheTrimming : public ::testing::TestWithParam<Trimming>
-{
-};
-
-TEST_P(ComparisonCacheTrimming, RemovesTheOldestEntries)
-{
-    ComparisonCache cache(testenv::freshDir(QStringLiteral("cache")));
-    QVariantMap entries;
-    for (int i = 0; i < GetParam().existing; ++i)
-        entries.insert(QStringLiteral("c|a|old-%1").arg(i, 5, 10, QLatin1Char('0')),
-            QVariantMap {{QStringLiteral("fingerprint"), QStringLiteral("f")},
-                // Newest first in key order, so the removal must follow "checked_at", not the keys.
-                {QStringLiteral("checked_at"), 1000.0 + GetParam().existing - i}});
-    cache.write(entries);
-    cache.saveDrafts({checkedDraft(QStringLiteral("k1"))}, QStringLiteral("c"), QStringLiteral("a"), kNow);
-
-    const QVariantMap after = cache.entries();
-    ASSERT_EQ(after.size(), GetParam().expectedAfter);
-    EXPECT_TRUE(after.contains(QStringLiteral("c|a|k1")));
-    const int removed = GetParam().existing + 1 - GetParam().expectedAfter;
-    for (int i = 0; i < GetParam().existing; ++i) {
-        const bool oldest = i >= GetParam().existing - removed;
-        EXPECT_EQ(after.contains(QStringLiteral("c|a|old-%1").arg(i, 5, 10, QLatin1Char('0'))), !oldest) << i;
+        const QVariantMap after = cache.entries();
+        ASSERT_EQ(after.size(), expectedAfter) << existing;
+        EXPECT_TRUE(after.contains(u"c|a|k1"_s)) << existing;
+        for (int i = 0; i < existing && !later; ++i) {
+            const bool oldest = i >= expectedAfter - 1;
+            EXPECT_EQ(after.contains(u"c|a|old-%1"_s.arg(i, 5, 10, QLatin1Char('0'))), !oldest) << i;
+        }
     }
-}
-
-INSTANTIATE_TEST_SUITE_P(Sizes, ComparisonCacheTrimming,
-    ::testing::Values(Trimming {1999, 2000}, Trimming {2000, 2000}, Trimming {2010, 2005}));
-
-TEST(ComparisonCache, TrimmingKeepsTheCheckJustMadeWhenTheClockWasSetBack)
-{
-    ComparisonCache cache(testenv::freshDir(QStringLiteral("cache")));
-    QVariantMap entries;
-    const double later = double(kNow.toSecsSinceEpoch()) + 3600.0;
-    for (int i = 0; i < ComparisonCache::kMaximumEntries; ++i)
-        entries.insert(QStringLiteral("c|a|old-%1").arg(i),
-            QVariantMap {{QStringLiteral("fingerprint"), QStringLiteral("f")}, {QStringLiteral("checked_at"), later}});
-    cache.write(entries);
-    cache.saveDrafts({checkedDraft(QStringLiteral("k1"))}, QStringLiteral("c"), QStringLiteral("a"), kNow);
-
-    const QVariantMap after = cache.entries();
-    EXPECT_EQ(after.size(), ComparisonCache::kMaximumEntries);
-    EXPECT_TRUE(after.contains(QStringLiteral("c|a|k1")));
 }

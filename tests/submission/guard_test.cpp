@@ -9,16 +9,12 @@
 namespace
 {
 
-const QString kDuplicateSession = QStringLiteral("Duplicate: A session in this worklog is already posted or has an "
-                                                 "uncertain submission. Check Jira again.");
-const QString kDropped = QStringLiteral("JiraError: Network request failed. For a submitted worklog, the outcome may "
-                                        "be unknown; check Jira again before any retry.");
-const QString kABC1 = QStringLiteral("ABC-1");
-const QString kABC2 = QStringLiteral("ABC-2");
+const QString kABC1 = u"ABC-1"_s;
+const QString kABC2 = u"ABC-2"_s;
 
 QVariantMap draftAt(const QVariantMap &comparison, qsizetype index)
 {
-    return comparison.value(QStringLiteral("drafts")).toList().value(index).toMap();
+    return comparison.value(u"drafts"_s).toList().value(index).toMap();
 }
 
 } // namespace
@@ -38,11 +34,11 @@ protected:
 
     void expectNotEligible(const QVariantMap &comparison)
     {
-        ASSERT_FALSE(comparison.contains(QStringLiteral("error")));
-        for (const QVariant &draft : comparison.value(QStringLiteral("drafts")).toList()) {
-            EXPECT_FALSE(draft.toMap().value(QStringLiteral("eligible")).toBool())
-                << qPrintable(draft.toMap().value(QStringLiteral("status")).toString());
-            EXPECT_FALSE(draft.toMap().value(QStringLiteral("include")).toBool());
+        ASSERT_FALSE(comparison.contains(u"error"_s));
+        for (const QVariant &draft : comparison.value(u"drafts"_s).toList()) {
+            EXPECT_FALSE(draft.toMap().value(u"eligible"_s).toBool())
+                << qPrintable(draft.toMap().value(u"status"_s).toString());
+            EXPECT_FALSE(draft.toMap().value(u"include"_s).toBool());
         }
     }
 };
@@ -50,24 +46,22 @@ protected:
 TEST_F(Guard, RegroupedSessionOfACombinedWorklogCreatedLateIsNeverPostedAgain)
 {
     JRSetCombineDailyByIssue(true);
-    const QVariantList sessions {session(kABC1, at(2, 9), 3600, QStringLiteral("Design"), 1),
-        session(kABC1, at(2, 11), 1800, QStringLiteral("Review"), 2)};
+    const QVariantList sessions {
+        session(kABC1, at(2, 9), 3600, u"Design"_s, 1), session(kABC1, at(2, 11), 1800, u"Review"_s, 2)};
     const QVariantList drafts = draftsOf(sessions, at(2, 12));
     const QVariantMap first = compare(drafts);
     const QVariantList combined = approved(first);
     ASSERT_EQ(combined.size(), 1);
-    m_server.addFault(standin::Fault::drop(QStringLiteral("POST"), QStringLiteral("/worklog$")));
+    m_server.addFault(standin::Fault::drop(u"POST"_s, u"/worklog$"_s));
     ASSERT_EQ(post(combined).failure, kDropped);
     const int sent = worklogPosts();
-    const standin::ReceivedRequest dropped
-        = m_server.requests(QStringLiteral("POST"), QStringLiteral("/worklog$")).last();
+    const standin::ReceivedRequest dropped = m_server.requests(u"POST"_s, u"/worklog$"_s).last();
 
     // Checked again at once, before Jira shows the worklog: neither session may be posted.
     const QVariantMap again = compare(drafts);
     expectNotEligible(again);
-    EXPECT_EQ(draftAt(again, 0).value(QStringLiteral("status")).toString(),
-        QStringLiteral("Uncertain submission — review in Jira"));
-    EXPECT_EQ(draftAt(again, 0).value(QStringLiteral("jira_receipt_state")).toString(), QStringLiteral("pending"));
+    EXPECT_EQ(draftAt(again, 0).value(u"status"_s).toString(), kUncertain);
+    EXPECT_EQ(draftAt(again, 0).value(u"jira_receipt_state"_s).toString(), u"pending"_s);
     // A caller that trusts the first check and ticks the first session alone is refused all the same.
     EXPECT_EQ(post(JRWorklogsToPost({draftAt(first, 0)})).failure, kDuplicateSession);
     EXPECT_EQ(worklogPosts(), sent);
@@ -76,11 +70,10 @@ TEST_F(Guard, RegroupedSessionOfACombinedWorklogCreatedLateIsNeverPostedAgain)
     ASSERT_FALSE(id.isEmpty());
     const QVariantMap late = compare(drafts);
     expectNotEligible(late);
-    EXPECT_EQ(
-        draftAt(late, 1).value(QStringLiteral("status")).toString(), QStringLiteral("Posted in a combined worklog"));
-    const QVariantList found = late.value(QStringLiteral("receipts_found")).toList();
+    EXPECT_EQ(draftAt(late, 1).value(u"status"_s).toString(), u"Posted in a combined worklog"_s);
+    const QVariantList found = late.value(u"receipts_found"_s).toList();
     ASSERT_EQ(found.size(), 1);
-    EXPECT_EQ(found.first().toMap().value(QStringLiteral("id")).toString(), id);
+    EXPECT_EQ(found.first().toMap().value(u"id"_s).toString(), id);
 
     // The next post run records the proof: the receipt becomes "posted" with Jira's id, nothing is removed.
     const QVariantMap pending = ledger();
@@ -88,9 +81,9 @@ TEST_F(Guard, RegroupedSessionOfACombinedWorklogCreatedLateIsNeverPostedAgain)
     const QVariantMap settled = ledger();
     ASSERT_EQ(settled.keys(), pending.keys());
     QVariantMap receipt = settled.first().toMap();
-    EXPECT_EQ(receipt.value(QStringLiteral("state")).toString(), QStringLiteral("posted"));
-    EXPECT_EQ(receipt.take(QStringLiteral("id")).toString(), id);
-    receipt.insert(QStringLiteral("state"), QStringLiteral("pending"));
+    EXPECT_EQ(receipt.value(u"state"_s).toString(), u"posted"_s);
+    EXPECT_EQ(receipt.take(u"id"_s).toString(), id);
+    receipt.insert(u"state"_s, u"pending"_s);
     EXPECT_EQ(receipt, pending.first().toMap()) << "only the state and the id change";
     EXPECT_EQ(post(JRWorklogsToPost({draftAt(first, 0)})).failure, kDuplicateSession);
 
@@ -100,29 +93,28 @@ TEST_F(Guard, RegroupedSessionOfACombinedWorklogCreatedLateIsNeverPostedAgain)
 
 TEST_F(Guard, SessionMovedToAnotherIssueAfterAnUncertainPostIsRefused)
 {
-    const QVariantMap tracked = session(kABC1, at(2, 9), 3600, QStringLiteral("Design"), 1);
+    const QVariantMap tracked = session(kABC1, at(2, 9), 3600, u"Design"_s, 1);
     postUncertain(approved(compare(draftsOf({tracked}, at(2, 12)))));
     ASSERT_EQ(m_server.worklogCount(kABC1), 1);
 
     // The tracker's description (or a rule, or an edit) now points the same session at ABC-2.
     QVariantMap moved = tracked;
-    moved.insert(QStringLiteral("issue"), kABC2);
+    moved.insert(u"issue"_s, kABC2);
     const QVariantList drafts = draftsOf({moved}, at(2, 12));
     m_server.clearRequests();
     const QVariantMap again = compare(drafts);
     expectNotEligible(again);
     // The check also looked on ABC-1, where the receipt was sent, and found the worklog there.
-    EXPECT_EQ(requestCount(QStringLiteral("GET"), QStringLiteral("/issue/ABC-1/worklog$")), 1);
-    EXPECT_EQ(again.value(QStringLiteral("receipts_found")).toList().size(), 1);
+    EXPECT_EQ(requestCount(u"GET"_s, u"/issue/ABC-1/worklog$"_s), 1);
+    EXPECT_EQ(again.value(u"receipts_found"_s).toList().size(), 1);
     // Posted as a caller that never checked again would: ABC-2 holds nothing that day.
     EXPECT_EQ(post(JRWorklogsToPost(drafts)).failure, kDuplicateSession);
     EXPECT_EQ(worklogPosts(), 0);
 
     // That run recorded the receipt as posted: the session now shows as posted rather than uncertain.
-    EXPECT_EQ(ledger().first().toMap().value(QStringLiteral("state")).toString(), QStringLiteral("posted"));
+    EXPECT_EQ(ledger().first().toMap().value(u"state"_s).toString(), u"posted"_s);
     const QVariantMap settled = compare(drafts);
-    EXPECT_EQ(draftAt(settled, 0).value(QStringLiteral("status")).toString(),
-        QStringLiteral("Previously posted — review changes"));
+    EXPECT_EQ(draftAt(settled, 0).value(u"status"_s).toString(), u"Previously posted — review changes"_s);
     expectNotEligible(settled);
     EXPECT_EQ(expectJiraConsistentWithLedger({kABC1, kABC2}), 1);
     EXPECT_EQ(expectNoSessionOverposted({tracked}, {kABC1, kABC2}), 0);
@@ -130,43 +122,41 @@ TEST_F(Guard, SessionMovedToAnotherIssueAfterAnUncertainPostIsRefused)
 
 TEST_F(Guard, ReceiptIssueThatCannotBeReadLeavesTheMovedSessionUncertain)
 {
-    const QVariantMap tracked = session(kABC1, at(2, 9), 3600, QStringLiteral("Design"), 1);
+    const QVariantMap tracked = session(kABC1, at(2, 9), 3600, u"Design"_s, 1);
     postUncertain(approved(compare(draftsOf({tracked}, at(2, 12)))));
     QVariantMap moved = tracked;
-    moved.insert(QStringLiteral("issue"), kABC2);
-    m_server.addFault(standin::Fault::statusReply(QStringLiteral("GET"), QStringLiteral("/issue/ABC-1/worklog$"), 404,
+    moved.insert(u"issue"_s, kABC2);
+    m_server.addFault(standin::Fault::statusReply(u"GET"_s, u"/issue/ABC-1/worklog$"_s, 404,
         R"({"errorMessages":["Issue does not exist or you do not have permission to see it."]})"));
 
     const QVariantMap again = compare(draftsOf({moved}, at(2, 12)));
-    ASSERT_FALSE(again.contains(QStringLiteral("error")))
-        << qPrintable(again.value(QStringLiteral("error")).toString());
-    EXPECT_EQ(draftAt(again, 0).value(QStringLiteral("status")).toString(),
-        QStringLiteral("Uncertain submission — review in Jira"));
+    ASSERT_FALSE(again.contains(u"error"_s)) << qPrintable(again.value(u"error"_s).toString());
+    EXPECT_EQ(draftAt(again, 0).value(u"status"_s).toString(), kUncertain);
     expectNotEligible(again);
-    EXPECT_TRUE(again.value(QStringLiteral("receipts_found")).toList().isEmpty());
+    EXPECT_TRUE(again.value(u"receipts_found"_s).toList().isEmpty());
 }
 
 TEST_F(Guard, ManualMatchAfterAnUncertainPostDoesNotReopenTheRest)
 {
-    const QVariantMap tracked = session(kABC1, at(2, 9), 3600, QStringLiteral("Design"), 1);
+    const QVariantMap tracked = session(kABC1, at(2, 9), 3600, u"Design"_s, 1);
     postUncertain(approved(compare(draftsOf({tracked}, at(2, 12)))));
 
     // The user marks a ten-minute worklog made by hand as covering part of the session.
     const QString handMade = m_server.addWorklog({kABC1, kAccount, at(2, 15), 600, {}, {}, {}, {}});
     {
         IssueAssignments assignments(m_directory);
-        assignments.setExclusion({{QStringLiteral("kind"), QStringLiteral("manual")}, {QStringLiteral("issue"), kABC1},
-                                     {QStringLiteral("worklog_id"), handMade}, {QStringLiteral("seconds"), 600}},
-            tracked, kCloud);
+        assignments.setExclusion(
+            {{u"kind"_s, u"manual"_s}, {u"issue"_s, kABC1}, {u"worklog_id"_s, handMade}, {u"seconds"_s, 600}}, tracked,
+            kCloud);
     }
     const QVariantMap resolved = IssueAssignments(m_directory).resolve(tracked, kCloud);
     const QVariantList drafts = draftsOf({resolved}, at(2, 12));
-    ASSERT_EQ(drafts.first().toMap().value(QStringLiteral("remaining_seconds")).toLongLong(), 3000);
+    ASSERT_EQ(drafts.first().toMap().value(u"remaining_seconds"_s).toLongLong(), 3000);
     const QVariantMap again = compare(drafts);
     expectNotEligible(again);
 
     QVariantMap row = drafts.first().toMap();
-    row.insert(QStringLiteral("existing"), draftAt(again, 0).value(QStringLiteral("existing")));
+    row.insert(u"existing"_s, draftAt(again, 0).value(u"existing"_s));
     EXPECT_EQ(post(JRWorklogsToPost({row})).failure, kDuplicateSession);
     EXPECT_EQ(worklogPosts(), 0);
 
@@ -180,8 +170,7 @@ protected:
     // One hour on ABC-1 and one on ABC-2, checked.
     QVariantList checkedRows()
     {
-        m_sessions = {session(kABC1, at(2, 9), 3600, QStringLiteral("Design"), 1),
-            session(kABC2, at(2, 11), 3600, QStringLiteral("Review"), 2)};
+        m_sessions = {session(kABC1, at(2, 9), 3600, u"Design"_s, 1), session(kABC2, at(2, 11), 3600, u"Review"_s, 2)};
         const QVariantList rows = approved(compare(draftsOf(m_sessions, at(2, 12))));
         EXPECT_EQ(rows.size(), 2);
         m_server.clearRequests();
@@ -195,18 +184,17 @@ TEST_F(GuardRun, TokenThatCannotBeRefreshedLeavesNoReceiptBehind)
 {
     const QVariantList rows = checkedRows();
     QVariantMap record = credentialRecord(m_token, m_server.origin());
-    record.insert(QStringLiteral("expires_at"), double(QDateTime::currentSecsSinceEpoch() + 10));
+    record.insert(u"expires_at"_s, double(QDateTime::currentSecsSinceEpoch() + 10));
     m_client->queue().sync([&] { m_client->session().save(record); });
     // Each refresh hands out a token that is due again at once; the third, just before the first POST, fails.
     const QByteArray shortLived
-        = QStringLiteral(R"({"access_token":"%1","refresh_token":"r","expires_in":30})").arg(m_token).toUtf8();
-    m_server.addFault(standin::Fault::statusReply(
-        QStringLiteral("POST"), QStringLiteral("^/oauth/refresh$"), 200, shortLived, {}, 2));
+        = uR"({"access_token":"%1","refresh_token":"r","expires_in":30})"_s.arg(m_token).toUtf8();
+    m_server.addFault(standin::Fault::statusReply(u"POST"_s, u"^/oauth/refresh$"_s, 200, shortLived, {}, 2));
     m_server.addFault(standin::Fault::invalidGrant());
 
     const PostOutcome outcome = post(rows);
-    EXPECT_EQ(outcome.failure, QStringLiteral("JiraError: Jira authorization expired. Connect again."));
-    EXPECT_EQ(requestCount(QStringLiteral("POST"), QStringLiteral("^/oauth/refresh$")), 3);
+    EXPECT_EQ(outcome.failure, u"JiraError: Jira authorization expired. Connect again."_s);
+    EXPECT_EQ(requestCount(u"POST"_s, u"^/oauth/refresh$"_s), 3);
     EXPECT_EQ(worklogPosts(), 0);
     EXPECT_TRUE(ledger().isEmpty()) << "nothing was sent, so nothing is uncertain";
 }
@@ -217,13 +205,12 @@ TEST_F(GuardRun, LedgerEntryThatIsNotARecordShowsAsUncertain)
     const QString marker = JRMarker(rows.first().toMap(), kCloud, kAccount);
     QFile file(m_service->store().path());
     ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(QStringLiteral(R"({"%1":"sent"})").arg(marker).toUtf8());
+    file.write(uR"({"%1":"sent"})"_s.arg(marker).toUtf8());
     file.close();
 
     const QVariantMap again = compare(draftsOf(m_sessions, at(2, 12)));
-    EXPECT_EQ(draftAt(again, 0).value(QStringLiteral("status")).toString(),
-        QStringLiteral("Uncertain submission — review in Jira"));
-    EXPECT_EQ(draftAt(again, 0).value(QStringLiteral("comment")).toString(), QStringLiteral("Design"));
+    EXPECT_EQ(draftAt(again, 0).value(u"status"_s).toString(), kUncertain);
+    EXPECT_EQ(draftAt(again, 0).value(u"comment"_s).toString(), u"Design"_s);
     EXPECT_EQ(approved(again).size(), 1);
     EXPECT_EQ(post(rows.mid(0, 1)).failure, kDuplicateSession);
 }
@@ -237,7 +224,7 @@ TEST_F(GuardRun, LockIsHeldUntilTheRunsLastEventIsReported)
         try {
             m_service->postDrafts(rows, kCloud, kAccount, 0, [&](const QVariantMap &) {
                 try {
-                    SubmissionLock second(m_directory + QStringLiteral("/jira-submit.lock"));
+                    SubmissionLock second(m_directory + u"/jira-submit.lock"_s);
                 } catch (const NamedFailure &) {
                     lockedWhileReporting = true;
                 }
@@ -246,7 +233,7 @@ TEST_F(GuardRun, LockIsHeldUntilTheRunsLastEventIsReported)
         }
     });
     EXPECT_TRUE(lockedWhileReporting);
-    EXPECT_NO_THROW(SubmissionLock(m_directory + QStringLiteral("/jira-submit.lock")));
+    EXPECT_NO_THROW(SubmissionLock(m_directory + u"/jira-submit.lock"_s));
 }
 
 struct LateExclusion {
@@ -268,17 +255,17 @@ class GuardLateExclusion : public Guard, public ::testing::WithParamInterface<La
 TEST_P(GuardLateExclusion, AddedAfterTheCheckStopsThePost)
 {
     JRSetCombineDailyByIssue(GetParam().combined);
-    const QVariantList sessions {session(kABC1, at(2, 9), 1800, QStringLiteral("Design"), 1),
-        session(kABC1, at(2, 11), 1800, QStringLiteral("Review"), 2)};
+    const QVariantList sessions {
+        session(kABC1, at(2, 9), 1800, u"Design"_s, 1), session(kABC1, at(2, 11), 1800, u"Review"_s, 2)};
     const QVariantList rows = approved(compare(draftsOf(sessions, at(2, 12))));
     ASSERT_EQ(rows.size(), GetParam().combined ? 1 : 2);
     IssueAssignments(m_directory)
-        .setExclusion({{QStringLiteral("kind"), QString::fromLatin1(GetParam().kind)}, {QStringLiteral("issue"), kABC1},
-                          {QStringLiteral("worklog_id"), QStringLiteral("10001")}, {QStringLiteral("seconds"), 600}},
+        .setExclusion({{u"kind"_s, QString::fromLatin1(GetParam().kind)}, {u"issue"_s, kABC1},
+                          {u"worklog_id"_s, u"10001"_s}, {u"seconds"_s, 600}},
             sessions.at(1).toMap(), kCloud);
     m_server.clearRequests();
 
-    EXPECT_EQ(post(rows).failure, QStringLiteral("Excluded: This session is excluded from Jira. Check Jira again."));
+    EXPECT_EQ(post(rows).failure, u"Excluded: This session is excluded from Jira. Check Jira again."_s);
     EXPECT_EQ(worklogPosts(), 0);
     EXPECT_TRUE(ledger().isEmpty());
 }

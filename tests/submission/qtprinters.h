@@ -5,6 +5,9 @@
 
 #include <ostream>
 
+// Every submission test writes its texts as u"..."_s.
+using namespace Qt::StringLiterals;
+
 // Readable gtest messages for Qt texts.
 inline void PrintTo(const QString &text, std::ostream *out)
 {
@@ -13,5 +16,5 @@ inline void PrintTo(const QString &text, std::ostream *out)
 
 inline void PrintTo(const QStringList &texts, std::ostream *out)
 {
-    *out << '[' << texts.join(QStringLiteral(", ")).toStdString() << ']';
+    *out << '[' << texts.join(u", "_s).toStdString() << ']';
 }

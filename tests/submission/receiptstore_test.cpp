@@ -13,25 +13,24 @@
 
 #include <functional>
 
+using namespace Qt::StringLiterals;
+
 namespace
 {
 
-const QString kUnreadable
-    = QStringLiteral("Submission history is unreadable. Posting is blocked to prevent duplicates.");
-const QString kUnsaved = QStringLiteral("Could not save submission history. Posting stopped.");
+const QString kUnreadable = u"Submission history is unreadable. Posting is blocked to prevent duplicates."_s;
+const QString kUnsaved = u"Could not save submission history. Posting stopped."_s;
 
 QVariantMap postedReceipt()
 {
     return QVariantMap {
-        {QStringLiteral("state"), QStringLiteral("posted")},
-        {QStringLiteral("issue"), QStringLiteral("ABC-12")},
-        {QStringLiteral("source_key"), QStringLiteral("k1")},
-        {QStringLiteral("coverage"), QVariantMap {{QStringLiteral("k1"), 3600}}},
-        {QStringLiteral("cloud"), QStringLiteral("cloud-1")},
-        {QStringLiteral("payload"),
-            QVariantMap {{QStringLiteral("started"), QStringLiteral("2026-03-02T09:00:00.000+0100")},
-                {QStringLiteral("timeSpentSeconds"), 3600}}},
-        {QStringLiteral("id"), QStringLiteral("20001")},
+        {u"state"_s, u"posted"_s},
+        {u"issue"_s, u"ABC-12"_s},
+        {u"source_key"_s, u"k1"_s},
+        {u"coverage"_s, QVariantMap {{u"k1"_s, 3600}}},
+        {u"cloud"_s, u"cloud-1"_s},
+        {u"payload"_s, QVariantMap {{u"started"_s, u"2026-03-02T09:00:00.000+0100"_s}, {u"timeSpentSeconds"_s, 3600}}},
+        {u"id"_s, u"20001"_s},
     };
 }
 
@@ -40,7 +39,7 @@ template<typename Action> QString failureOf(Action action)
     try {
         action();
     } catch (const NamedFailure &failure) {
-        return failure.name() + QStringLiteral(": ") + failure.reason();
+        return failure.name() + u": "_s + failure.reason();
     }
     return {};
 }
@@ -49,16 +48,16 @@ template<typename Action> QString failureOf(Action action)
 
 TEST(ReceiptStore, MissingLedgerIsEmptyAndASavedLedgerReadsBackWhole)
 {
-    const QString dir = testenv::freshDir(QStringLiteral("receipts"));
+    const QString dir = testenv::freshDir(u"receipts"_s);
     ReceiptStore store(dir);
     EXPECT_TRUE(store.receipts().isEmpty());
 
-    const QVariantMap ledger {{QStringLiteral("m1"), postedReceipt()}};
+    const QVariantMap ledger {{u"m1"_s, postedReceipt()}};
     store.saveReceipts(ledger);
     EXPECT_EQ(store.receipts(), ledger);
     EXPECT_EQ(fileMode(store.path()), 0600);
     EXPECT_FALSE(fileBytes(store.path()).contains('\n')) << "the ledger is written as compact JSON";
-    EXPECT_EQ(QDir(dir).entryList(QDir::Files), QStringList {QStringLiteral("jira-receipts.json")})
+    EXPECT_EQ(QDir(dir).entryList(QDir::Files), QStringList {u"jira-receipts.json"_s})
         << "no temporary file is left behind";
 }
 
@@ -78,13 +77,13 @@ class ReceiptStoreDamaged : public ::testing::TestWithParam<DamagedLedger>
 
 TEST_P(ReceiptStoreDamaged, BlocksAndLeavesTheFileAsItWas)
 {
-    const QString dir = testenv::freshDir(QStringLiteral("receipts"));
+    const QString dir = testenv::freshDir(u"receipts"_s);
     ReceiptStore store(dir);
     GetParam().damage(store.path());
     const QByteArray before = fileBytes(store.path());
     {
         ScopedPermissionChecks permissions;
-        EXPECT_EQ(failureOf([&] { store.receipts(); }), QStringLiteral("ReceiptError: ") + kUnreadable);
+        EXPECT_EQ(failureOf([&] { store.receipts(); }), u"ReceiptError: "_s + kUnreadable);
     }
     EXPECT_EQ(fileBytes(store.path()), before);
 }
@@ -109,7 +108,7 @@ INSTANTIATE_TEST_SUITE_P(Ledgers, ReceiptStoreDamaged,
         DamagedLedger {"EmptyFile", [](const QString &path) { writeFile(path, ""); }},
         DamagedLedger {"Directory", [](const QString &path) { QDir().mkpath(path); }},
         // A link whose target is gone "exists" as a link: it must block, not read as an empty ledger.
-        DamagedLedger {"DanglingLink", [](const QString &path) { QFile::link(path + QStringLiteral(".gone"), path); }},
+        DamagedLedger {"DanglingLink", [](const QString &path) { QFile::link(path + u".gone"_s, path); }},
         DamagedLedger {"NoReadPermission",
             [](const QString &path) {
                 writeFile(path, "{}");
@@ -119,9 +118,9 @@ INSTANTIATE_TEST_SUITE_P(Ledgers, ReceiptStoreDamaged,
 
 TEST(ReceiptStore, RefusedWriteKeepsTheOldLedger)
 {
-    const QString dir = testenv::freshDir(QStringLiteral("receipts"));
+    const QString dir = testenv::freshDir(u"receipts"_s);
     ReceiptStore store(dir);
-    store.saveReceipts({{QStringLiteral("m1"), postedReceipt()}});
+    store.saveReceipts({{u"m1"_s, postedReceipt()}});
     const QByteArray before = fileBytes(store.path());
 
     QFile::setPermissions(dir, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
@@ -132,7 +131,7 @@ TEST(ReceiptStore, RefusedWriteKeepsTheOldLedger)
     }
     QFile::setPermissions(dir, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
 
-    EXPECT_EQ(failure, QStringLiteral("ReceiptError: ") + kUnsaved);
+    EXPECT_EQ(failure, u"ReceiptError: "_s + kUnsaved);
     EXPECT_EQ(fileBytes(store.path()), before);
 }
 
@@ -141,13 +140,12 @@ TEST(ReceiptStore, RefusedWriteKeepsTheOldLedger)
 TEST(ReceiptCoverage, RefusesWhatWouldPutMoreOfASessionIntoJiraThanItTracked)
 {
     const auto receipt = [](const char *state, const QVariant &coverage, const char *cloud = "c") {
-        return QVariantMap {{QStringLiteral("state"), QString::fromLatin1(state)},
-            {QStringLiteral("cloud"), QString::fromLatin1(cloud)}, {QStringLiteral("coverage"), coverage},
-            {QStringLiteral("source_key"), QStringLiteral("k")},
-            {QStringLiteral("payload"), QVariantMap {{QStringLiteral("timeSpentSeconds"), 600}}}};
+        return QVariantMap {{u"state"_s, QString::fromLatin1(state)}, {u"cloud"_s, QString::fromLatin1(cloud)},
+            {u"coverage"_s, coverage}, {u"source_key"_s, u"k"_s},
+            {u"payload"_s, QVariantMap {{u"timeSpentSeconds"_s, 600}}}};
     };
-    const auto covering = [](qint64 seconds) { return QVariantMap {{QStringLiteral("k"), seconds}}; };
-    const QVariantMap hour {{QStringLiteral("start_ms"), 0}, {QStringLiteral("end_ms"), 3600000}};
+    const auto covering = [](qint64 seconds) { return QVariantMap {{u"k"_s, seconds}}; };
+    const QVariantMap hour {{u"start_ms"_s, 0}, {u"end_ms"_s, 3600000}};
     const QList<std::tuple<const char *, QVariantMap, qint64, QVariantMap, bool>> cases = {
         {"posted in full, a few seconds more", receipt("posted", covering(3600)), 20, hour, true},
         {"the rest of the hour", receipt("posted", covering(3000)), 600, hour, false},
@@ -160,9 +158,8 @@ TEST(ReceiptCoverage, RefusesWhatWouldPutMoreOfASessionIntoJiraThanItTracked)
         {"no coverage: its own key with its payload's seconds", receipt("posted", QVariant()), 3031, hour, true},
     };
     for (const auto &[name, stored, seconds, session, refused] : cases) {
-        const ReceiptCoverage coverage({{QStringLiteral("m"), stored}}, QStringLiteral("c"));
-        const QVariantMap row {{QStringLiteral("source_key"), QStringLiteral("k")},
-            {QStringLiteral("post_seconds"), seconds}, {QStringLiteral("session"), session}};
+        const ReceiptCoverage coverage({{u"m"_s, stored}}, u"c"_s);
+        const QVariantMap row {{u"source_key"_s, u"k"_s}, {u"post_seconds"_s, seconds}, {u"session"_s, session}};
         EXPECT_EQ(!coverage.blocking(row).isEmpty(), refused) << name;
     }
 }

@@ -14,9 +14,8 @@
 
 QVariantMap credentialRecord(const QString &token, const QString &broker)
 {
-    return {{QStringLiteral("access_token"), token}, {QStringLiteral("refresh_token"), QStringLiteral("unused")},
-        {QStringLiteral("expires_in"), 3600}, {QStringLiteral("broker"), broker},
-        {QStringLiteral("expires_at"), double(QDateTime::currentSecsSinceEpoch() + 3600)}};
+    return {{u"access_token"_s, token}, {u"refresh_token"_s, u"unused"_s}, {u"expires_in"_s, 3600},
+        {u"broker"_s, broker}, {u"expires_at"_s, double(QDateTime::currentSecsSinceEpoch() + 3600)}};
 }
 
 QVariantMap lastDiagnostic(const QString &name)
@@ -27,7 +26,7 @@ QVariantMap lastDiagnostic(const QString &name)
     QVariantMap found;
     for (const QByteArray &line : file.readAll().split('\n')) {
         const QVariantMap record = QJsonDocument::fromJson(line).object().toVariantMap();
-        if (record.value(QStringLiteral("event")).toString() == name)
+        if (record.value(u"event"_s).toString() == name)
             found = record;
     }
     return found;
@@ -36,16 +35,12 @@ QVariantMap lastDiagnostic(const QString &name)
 void ServiceFixture::SetUp()
 {
     // Jira answers in the user's profile zone, which differs from the local one in every registered run.
-    m_server.addUser(
-        {kAccount, QStringLiteral("Ada Example"), QStringLiteral("Pacific/Auckland"), {}, QStringLiteral("en_US")});
-    m_server.addUser(
-        {kOtherAccount, QStringLiteral("Bo Example"), QStringLiteral("America/New_York"), {}, QStringLiteral("en_US")});
-    const QStringList scopes {QStringLiteral("read:jira-work"), QStringLiteral("write:jira-work"),
-        QStringLiteral("read:jira-user"), QStringLiteral("offline_access")};
-    m_server.addSite({kCloud, QStringLiteral("example"), QStringLiteral("https://example.atlassian.net"), scopes});
+    m_server.addUser({kAccount, u"Ada Example"_s, u"Pacific/Auckland"_s, {}, u"en_US"_s});
+    m_server.addUser({kOtherAccount, u"Bo Example"_s, u"America/New_York"_s, {}, u"en_US"_s});
+    const QStringList scopes {u"read:jira-work"_s, u"write:jira-work"_s, u"read:jira-user"_s, u"offline_access"_s};
+    m_server.addSite({kCloud, u"example"_s, u"https://example.atlassian.net"_s, scopes});
     for (const char *key : {"ABC-1", "ABC-2", "ABC-3", "OPS-7"})
-        m_server.addIssue(
-            {QString::fromLatin1(key), {}, QStringLiteral("Summary of ") + QString::fromLatin1(key), {}, {}});
+        m_server.addIssue({QString::fromLatin1(key), {}, u"Summary of "_s + QString::fromLatin1(key), {}, {}});
     ASSERT_TRUE(m_server.start()) << qPrintable(m_server.errorString());
     m_token = m_server.issueAccessToken(kAccount, scopes, 24 * 3600);
 
@@ -56,7 +51,7 @@ void ServiceFixture::SetUp()
     m_client->queue().sync([this] { m_client->session().save(credentialRecord(m_token, m_server.origin())); });
     // Each session is its own worklog unless a test asks for daily combining.
     JRSetCombineDailyByIssue(false);
-    m_directory = testenv::freshDir(QStringLiteral("support"));
+    m_directory = testenv::freshDir(u"support"_s);
     m_service = std::make_unique<WorklogService>(*m_client, m_directory);
     m_server.clearRequests();
 }
@@ -72,7 +67,7 @@ QStringList ServiceFixture::states(const QVariantList &events)
 {
     QStringList result;
     for (const QVariant &event : events)
-        result.append(event.toMap().value(QStringLiteral("state")).toString());
+        result.append(event.toMap().value(u"state"_s).toString());
     return result;
 }
 
@@ -85,11 +80,10 @@ QVariantMap ServiceFixture::session(
     const QString &issue, const QDateTime &start, qint64 seconds, const QString &description, qint64 localId) const
 {
     const qint64 startMs = start.toMSecsSinceEpoch();
-    return {{QStringLiteral("date"), start.date().toString(Qt::ISODate)}, {QStringLiteral("issue"), issue},
-        {QStringLiteral("description"), description}, {QStringLiteral("duration"), seconds},
-        {QStringLiteral("start_ms"), startMs}, {QStringLiteral("end_ms"), startMs + seconds * 1000},
-        {QStringLiteral("local_id"), localId}, {QStringLiteral("api_id"), 0}, {QStringLiteral("project"), 1},
-        {QStringLiteral("source_seconds"), seconds}, {QStringLiteral("source_account"), QStringLiteral("acct")}};
+    return {{u"date"_s, start.date().toString(Qt::ISODate)}, {u"issue"_s, issue}, {u"description"_s, description},
+        {u"duration"_s, seconds}, {u"start_ms"_s, startMs}, {u"end_ms"_s, startMs + seconds * 1000},
+        {u"local_id"_s, localId}, {u"api_id"_s, 0}, {u"project"_s, 1}, {u"source_seconds"_s, seconds},
+        {u"source_account"_s, u"acct"_s}};
 }
 
 QVariantList ServiceFixture::draftsOf(const QVariantList &sessions, const QDateTime &day) const
@@ -107,7 +101,7 @@ QVariantMap ServiceFixture::compare(const QVariantList &drafts, QVariantList *ev
                     events->append(event);
             });
         } catch (const NamedFailure &failure) {
-            result = {{QStringLiteral("error"), failure.reason()}};
+            result = {{u"error"_s, failure.reason()}};
         }
     });
     return result;
@@ -116,8 +110,8 @@ QVariantMap ServiceFixture::compare(const QVariantList &drafts, QVariantList *ev
 QVariantList ServiceFixture::approved(const QVariantMap &comparison)
 {
     QVariantList ticked;
-    for (const QVariant &draft : comparison.value(QStringLiteral("drafts")).toList())
-        if (draft.toMap().value(QStringLiteral("include")).toBool())
+    for (const QVariant &draft : comparison.value(u"drafts"_s).toList())
+        if (draft.toMap().value(u"include"_s).toBool())
             ticked.append(draft);
     return JRWorklogsToPost(ticked);
 }
@@ -134,7 +128,7 @@ ServiceFixture::PostOutcome ServiceFixture::post(
             outcome.posted = m_service->postDrafts(rows, kCloud, account, generation,
                 [&outcome](const QVariantMap &event) { outcome.events.append(event); });
         } catch (const NamedFailure &failure) {
-            outcome.failure = failure.name() + QStringLiteral(": ") + failure.reason();
+            outcome.failure = failure.name() + u": "_s + failure.reason();
         }
     });
     return outcome;
@@ -157,9 +151,9 @@ QVariantList ServiceFixture::jiraWorklogs(const QString &issue) const
 
 QString ServiceFixture::statusOf(const QVariantMap &comparison, const QString &sourceKey)
 {
-    for (const QVariant &draft : comparison.value(QStringLiteral("drafts")).toList())
-        if (draft.toMap().value(QStringLiteral("source_key")).toString() == sourceKey)
-            return draft.toMap().value(QStringLiteral("status")).toString();
+    for (const QVariant &draft : comparison.value(u"drafts"_s).toList())
+        if (draft.toMap().value(u"source_key"_s).toString() == sourceKey)
+            return draft.toMap().value(u"status"_s).toString();
     return {};
 }
 
@@ -180,7 +174,7 @@ int ServiceFixture::expectJiraConsistentWithLedger(const QStringList &issues)
             for (auto it = sources.constBegin(); it != sources.constEnd(); ++it) {
                 EXPECT_FALSE(sessionOwner.contains(it.key()))
                     << "session " << qPrintable(it.key()) << " is in two worklogs";
-                sessionOwner.insert(it.key(), worklog.value(QStringLiteral("id")).toString());
+                sessionOwner.insert(it.key(), worklog.value(u"id"_s).toString());
             }
             // Every worklog the program made has a receipt: nothing posted is ever forgotten.
             EXPECT_TRUE(receipts.contains(marker)) << "worklog without receipt on " << qPrintable(issue);
@@ -188,19 +182,15 @@ int ServiceFixture::expectJiraConsistentWithLedger(const QStringList &issues)
     }
     for (auto it = receipts.constBegin(); it != receipts.constEnd(); ++it) {
         const QVariantMap receipt = it.value().toMap();
-        const QString state = receipt.value(QStringLiteral("state")).toString();
-        if (state == QStringLiteral("posted")) {
+        const QString state = receipt.value(u"state"_s).toString();
+        if (state == u"posted"_s) {
             EXPECT_TRUE(byMarker.contains(it.key())) << "a posted receipt without its worklog";
-            EXPECT_EQ(byMarker.value(it.key()).value(QStringLiteral("id")).toString(),
-                receipt.value(QStringLiteral("id")).toString());
-            EXPECT_EQ(byMarker.value(it.key()).value(QStringLiteral("timeSpentSeconds")).toLongLong(),
-                receipt.value(QStringLiteral("payload"))
-                    .toMap()
-                    .value(QStringLiteral("timeSpentSeconds"))
-                    .toLongLong());
+            EXPECT_EQ(byMarker.value(it.key()).value(u"id"_s).toString(), receipt.value(u"id"_s).toString());
+            EXPECT_EQ(byMarker.value(it.key()).value(u"timeSpentSeconds"_s).toLongLong(),
+                receipt.value(u"payload"_s).toMap().value(u"timeSpentSeconds"_s).toLongLong());
         } else {
-            EXPECT_EQ(state, QStringLiteral("pending"));
-            EXPECT_FALSE(receipt.contains(QStringLiteral("id")));
+            EXPECT_EQ(state, u"pending"_s);
+            EXPECT_FALSE(receipt.contains(u"id"_s));
         }
     }
     return int(byMarker.size());
@@ -212,9 +202,7 @@ int ServiceFixture::expectNoSessionOverposted(const QVariantList &sessions, cons
     for (const QVariant &item : sessions) {
         const QVariantMap record = item.toMap();
         tracked.insert(JRSourceKey(record),
-            (record.value(QStringLiteral("end_ms")).toLongLong()
-                - record.value(QStringLiteral("start_ms")).toLongLong())
-                / 1000);
+            (record.value(u"end_ms"_s).toLongLong() - record.value(u"start_ms"_s).toLongLong()) / 1000);
     }
     QHash<QString, qint64> inJira;
     for (const QString &issue : issues)
@@ -237,7 +225,7 @@ QString ServiceFixture::createLate(const standin::ReceivedRequest &post)
 {
     const QString issue = post.path.section(QLatin1Char('/'), -2, -2);
     const QJsonObject body = QJsonDocument::fromJson(post.body).object();
-    return m_server.addWorklog({issue, kAccount, JRDate(body.value(QStringLiteral("started")).toString()),
-        qint64(body.value(QStringLiteral("timeSpentSeconds")).toDouble()),
-        body.value(QStringLiteral("comment")).toObject(), body.value(QStringLiteral("properties")).toArray(), {}, {}});
+    return m_server.addWorklog({issue, kAccount, JRDate(body.value(u"started"_s).toString()),
+        qint64(body.value(u"timeSpentSeconds"_s).toDouble()), body.value(u"comment"_s).toObject(),
+        body.value(u"properties"_s).toArray(), {}, {}});
 }

@@ -20,9 +20,14 @@
 class ServiceFixture : public ::testing::Test
 {
 protected:
-    static inline const QString kAccount = QStringLiteral("5b10aa0000000000000000aa");
-    static inline const QString kOtherAccount = QStringLiteral("5b10bb0000000000000000bb");
-    static inline const QString kCloud = QStringLiteral("11111111-2222-3333-4444-555555555555");
+    static inline const QString kAccount = u"5b10aa0000000000000000aa"_s;
+    static inline const QString kOtherAccount = u"5b10bb0000000000000000bb"_s;
+    static inline const QString kCloud = u"11111111-2222-3333-4444-555555555555"_s;
+    static inline const QString kDuplicateSession
+        = u"Duplicate: A session in this worklog is already posted or has an uncertain submission. Check Jira again."_s;
+    static inline const QString kDropped = u"JiraError: Network request failed. For a submitted worklog, the outcome "
+                                           "may be unknown; check Jira again before any retry."_s;
+    static inline const QString kUncertain = u"Uncertain submission — review in Jira"_s;
 
     struct PostOutcome {
         QVariantList posted;
@@ -49,7 +54,7 @@ protected:
 
     QVariantMap ledger() const;
     int requestCount(const QString &method, const QString &pattern) const;
-    int worklogPosts() const { return requestCount(QStringLiteral("POST"), QStringLiteral("/worklog$")); }
+    int worklogPosts() const { return requestCount(u"POST"_s, u"/worklog$"_s); }
     QVariantList jiraWorklogs(const QString &issue) const;
     static QString statusOf(const QVariantMap &comparison, const QString &sourceKey);
 

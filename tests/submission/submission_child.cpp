@@ -21,6 +21,8 @@
 #include <cstdio>
 #include <unistd.h>
 
+using namespace Qt::StringLiterals;
+
 namespace
 {
 
@@ -43,15 +45,15 @@ int post(const QString &configPath)
         return 2;
     const QJsonObject config = QJsonDocument::fromJson(file.readAll()).object();
     JiraClient client;
-    WorklogService service(client, config.value(QStringLiteral("directory")).toString());
+    WorklogService service(client, config.value(u"directory"_s).toString());
     int code = 0;
     client.queue().sync([&] {
-        client.session().save(config.value(QStringLiteral("credentials")).toObject().toVariantMap());
+        client.session().save(config.value(u"credentials"_s).toObject().toVariantMap());
         try {
-            service.postDrafts(config.value(QStringLiteral("rows")).toArray().toVariantList(),
-                config.value(QStringLiteral("cloud")).toString(), config.value(QStringLiteral("account")).toString(),
-                config.value(QStringLiteral("generation")).toInteger(), [](const QVariantMap &event) {
-                    if (event.value(QStringLiteral("state")).toString() == QStringLiteral("submitting")) {
+            service.postDrafts(config.value(u"rows"_s).toArray().toVariantList(), config.value(u"cloud"_s).toString(),
+                config.value(u"account"_s).toString(), config.value(u"generation"_s).toInteger(),
+                [](const QVariantMap &event) {
+                    if (event.value(u"state"_s).toString() == u"submitting"_s) {
                         announce("submitting");
                         waitToBeKilled();
                     }
@@ -71,7 +73,7 @@ int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
     const QStringList arguments = app.arguments();
-    if (arguments.size() >= 3 && arguments.at(1) == QStringLiteral("lock")) {
+    if (arguments.size() >= 3 && arguments.at(1) == u"lock"_s) {
         try {
             SubmissionLock lock(arguments.at(2));
             announce("locked");
@@ -81,7 +83,7 @@ int main(int argc, char **argv)
             return 3;
         }
     }
-    if (arguments.size() >= 3 && arguments.at(1) == QStringLiteral("post"))
+    if (arguments.size() >= 3 && arguments.at(1) == u"post"_s)
         return post(arguments.at(2));
     std::fprintf(stderr, "usage: submission_child lock <file> | post <config>\n");
     return 2;

@@ -9,18 +9,20 @@
 
 #include <gtest/gtest.h>
 
+using namespace Qt::StringLiterals;
+
 namespace
 {
 
-const QString kLockMessage = QStringLiteral(
-    "Another app instance is submitting worklogs, or the submission lock is unavailable. Check Jira again later.");
+const QString kLockMessage
+    = u"Another app instance is submitting worklogs, or the submission lock is unavailable. Check Jira again later."_s;
 
 QString lockFailure(const QString &path)
 {
     try {
         SubmissionLock lock(path);
     } catch (const NamedFailure &failure) {
-        return failure.name() + QStringLiteral(": ") + failure.reason();
+        return failure.name() + u": "_s + failure.reason();
     }
     return {};
 }
@@ -29,13 +31,13 @@ QString lockFailure(const QString &path)
 
 TEST(SubmissionLock, CreatesPrivateLockFileAndReleasesItOnDestruction)
 {
-    const QString path = testenv::freshDir(QStringLiteral("lock")) + QStringLiteral("/jira-submit.lock");
+    const QString path = testenv::freshDir(u"lock"_s) + u"/jira-submit.lock"_s;
     {
         SubmissionLock lock(path);
         EXPECT_GE(lock.descriptor(), 0);
         EXPECT_EQ(fileMode(path), 0600);
         // flock locks belong to the open file description, so a second open in the same process conflicts too.
-        EXPECT_EQ(lockFailure(path), QStringLiteral("SubmissionLock: ") + kLockMessage);
+        EXPECT_EQ(lockFailure(path), u"SubmissionLock: "_s + kLockMessage);
     }
     EXPECT_TRUE(lockFailure(path).isEmpty());
     EXPECT_TRUE(QFileInfo::exists(path)) << "the lock file is never deleted";
@@ -43,17 +45,17 @@ TEST(SubmissionLock, CreatesPrivateLockFileAndReleasesItOnDestruction)
 
 TEST(SubmissionLock, FailsWhenTheLockFileCannotBeOpened)
 {
-    EXPECT_EQ(lockFailure(testenv::freshDir(QStringLiteral("lock")) + QStringLiteral("/missing/jira-submit.lock")),
-        QStringLiteral("SubmissionLock: ") + kLockMessage);
+    EXPECT_EQ(lockFailure(testenv::freshDir(u"lock"_s) + u"/missing/jira-submit.lock"_s),
+        u"SubmissionLock: "_s + kLockMessage);
 }
 
 TEST(SubmissionLock, SecondProcessFailsAtOnceAndTheLockIsFreedWhenTheHolderIsKilled)
 {
-    const QString path = testenv::freshDir(QStringLiteral("lock")) + QStringLiteral("/jira-submit.lock");
-    ChildProcess holder({QStringLiteral("lock"), path});
-    ASSERT_TRUE(holder.waitForLine(QStringLiteral("locked"))) << qPrintable(holder.errors());
+    const QString path = testenv::freshDir(u"lock"_s) + u"/jira-submit.lock"_s;
+    ChildProcess holder({u"lock"_s, path});
+    ASSERT_TRUE(holder.waitForLine(u"locked"_s)) << qPrintable(holder.errors());
 
-    ChildProcess second({QStringLiteral("lock"), path});
+    ChildProcess second({u"lock"_s, path});
     // The holder keeps the lock until it is killed: a second process that waited for it would never end.
     EXPECT_EQ(second.waitForExit(), 3) << "a second process must not wait for the lock";
     EXPECT_TRUE(second.errors().contains(kLockMessage));

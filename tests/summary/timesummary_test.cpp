@@ -6,11 +6,13 @@
 
 #include <gtest/gtest.h>
 
+using namespace Qt::StringLiterals;
+
 namespace
 {
 
-const QStringList kKeys {QStringLiteral("SummaryPeriod"), QStringLiteral("SummaryMonthly"), QStringLiteral("WeekStart"),
-    QStringLiteral("HourlyRate"), QStringLiteral("HourlyCurrency"), QStringLiteral("ShowEarnings")};
+const QStringList kKeys {
+    u"SummaryPeriod"_s, u"SummaryMonthly"_s, u"WeekStart"_s, u"HourlyRate"_s, u"HourlyCurrency"_s, u"ShowEarnings"_s};
 
 void clearSettings()
 {
@@ -31,8 +33,8 @@ QDateTime local(int year, int month, int day, int hour, int minute = 0, int seco
 
 QVariantMap session(const QDateTime &start, const QDateTime &end)
 {
-    return {{QStringLiteral("start_ms"), start.toMSecsSinceEpoch()},
-        {QStringLiteral("end_ms"), end.toMSecsSinceEpoch()}, {QStringLiteral("issue"), QStringLiteral("AB-1")}};
+    return {
+        {u"start_ms"_s, start.toMSecsSinceEpoch()}, {u"end_ms"_s, end.toMSecsSinceEpoch()}, {u"issue"_s, u"AB-1"_s}};
 }
 
 class TimeSummaryTest : public ::testing::Test
@@ -106,9 +108,9 @@ TEST_F(TimeSummaryTest, WeekStartZeroFollowsTheCalendarsOwnFirstWeekday)
     testenv::ScopedTimeZone zone("UTC");
     TimeSummary::setConfiguredWeekStart(0);
     const QDateTime wednesday = utc("2026-04-01T08:00:00Z");
-    QLocale::setDefault(QLocale(QStringLiteral("en_US")));
+    QLocale::setDefault(QLocale(u"en_US"_s));
     EXPECT_EQ(TimeSummary::summaryStart(wednesday, 1), utc("2026-03-29T00:00:00Z"));
-    QLocale::setDefault(QLocale(QStringLiteral("de_DE")));
+    QLocale::setDefault(QLocale(u"de_DE"_s));
     EXPECT_EQ(TimeSummary::summaryStart(wednesday, 1), utc("2026-03-30T00:00:00Z"));
 }
 
@@ -118,27 +120,27 @@ TEST_F(TimeSummaryTest, ReadsAbsentAndOutOfRangeSettingsAsTheDefaults)
     EXPECT_EQ(TimeSummary::configuredPeriod(), 1);
     EXPECT_EQ(TimeSummary::configuredWeekStart(), 1);
 
-    settings.setValue(QStringLiteral("SummaryMonthly"), true);
+    settings.setValue(u"SummaryMonthly"_s, true);
     EXPECT_EQ(TimeSummary::configuredPeriod(), 2);
-    settings.setValue(QStringLiteral("SummaryMonthly"), false);
+    settings.setValue(u"SummaryMonthly"_s, false);
     EXPECT_EQ(TimeSummary::configuredPeriod(), 1);
 
-    settings.setValue(QStringLiteral("SummaryMonthly"), true);
+    settings.setValue(u"SummaryMonthly"_s, true);
     TimeSummary::setConfiguredPeriod(0);
     EXPECT_EQ(TimeSummary::configuredPeriod(), 0);
-    EXPECT_EQ(settings.value(QStringLiteral("SummaryPeriod")), QVariant(0));
-    EXPECT_FALSE(settings.contains(QStringLiteral("SummaryMonthly")));
+    EXPECT_EQ(settings.value(u"SummaryPeriod"_s), QVariant(0));
+    EXPECT_FALSE(settings.contains(u"SummaryMonthly"_s));
     // Values as the settings file holds them, whoever wrote them.
-    settings.setValue(QStringLiteral("SummaryPeriod"), 3);
+    settings.setValue(u"SummaryPeriod"_s, 3);
     EXPECT_EQ(TimeSummary::configuredPeriod(), 1);
-    settings.setValue(QStringLiteral("SummaryPeriod"), 2);
+    settings.setValue(u"SummaryPeriod"_s, 2);
     EXPECT_EQ(TimeSummary::configuredPeriod(), 2);
 
     TimeSummary::setConfiguredWeekStart(3);
-    EXPECT_EQ(settings.value(QStringLiteral("WeekStart")), QVariant(3));
-    settings.setValue(QStringLiteral("WeekStart"), 0);
+    EXPECT_EQ(settings.value(u"WeekStart"_s), QVariant(3));
+    settings.setValue(u"WeekStart"_s, 0);
     EXPECT_EQ(TimeSummary::configuredWeekStart(), 0);
-    settings.setValue(QStringLiteral("WeekStart"), 4);
+    settings.setValue(u"WeekStart"_s, 4);
     EXPECT_EQ(TimeSummary::configuredWeekStart(), 1);
 }
 
@@ -156,14 +158,14 @@ TEST_F(TimeSummaryTest, CountsOverlappingSessionsOnceAndClipsToThePeriodAndNow)
         session(local(2026, 3, 25, 23), local(2026, 3, 26, 0, 15)), // began yesterday: counts from midnight
         session(local(2026, 3, 25, 8), local(2026, 3, 25, 9)), // yesterday only
         session(local(2026, 3, 26, 11), local(2026, 3, 26, 10)), // unfinished marker: end before start
-        QVariantMap {{QStringLiteral("issue"), QStringLiteral("AB-2")}}, // no times at all
+        QVariantMap {{u"issue"_s, u"AB-2"_s}}, // no times at all
     };
     // 09:00-10:45 (105 min) + 11:50-12:00 (10 min) + 00:00-00:15 (15 min).
     EXPECT_DOUBLE_EQ(TimeSummary::seconds(sessions, now, 0), 130 * 60.0);
     // The week (Monday 23rd) also holds yesterday's hour and the 45 minutes before midnight.
     EXPECT_DOUBLE_EQ(TimeSummary::seconds(sessions, now, 1), (130 + 60 + 60) * 60.0);
     EXPECT_DOUBLE_EQ(TimeSummary::seconds({}, now, 0), 0.0);
-    EXPECT_EQ(TimeSummary::summaryText(sessions, now, 0), QStringLiteral("Today · 2h 10m"));
+    EXPECT_EQ(TimeSummary::summaryText(sessions, now, 0), u"Today · 2h 10m"_s);
 }
 
 TEST_F(TimeSummaryTest, TodayIsElevenHoursLongAtNoonOnTheSpringChange)
@@ -172,34 +174,34 @@ TEST_F(TimeSummaryTest, TodayIsElevenHoursLongAtNoonOnTheSpringChange)
     const QDateTime now = utc("2026-03-29T10:00:00Z"); // 12:00 CEST
     const QVariantList sessions {session(utc("2026-03-28T20:00:00Z"), utc("2026-03-29T11:00:00Z"))};
     EXPECT_DOUBLE_EQ(TimeSummary::seconds(sessions, now, 0), 11 * 3600.0);
-    EXPECT_EQ(TimeSummary::summaryText(sessions, now, 0), QStringLiteral("Today · 11h 0m"));
+    EXPECT_EQ(TimeSummary::summaryText(sessions, now, 0), u"Today · 11h 0m"_s);
 }
 
 TEST_F(TimeSummaryTest, AppendsEarningsOnlyForAValidRateThatIsShown)
 {
     const QDateTime now = local(2026, 3, 26, 12);
     const QVariantList hourAndFive {session(local(2026, 3, 26, 10), local(2026, 3, 26, 11, 5, 59))};
-    EXPECT_EQ(TimeSummary::summaryText(hourAndFive, now, 0), QStringLiteral("Today · 1h 5m"));
+    EXPECT_EQ(TimeSummary::summaryText(hourAndFive, now, 0), u"Today · 1h 5m"_s);
 
     QSettings settings;
-    settings.setValue(QStringLiteral("HourlyRate"), QStringLiteral("45 USD"));
-    EXPECT_EQ(TimeSummary::summaryText(hourAndFive, now, 0), QStringLiteral("Today · 1h 5m"));
+    settings.setValue(u"HourlyRate"_s, u"45 USD"_s);
+    EXPECT_EQ(TimeSummary::summaryText(hourAndFive, now, 0), u"Today · 1h 5m"_s);
 
     const QVariantList sixMinutes {session(local(2026, 3, 26, 10), local(2026, 3, 26, 10, 6))};
-    settings.setValue(QStringLiteral("HourlyRate"), QStringLiteral(" 45,5\n"));
-    EXPECT_EQ(TimeSummary::summaryText(sixMinutes, now, 0), QStringLiteral("Today · 0h 6m · $4.55"));
-    settings.setValue(QStringLiteral("HourlyCurrency"), QStringLiteral("EUR"));
-    EXPECT_EQ(TimeSummary::summaryText(sixMinutes, now, 0), QStringLiteral("Today · 0h 6m · €4.55"));
-    settings.setValue(QStringLiteral("ShowEarnings"), false);
-    EXPECT_EQ(TimeSummary::summaryText(sixMinutes, now, 0), QStringLiteral("Today · 0h 6m"));
-    settings.setValue(QStringLiteral("ShowEarnings"), true);
-    settings.setValue(QStringLiteral("HourlyCurrency"), QStringLiteral("JPY"));
-    settings.setValue(QStringLiteral("HourlyRate"), QStringLiteral("4550"));
-    EXPECT_EQ(TimeSummary::summaryText(sixMinutes, now, 0), QStringLiteral("Today · 0h 6m · ¥455"));
+    settings.setValue(u"HourlyRate"_s, u" 45,5\n"_s);
+    EXPECT_EQ(TimeSummary::summaryText(sixMinutes, now, 0), u"Today · 0h 6m · $4.55"_s);
+    settings.setValue(u"HourlyCurrency"_s, u"EUR"_s);
+    EXPECT_EQ(TimeSummary::summaryText(sixMinutes, now, 0), u"Today · 0h 6m · €4.55"_s);
+    settings.setValue(u"ShowEarnings"_s, false);
+    EXPECT_EQ(TimeSummary::summaryText(sixMinutes, now, 0), u"Today · 0h 6m"_s);
+    settings.setValue(u"ShowEarnings"_s, true);
+    settings.setValue(u"HourlyCurrency"_s, u"JPY"_s);
+    settings.setValue(u"HourlyRate"_s, u"4550"_s);
+    EXPECT_EQ(TimeSummary::summaryText(sixMinutes, now, 0), u"Today · 0h 6m · ¥455"_s);
 
     // The configured period drives the label.
     TimeSummary::setConfiguredPeriod(2);
-    EXPECT_TRUE(TimeSummary::summaryText(sixMinutes, now).startsWith(QStringLiteral("This month · 0h 6m")));
+    EXPECT_TRUE(TimeSummary::summaryText(sixMinutes, now).startsWith(u"This month · 0h 6m"_s));
 }
 
 struct RateCase {
@@ -229,20 +231,16 @@ INSTANTIATE_TEST_SUITE_P(Table, RateFromText,
 
 TEST(Money, FormatsLikeUSEnglishForAnyCurrencyCode)
 {
-    const auto amount = [](const char *text) { return *Decimal::fromText(QString::fromLatin1(text)); };
-    EXPECT_EQ(TimeSummary::money(amount("4.5500000000"), QStringLiteral("USD")), QStringLiteral("$4.55"));
-    EXPECT_EQ(TimeSummary::money(amount("1234.5"), QStringLiteral("EUR")), QStringLiteral("€1,234.50"));
-    EXPECT_EQ(TimeSummary::money(amount("455.5"), QStringLiteral("JPY")), QStringLiteral("¥456"));
-    EXPECT_EQ(TimeSummary::money(amount("3"), QStringLiteral("GBP")), QStringLiteral("£3.00"));
-    EXPECT_EQ(TimeSummary::money(amount("3"), QStringLiteral("CHF")), QStringLiteral("CHF\u00a03.00"));
-    EXPECT_EQ(TimeSummary::money(amount("3.456"), QStringLiteral("KWD")), QStringLiteral("KWD\u00a03.456"));
-    // Exact halves round to even, as the platform's currency formatter does.
-    EXPECT_EQ(TimeSummary::money(amount("0.125"), QStringLiteral("USD")), QStringLiteral("$0.12"));
-    EXPECT_EQ(TimeSummary::money(amount("0.135"), QStringLiteral("USD")), QStringLiteral("$0.14"));
-    EXPECT_EQ(TimeSummary::money(amount("12345678901234567890.99"), QStringLiteral("USD")),
-        QStringLiteral("$12,345,678,901,234,567,890.99"));
-    // Not a currency code: never a wrong symbol.
-    EXPECT_EQ(TimeSummary::money(amount("4.5"), QStringLiteral("euro")), QStringLiteral("4.50 euro"));
+    const std::tuple<const char *, QString, QString> cases[]
+        = {{"4.5500000000", u"USD"_s, u"$4.55"_s}, {"1234.5", u"EUR"_s, u"€1,234.50"_s}, {"455.5", u"JPY"_s, u"¥456"_s},
+            {"3", u"GBP"_s, u"£3.00"_s}, {"3", u"CHF"_s, u"CHF\u00a03.00"_s}, {"3.456", u"KWD"_s, u"KWD\u00a03.456"_s},
+            // Exact halves round to even, as the platform's currency formatter does.
+            {"0.125", u"USD"_s, u"$0.12"_s}, {"0.135", u"USD"_s, u"$0.14"_s},
+            {"12345678901234567890.99", u"USD"_s, u"$12,345,678,901,234,567,890.99"_s},
+            // Not a currency code: never a wrong symbol.
+            {"4.5", u"euro"_s, u"4.50 euro"_s}};
+    for (const auto &[amount, currency, text] : cases)
+        EXPECT_EQ(TimeSummary::money(*Decimal::fromText(QString::fromLatin1(amount)), currency), text) << amount;
 }
 
 TEST_F(TimeSummaryTest, ListRangesAreWholeLocalDays)
@@ -275,7 +273,7 @@ TEST_F(TimeSummaryTest, ListRangesAreWholeLocalDays)
 
 TEST(HLDuration, WritesHoursMinutesSeconds)
 {
-    EXPECT_EQ(HLDuration(0), QStringLiteral("0:00:00"));
-    EXPECT_EQ(HLDuration(3725), QStringLiteral("1:02:05"));
-    EXPECT_EQ(HLDuration(360000 + 59), QStringLiteral("100:00:59"));
+    EXPECT_EQ(HLDuration(0), u"0:00:00"_s);
+    EXPECT_EQ(HLDuration(3725), u"1:02:05"_s);
+    EXPECT_EQ(HLDuration(360000 + 59), u"100:00:59"_s);
 }
