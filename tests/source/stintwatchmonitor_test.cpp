@@ -20,6 +20,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <memory>
 
 namespace
@@ -708,5 +709,54 @@ TEST_F(MonitorTest, HeartbeatTakesTheActiveRecordItExtends)
     EXPECT_EQ(m_monitor->project(), 43);
     EXPECT_EQ(m_monitor->currentDescription(), QStringLiteral("ENG-9 From the log"));
 }
+
+struct PartialReadCase {
+    const char *name;
+    const char *sql; // %1: the monitor's now in ms
+    bool heartbeat; // the log names activity 2 in a heartbeat
+    bool seenAtOnce; // false: only the full read ten minutes on finds it
+};
+
+class MonitorPartialReadTest : public MonitorTest, public ::testing::WithParamInterface<PartialReadCase>
+{
+};
+
+// Between full reads only rows that can have changed are read; a back-dated edit waits for the next full read.
+TEST_P(MonitorPartialReadTest, ChangedRowsAreFoundBetweenFullReads)
+{
+    const PartialReadCase c = GetParam();
+    m_sim->generateHistory(5, 1);
+    startMonitor(true);
+    const auto described = [&](const QString &description) {
+        return std::any_of(m_monitor->rows().cbegin(), m_monitor->rows().cend(),
+            [&](const QVariant &row) { return row.toMap().value(QStringLiteral("description")) == description; });
+    };
+    ASSERT_EQ(m_monitor->rows().size(), 5);
+    ASSERT_TRUE(afterChange([&] {
+        trackertest::runSql(QFile::encodeName(m_sim->databasePath()).toStdString(),
+            QString::fromLatin1(c.sql).replace(u"%1", QString::number(m_clock.wallMs())).toStdString());
+        if (c.heartbeat)
+            m_sim->logLine(
+                QStringLiteral("Info"), QStringLiteral("Service timeout, updating activity end time (id: 2)"));
+    }));
+    EXPECT_EQ(described(QStringLiteral("ENG-9 Changed")), c.seenAtOnce) << c.name;
+
+    const int scans = m_monitor->scanCount();
+    m_clock.advance(10 * 60'000);
+    m_monitor->tick();
+    ASSERT_TRUE(waitIdle(scans + 1));
+    EXPECT_TRUE(described(QStringLiteral("ENG-9 Changed"))) << c.name;
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, MonitorPartialReadTest,
+    ::testing::Values(
+        PartialReadCase {"new row, stamped long ago",
+            "INSERT INTO \"1001_activity\" VALUES(100,1,42,1000,2000,'ENG-9 Changed',1,1,0);", false, true},
+        PartialReadCase {"edited row",
+            "UPDATE \"1001_activity\" SET description='ENG-9 Changed', lastChanged=%1 WHERE id=2;", false, true},
+        PartialReadCase {"back-dated row named by a heartbeat",
+            "UPDATE \"1001_activity\" SET description='ENG-9 Changed', lastChanged=0 WHERE id=2;", true, true},
+        PartialReadCase {"back-dated edit",
+            "UPDATE \"1001_activity\" SET description='ENG-9 Changed', lastChanged=0 WHERE id=2;", false, false}));
 
 } // namespace
