@@ -734,7 +734,7 @@ TEST_P(MonitorPartialReadTest, ChangedRowsAreFoundBetweenFullReads)
     ASSERT_EQ(m_monitor->rows().size(), 5);
     ASSERT_TRUE(afterChange([&] {
         trackertest::runSql(QFile::encodeName(m_sim->databasePath()).toStdString(),
-            QString::fromLatin1(c.sql).replace(u"%1", QString::number(m_clock.wallMs())).toStdString());
+            QString::fromLatin1(c.sql).replace(QStringLiteral("%1"), QString::number(m_clock.wallMs())).toStdString());
         if (c.heartbeat)
             m_sim->logLine(
                 QStringLiteral("Info"), QStringLiteral("Service timeout, updating activity end time (id: 2)"));
