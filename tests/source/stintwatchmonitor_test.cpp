@@ -712,7 +712,8 @@ TEST_F(MonitorTest, HeartbeatTakesTheActiveRecordItExtends)
 
 struct PartialReadCase {
     const char *name;
-    const char *sql; // %1: the monitor's now in ms
+    const char *before; // run in a scan of its own first; %1: the monitor's now in ms
+    const char *sql; // %1 as above
     bool heartbeat; // the log names activity 2 in a heartbeat
     bool seenAtOnce; // false: only the full read ten minutes on finds it
 };
@@ -732,9 +733,14 @@ TEST_P(MonitorPartialReadTest, ChangedRowsAreFoundBetweenFullReads)
             [&](const QVariant &row) { return row.toMap().value(QStringLiteral("description")) == description; });
     };
     ASSERT_EQ(m_monitor->rows().size(), 5);
-    ASSERT_TRUE(afterChange([&] {
+    const auto run = [&](const char *sql) {
         trackertest::runSql(QFile::encodeName(m_sim->databasePath()).toStdString(),
-            QString::fromLatin1(c.sql).replace(QStringLiteral("%1"), QString::number(m_clock.wallMs())).toStdString());
+            QString::fromLatin1(sql).replace(QStringLiteral("%1"), QString::number(m_clock.wallMs())).toStdString());
+    };
+    if (*c.before)
+        ASSERT_TRUE(afterChange([&] { run(c.before); }));
+    ASSERT_TRUE(afterChange([&] {
+        run(c.sql);
         if (c.heartbeat)
             m_sim->logLine(
                 QStringLiteral("Info"), QStringLiteral("Service timeout, updating activity end time (id: 2)"));
@@ -750,13 +756,16 @@ TEST_P(MonitorPartialReadTest, ChangedRowsAreFoundBetweenFullReads)
 
 INSTANTIATE_TEST_SUITE_P(Rows, MonitorPartialReadTest,
     ::testing::Values(
-        PartialReadCase {"new row, stamped long ago",
+        PartialReadCase {"new row, stamped long ago", "",
             "INSERT INTO \"1001_activity\" VALUES(100,1,42,1000,2000,'ENG-9 Changed',1,1,0);", false, true},
-        PartialReadCase {"edited row",
+        PartialReadCase {"edited row", "",
             "UPDATE \"1001_activity\" SET description='ENG-9 Changed', lastChanged=%1 WHERE id=2;", false, true},
-        PartialReadCase {"back-dated row named by a heartbeat",
+        PartialReadCase {"back-dated row named by a heartbeat", "",
             "UPDATE \"1001_activity\" SET description='ENG-9 Changed', lastChanged=0 WHERE id=2;", true, true},
-        PartialReadCase {"back-dated edit",
+        PartialReadCase {"edited row after one stamped a day ahead",
+            "UPDATE \"1001_activity\" SET lastChanged=%1+86400000 WHERE id=3;",
+            "UPDATE \"1001_activity\" SET description='ENG-9 Changed', lastChanged=%1 WHERE id=2;", false, true},
+        PartialReadCase {"back-dated edit", "",
             "UPDATE \"1001_activity\" SET description='ENG-9 Changed', lastChanged=0 WHERE id=2;", false, false}));
 
 } // namespace
