@@ -59,7 +59,7 @@ constexpr qint64 kFullReadIntervalMs = 10 * 60'000;
 // More heartbeat ids than this in one scan (a first read of a long log) make the read a full one.
 constexpr size_t kMaxNamedIds = 256;
 // Changed activities go to the store in batches of at most this many, so a first scan never holds them all.
-constexpr size_t kSaveBatch = 2048;
+constexpr size_t kSaveBatch = 8192;
 
 // The keys of a line of the event journal ("events.jsonl"), one line per live event that is not a heartbeat.
 namespace JournalKey
