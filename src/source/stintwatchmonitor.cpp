@@ -47,6 +47,7 @@ constexpr int kTickMs = 15'000;
 constexpr qint64 kTickToleranceMs = 1'000;
 constexpr qint64 kStartWindowMs = 60'000;
 constexpr qint64 kHeartbeatWindowMs = 90'000;
+constexpr qint64 kProcessLookMs = 2'000;
 
 constexpr tracker::EventKind kHeartbeat = tracker::EventKind::ServiceHeartbeat;
 
@@ -771,7 +772,14 @@ void StintwatchMonitor::setRunningCheck(std::function<bool()> running)
 
 HLProcessState StintwatchMonitor::trackerProcess() const
 {
-    return m_processCheck ? m_processCheck() : HLTrackerProcessState();
+    if (m_processCheck)
+        return m_processCheck();
+    // A scan's end, the status shown right after it and a tick all ask within moments of each other; a launch or
+    // quit is noticed at most this much later, well within the 15 s the monitor's own timer allows.
+    const qint64 at = clock().monotonicMs();
+    if (!m_lastLook || at - m_lastLook->first >= kProcessLookMs || at < m_lastLook->first)
+        m_lastLook = std::pair(at, HLTrackerProcessState());
+    return m_lastLook->second;
 }
 QDateTime StintwatchMonitor::now() const
 {
