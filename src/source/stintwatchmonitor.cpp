@@ -324,13 +324,15 @@ bool StintwatchMonitor::Reader::readStores(const QString &folder, const QString 
         savedKnown = false;
         readStore.clear();
     }
-    if (statusText(historyPath) != savedStore) {
+    // A store that is not the one written last (replaced, emptied) gets everything again, not just the changes.
+    const bool storeReplaced = statusText(historyPath) != savedStore;
+    if (storeReplaced) {
         savedKnown = false;
         indexed = false;
     }
 
     const bool fullReadDue = !lastFullRead || now.monotonicMs - *lastFullRead >= kFullReadIntervalMs;
-    const bool whole = full || fullReadDue || named.size() > kMaxNamedIds;
+    const bool whole = full || storeReplaced || fullReadDue || named.size() > kMaxNamedIds;
     // A partial read may have missed a back-dated edit: once a full read is due, it runs even when nothing
     // changed since, since the change it would catch may lie before the last scan.
     if (full || prints != fingerprints || (partialSinceFull && fullReadDue))

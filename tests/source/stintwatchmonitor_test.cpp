@@ -698,6 +698,19 @@ TEST_F(MonitorTest, HeartbeatTakesTheActiveRecordItExtends)
     EXPECT_EQ(m_monitor->currentDescription(), QStringLiteral("ENG-9 From the log"));
 }
 
+// A store that was removed while the monitor ran is filled again with everything, not only with what changed.
+TEST_F(MonitorTest, RemovedStoreGetsEveryActivityBackAtTheNextRead)
+{
+    m_sim->generateHistory(5, 1);
+    startMonitor(true);
+    ASSERT_TRUE(QFile::remove(m_store + QStringLiteral("/history.db")));
+    ASSERT_TRUE(afterChange([&] {
+        trackertest::runSql(QFile::encodeName(m_sim->databasePath()).toStdString(),
+            "UPDATE \"1001_activity\" SET lastChanged=" + std::to_string(m_clock.wallMs()) + " WHERE id=2;");
+    }));
+    EXPECT_EQ(m_monitor->rows().size(), 5);
+}
+
 struct PartialReadCase {
     const char *name;
     const char *before; // run in a scan of its own first; %1: the monitor's now in ms
