@@ -559,15 +559,14 @@ bool StintwatchMonitor::Reader::readHistory(const QString &historyPath, const QD
                 const quint64 value = digest(tracker::ActivityView {activity.source, activity.description, activity.id,
                     activity.api_id, activity.project, activity.start_ms, activity.end_ms, activity.seconds,
                     activity.changed_ms, activity.active});
-                CachedRow &row = cache[activity.source][activity.id];
-                const auto table = cachedRows.find(activity.source);
-                if (table != cachedRows.end()) {
+                const CachedRow *same = nullptr;
+                if (const auto table = cachedRows.find(activity.source); table != cachedRows.end()) {
                     const auto found = table->second.find(activity.id);
                     if (found != table->second.end() && found->second.digest == value)
-                        row = found->second;
+                        same = &found->second;
                 }
-                if (!row.record.isValid() || row.digest != value)
-                    row = CachedRow {value, sessionRecord(activity)};
+                CachedRow &row = cache[activity.source][activity.id];
+                row = same ? *same : CachedRow {value, sessionRecord(activity)};
                 rows.append(row.record);
             }
             cachedRows = std::move(cache);
