@@ -3,6 +3,7 @@
 // memory a huge log append costs, and a stretch of real time with the tracker writing heartbeats (CPU
 // seconds, scans, reads and resident memory of this process, the tracker running as a child process).
 
+#include "barefloor.h"
 #include "simtracker.h"
 #include "source/history.h"
 #include "source/logreader.h"
@@ -85,13 +86,33 @@ double residentMiB()
     return fields.size() > 1 ? double(fields[1].toLongLong()) * double(sysconf(_SC_PAGESIZE)) / 1048576.0 : 0;
 }
 
+// Resets the peak resident size of this process (VmHWM) and reads it back, in MiB.
+void resetPeakResident()
+{
+    QFile refs(QStringLiteral("/proc/self/clear_refs"));
+    if (refs.open(QIODevice::WriteOnly))
+        refs.write("5");
+}
+
+double peakSinceResetMiB()
+{
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly))
+        return 0;
+    for (const QByteArray &line : status.readAll().split('\n')) {
+        if (line.startsWith("VmHWM:"))
+            return line.mid(6).trimmed().split(' ').first().toDouble() / 1024.0;
+    }
+    return 0;
+}
+
 void BM_BareTrackerRead(benchmark::State &state)
 {
     const std::string path
         = QFile::encodeName(trackerWith(int(state.range(0))).tracker() + QStringLiteral("/Stintwatch.db"))
               .toStdString();
     for (auto _ : state)
-        benchmark::DoNotOptimize(tracker::readActivities(path));
+        benchmark::DoNotOptimize(bareTrackerRead(path));
 }
 BENCHMARK(BM_BareTrackerRead)->Arg(100'000)->Unit(benchmark::kMillisecond);
 
@@ -104,19 +125,47 @@ void BM_ScanAfterOneChange(benchmark::State &state)
     monitor.setRunningCheck([] { return true; });
     monitor.scan(true);
     waitForScan(monitor, 1);
+    double cpu = 0;
     for (auto _ : state) {
         state.PauseTiming();
         sim.heartbeat();
         const int next = monitor.scanCount() + 1;
+        const double cpuStart = cpuSeconds();
         state.ResumeTiming();
         monitor.scan(false);
         waitForScan(monitor, next);
+        cpu += cpuSeconds() - cpuStart;
     }
+    // CPU seconds of both threads per scan: steadier than wall time on a busy machine.
+    state.counters["cpu_ms"] = benchmark::Counter(cpu * 1000, benchmark::Counter::kAvgIterations);
     if (!monitor.error().isEmpty())
         state.SkipWithError(qPrintable(monitor.error()));
     state.counters["rows"] = double(monitor.rows().size());
 }
 BENCHMARK(BM_ScanAfterOneChange)->Arg(100'000)->Unit(benchmark::kMillisecond);
+
+// The monitor's first scan of a tracker with `count` activities into an empty store: the growth of this
+// process's peak resident memory during the scan, against the resident memory before it.
+void BM_FirstScanPeakMemory(benchmark::State &state)
+{
+    Folder &folder = trackerWith(int(state.range(0)));
+    for (auto _ : state) {
+        QFile::remove(folder.store() + QStringLiteral("/history.db"));
+        StintwatchMonitor monitor(folder.tracker(), folder.store());
+        monitor.setRunningCheck([] { return true; });
+        const double before = residentMiB();
+        const double cpuStart = cpuSeconds();
+        resetPeakResident();
+        monitor.scan(true);
+        waitForScan(monitor, 1);
+        state.counters["cpu_ms"] = (cpuSeconds() - cpuStart) * 1000;
+        state.counters["rss_before_MiB"] = before;
+        state.counters["peak_during_MiB"] = peakSinceResetMiB();
+        state.counters["rows"] = double(monitor.rows().size());
+        if (!monitor.error().isEmpty())
+            state.SkipWithError(qPrintable(monitor.error()));
+    }
+}
 
 // The share of a scan that is the history store's upsert of the one changed activity.
 void BM_SaveOneOfManyActivities(benchmark::State &state)
@@ -198,26 +247,6 @@ void BM_FirstScanOverLog(benchmark::State &state)
 }
 BENCHMARK(BM_FirstScanOverLog)->Args({100'000, 0})->Args({100'000, 1})->Unit(benchmark::kMillisecond);
 
-// Resets the peak resident size of this process (VmHWM) and reads it back, in MiB.
-void resetPeakResident()
-{
-    QFile refs(QStringLiteral("/proc/self/clear_refs"));
-    if (refs.open(QIODevice::WriteOnly))
-        refs.write("5");
-}
-
-double peakSinceResetMiB()
-{
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly))
-        return 0;
-    for (const QByteArray &line : status.readAll().split('\n')) {
-        if (line.startsWith("VmHWM:"))
-            return line.mid(6).trimmed().split(' ').first().toDouble() / 1024.0;
-    }
-    return 0;
-}
-
 // A 100 MiB append of noise read by one scan: the peak resident memory of this process during that scan,
 // against the resident memory just before it (the floor).
 void BM_LargeAppendPeakMemory(benchmark::State &state)
@@ -252,6 +281,7 @@ void BM_LargeAppendPeakMemory(benchmark::State &state)
     }
 }
 BENCHMARK(BM_LargeAppendPeakMemory)->Arg(100)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FirstScanPeakMemory)->Arg(100'000)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 // Real time: the tracker (a child process) writes a heartbeat every 10 s over a 10,000-activity database
 // while the monitor runs with its watchers and 15 s tick. HOURLOOM_BENCH_IDLE_SECONDS sets the length

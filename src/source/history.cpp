@@ -172,6 +172,32 @@ std::vector<char> activitiesToWrite(DB &db, const std::vector<Activity> &activit
     return write;
 }
 
+void upsert(Statement &statement, const Activity &a)
+{
+    sqlite3_stmt *s = statement.handle();
+    sqlite3_reset(s);
+    sqlite3_clear_bindings(s);
+    sqlite3_bind_text(s, 1, a.source.data(), static_cast<int>(a.source.size()), SQLITE_TRANSIENT);
+    sqlite3_bind_int64(s, 2, a.id);
+    sqlite3_bind_int64(s, 3, a.api_id);
+    sqlite3_bind_int64(s, 4, a.project);
+    sqlite3_bind_int64(s, 5, a.start_ms);
+    sqlite3_bind_int64(s, 6, a.end_ms);
+    sqlite3_bind_text(s, 7, a.description.data(), static_cast<int>(a.description.size()), SQLITE_TRANSIENT);
+    sqlite3_bind_int64(s, 8, a.seconds);
+    sqlite3_bind_int(s, 9, a.active);
+    sqlite3_bind_int64(s, 10, a.changed_ms);
+    if (statement.step())
+        statement.db().fail(); // a row where none was expected
+}
+
+DB &createdStore(DB &db)
+{
+    db.exec(kCreateTable);
+    db.exec(kCreateIndex);
+    return db;
+}
+
 Activity activityFromRow(Statement &row)
 {
     sqlite3_stmt *s = row.handle();
@@ -194,8 +220,7 @@ Activity activityFromRow(Statement &row)
 void saveActivities(const std::string &path, const std::vector<Activity> &activities)
 {
     DB db(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
-    db.exec(kCreateTable);
-    db.exec(kCreateIndex);
+    createdStore(db);
     // Take the write lock at once, so a second process waits for the busy timeout instead of failing halfway.
     // Any failure below leaves the transaction open; closing the connection rolls it back.
     db.exec("BEGIN IMMEDIATE");
@@ -204,28 +229,61 @@ void saveActivities(const std::string &path, const std::vector<Activity> &activi
     // whole store; the upsert's own WHERE still keeps identical rows from being rewritten.
     const std::vector<char> write = activities.size() <= kKeyedSaveLimit ? std::vector<char>(activities.size(), 1)
                                                                          : activitiesToWrite(db, activities);
-    Statement upsert(db, kUpsert);
-    sqlite3_stmt *s = upsert.handle();
+    Statement statement(db, kUpsert);
     for (size_t i = 0; i < activities.size(); ++i) {
-        if (!write[i])
-            continue;
-        const Activity &a = activities[i];
-        sqlite3_reset(s);
-        sqlite3_clear_bindings(s);
-        sqlite3_bind_text(s, 1, a.source.data(), static_cast<int>(a.source.size()), SQLITE_TRANSIENT);
-        sqlite3_bind_int64(s, 2, a.id);
-        sqlite3_bind_int64(s, 3, a.api_id);
-        sqlite3_bind_int64(s, 4, a.project);
-        sqlite3_bind_int64(s, 5, a.start_ms);
-        sqlite3_bind_int64(s, 6, a.end_ms);
-        sqlite3_bind_text(s, 7, a.description.data(), static_cast<int>(a.description.size()), SQLITE_TRANSIENT);
-        sqlite3_bind_int64(s, 8, a.seconds);
-        sqlite3_bind_int(s, 9, a.active);
-        sqlite3_bind_int64(s, 10, a.changed_ms);
-        if (upsert.step())
-            db.fail(); // a row where none was expected
+        if (write[i])
+            upsert(statement, activities[i]);
     }
     db.exec("COMMIT");
+}
+
+HistoryWriter::HistoryWriter(const std::string &path)
+    : m_db(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE)
+    , m_upsert(createdStore(m_db), kUpsert)
+{
+}
+
+void HistoryWriter::save(const std::vector<Activity> &activities)
+{
+    m_db.exec("BEGIN IMMEDIATE");
+    try {
+        for (const Activity &activity : activities)
+            upsert(m_upsert, activity);
+        m_db.exec("COMMIT");
+    } catch (...) {
+        // The connection outlives this batch: what it wrote must not ride along with the next one.
+        sqlite3_reset(m_upsert.handle());
+        sqlite3_exec(m_db.handle(), "ROLLBACK", nullptr, nullptr, nullptr);
+        throw;
+    }
+}
+
+void visitHistory(const std::string &path, const std::function<void(const ActivityView &)> &visit)
+{
+    DB db(path, SQLITE_OPEN_READONLY);
+    Statement rows(db,
+        "SELECT source,id,api_id,project,start_ms,end_ms,description,source_seconds,source_active,changed_ms "
+        "FROM activities");
+    sqlite3_stmt *s = rows.handle();
+    const auto text = [s](int index) {
+        const auto *bytes = reinterpret_cast<const char *>(sqlite3_column_text(s, index));
+        return bytes ? std::string_view(bytes, static_cast<size_t>(sqlite3_column_bytes(s, index)))
+                     : std::string_view();
+    };
+    ActivityView view;
+    while (rows.step()) {
+        view.source = text(0);
+        view.id = sqlite3_column_int64(s, 1);
+        view.api_id = sqlite3_column_int64(s, 2);
+        view.project = sqlite3_column_int64(s, 3);
+        view.start_ms = sqlite3_column_int64(s, 4);
+        view.end_ms = sqlite3_column_int64(s, 5);
+        view.description = text(6);
+        view.seconds = sqlite3_column_int64(s, 7);
+        view.active = sqlite3_column_int(s, 8);
+        view.changed_ms = sqlite3_column_int64(s, 9);
+        visit(view);
+    }
 }
 
 std::vector<Activity> history(const std::string &path)

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,24 @@ namespace tracker
 // Upserts every activity into the `activities` table of the history database at `path`, creating the file
 // and table when missing. All or nothing: on failure nothing of this call is stored.
 void saveActivities(const std::string &path, const std::vector<Activity> &activities);
+
+// The history database at `path` (created with its table when missing) held open for saves in batches, each
+// batch all or nothing in a transaction of its own: a caller streaming a large read into the store never holds
+// it whole. Every given activity is upserted by key; stored rows with identical values are not rewritten.
+class HistoryWriter
+{
+public:
+    explicit HistoryWriter(const std::string &path);
+
+    void save(const std::vector<Activity> &activities);
+
+private:
+    DB m_db;
+    Statement m_upsert;
+};
+
+// Every stored activity, in the store's order, as a view valid until the visitor returns.
+void visitHistory(const std::string &path, const std::function<void(const ActivityView &)> &visit);
 
 // The (at most) 1000 stored activities with the latest start, newest first.
 std::vector<Activity> history(const std::string &path);

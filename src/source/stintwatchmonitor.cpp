@@ -23,6 +23,7 @@
 #include <QMap>
 #include <QMetaObject>
 #include <QStringDecoder>
+#include <QTimeZone>
 #include <QTimer>
 
 #include <fcntl.h>
@@ -46,8 +47,20 @@ constexpr int kTickMs = 15'000;
 constexpr qint64 kTickToleranceMs = 1'000;
 constexpr qint64 kStartWindowMs = 60'000;
 constexpr qint64 kHeartbeatWindowMs = 90'000;
+constexpr qint64 kProcessLookMs = 2'000;
 
 constexpr tracker::EventKind kHeartbeat = tracker::EventKind::ServiceHeartbeat;
+
+// Between full reads of the tracker's database only what can have changed is read: per account table the rows
+// stamped at or after the newest change seen (less this margin), the rows above the highest id seen, and those
+// the scan's heartbeats name. An edit that the tracker stamps with an older time than that (a clock set back
+// further than the margin) is missed by such a read; a full read at least this often catches it.
+constexpr qint64 kChangeMarginMs = 10 * 60'000;
+constexpr qint64 kFullReadIntervalMs = 10 * 60'000;
+// More heartbeat ids than this in one scan (a first read of a long log) make the read a full one.
+constexpr size_t kMaxNamedIds = 256;
+// Changed activities go to the store in batches of at most this many, so a first scan never holds them all.
+constexpr size_t kSaveBatch = 8192;
 
 // The keys of a line of the event journal ("events.jsonl"), one line per live event that is not a heartbeat.
 namespace JournalKey
@@ -119,7 +132,7 @@ QVariantMap sessionRecord(const tracker::Activity &activity)
 }
 
 // A cheap digest of everything the history store keeps of an activity, to skip rewriting unchanged rows.
-quint64 digest(const tracker::Activity &a)
+quint64 digest(const tracker::ActivityView &a)
 {
     quint64 h = std::hash<std::string_view>()(a.description);
     for (const int64_t value : {a.api_id, a.project, a.start_ms, a.end_ms, a.seconds, a.changed_ms, int64_t(a.active)})
@@ -191,30 +204,81 @@ struct LiveEvent {
 using monitordetail::EventClock;
 using monitordetail::LiveEvent;
 
+namespace monitordetail
+{
+
+// The active activity that a heartbeat extends, as the tracker's database has it.
+struct Extended {
+    int64_t changedMs = 0;
+    int64_t startMs = 0;
+    int64_t project = 0;
+    std::string description;
+};
+using ExtendedById = std::unordered_map<int64_t, Extended>;
+
+// The digests of what the store holds of one account table: (id, digest), sorted by id, one entry per id.
+using Digests = std::vector<std::pair<int64_t, quint64>>;
+
+// The newest change time and the highest id seen in one account table of the tracker's database.
+struct Seen {
+    int64_t changedMs = INT64_MIN;
+    int64_t id = INT64_MIN;
+};
+
+// Times of one scan: wall time for the tracker's change stamps, monotonic time for the interval of full reads.
+struct ScanTime {
+    QDateTime wall;
+    qint64 monotonicMs = 0;
+};
+
+// A session record built from a stored activity, kept while the activity stays the same.
+struct CachedRow {
+    quint64 digest = 0;
+    QVariant record;
+};
+
+} // namespace monitordetail
+
+using monitordetail::CachedRow;
+using monitordetail::Digests;
+using monitordetail::Extended;
+using monitordetail::ExtendedById;
+using monitordetail::ScanTime;
+using monitordetail::Seen;
+
 // Everything the scan body owns; touched only on the monitor's queue.
 struct StintwatchMonitor::Reader {
     QMap<QString, QString> fingerprints;
     LogReader log;
 
-    // What history.db holds, as far as this monitor wrote it; reset when the file is not the one written.
-    using Digests = std::unordered_map<int64_t, quint64>;
+    // What history.db holds, as far as this monitor wrote or read it; unknown again after a full scan or when
+    // the file is not the one written.
     std::unordered_map<std::string, Digests> saved;
+    bool savedKnown = false;
     QString savedStore;
     bool indexed = false;
+    // What the tracker's database held at the last reads, and when the last full read was.
+    std::unordered_map<std::string, Seen> seen;
+    std::optional<qint64> lastFullRead;
+    bool partialSinceFull = false;
     // The last history and summary read, reused while the store and the summary start stay the same.
     QString readStore;
     qint64 readSince = -1;
     QVariantList readRows;
     QVariantList readSummary;
+    // The session records of the last history read by account and id, with the time zone they were made in.
+    std::unordered_map<std::string, std::unordered_map<int64_t, CachedRow>> cachedRows;
+    QByteArray cachedZone;
     // How often the tracker's database and the store were read, for measurements.
     std::atomic<int> sourceReads {0};
     std::atomic<int> storeReads {0};
 
-    ScanResult scan(const QString &folder, const QString &store, bool full, const QDateTime &now);
-    bool readStores(const QString &folder, const QString &historyPath, bool full, const QDateTime &now,
-        ScanResult &result, std::vector<tracker::Activity> &activities, int &damage);
+    ScanResult scan(const QString &folder, const QString &store, bool full, const ScanTime &now);
+    bool readStores(const QString &folder, const QString &historyPath, bool full, const ScanTime &now,
+        const std::vector<int64_t> &named, ScanResult &result, ExtendedById &extended, int &damage);
     bool importTrackerDatabase(const QString &folder, const QString &historyPath, const QMap<QString, QString> &prints,
-        ScanResult &result, std::vector<tracker::Activity> &activities);
+        bool whole, const ScanTime &now, const std::vector<int64_t> &named, ScanResult &result, ExtendedById &extended);
+    void learnStore(const std::string &historyPath);
     bool readHistory(const QString &historyPath, const QDateTime &now, ScanResult &result);
     QString setAside(const QString &historyPath, const QDateTime &now);
     void readLog(const QString &folder, ScanResult &result, std::vector<LogReader::Entry> &events);
@@ -249,7 +313,7 @@ void StintwatchMonitor::Reader::readLog(
 // Reads the tracker's database into the store when it changed, then the rows and summary from the store.
 // False when the store failed; `damage` then holds SQLite's code when it found the file damaged, else 0.
 bool StintwatchMonitor::Reader::readStores(const QString &folder, const QString &historyPath, bool full,
-    const QDateTime &now, ScanResult &result, std::vector<tracker::Activity> &activities, int &damage)
+    const ScanTime &now, const std::vector<int64_t> &named, ScanResult &result, ExtendedById &extended, int &damage)
 {
     bool storeFailed = false;
     QMap<QString, QString> prints;
@@ -257,73 +321,214 @@ bool StintwatchMonitor::Reader::readStores(const QString &folder, const QString 
         prints.insert(name, statusText(folder + u'/' + name));
 
     if (full) {
-        saved.clear();
+        savedKnown = false;
         readStore.clear();
     }
-    if (statusText(historyPath) != savedStore) {
-        saved.clear();
+    // A store that is not the one written last (replaced, emptied) gets everything again, not just the changes.
+    const bool storeReplaced = statusText(historyPath) != savedStore;
+    if (storeReplaced) {
+        savedKnown = false;
         indexed = false;
     }
 
-    if (full || prints != fingerprints)
-        storeFailed = !importTrackerDatabase(folder, historyPath, prints, result, activities);
+    const bool fullReadDue = !lastFullRead || now.monotonicMs - *lastFullRead >= kFullReadIntervalMs;
+    const bool whole = full || storeReplaced || fullReadDue || named.size() > kMaxNamedIds;
+    // A partial read may have missed a back-dated edit: once a full read is due, it runs even when nothing
+    // changed since, since the change it would catch may lie before the last scan.
+    if (full || prints != fingerprints || (partialSinceFull && fullReadDue))
+        storeFailed = !importTrackerDatabase(folder, historyPath, prints, whole, now, named, result, extended);
 
-    storeFailed = !readHistory(historyPath, now, result) || storeFailed;
+    storeFailed = !readHistory(historyPath, now.wall, result) || storeFailed;
     damage = storeFailed ? tracker::damage(QFile::encodeName(historyPath).toStdString()) : 0;
     return !storeFailed;
 }
 
-// Copies the tracker's changed activities into the store. False when the store failed; a tracker database that
-// cannot be read only sets the error.
-bool StintwatchMonitor::Reader::importTrackerDatabase(const QString &folder, const QString &historyPath,
-    const QMap<QString, QString> &prints, ScanResult &result, std::vector<tracker::Activity> &activities)
+// Learns what the store holds (the digest of every stored activity), so that only what differs is written.
+void StintwatchMonitor::Reader::learnStore(const std::string &historyPath)
 {
-    bool storeFailed = false;
-    {
-        bool sourceRead = false;
-        try {
-            ++sourceReads;
-            activities
-                = tracker::readActivities(QFile::encodeName(folder + QStringLiteral("/Stintwatch.db")).toStdString());
-            sourceRead = true;
-            std::vector<tracker::Activity> changed;
-            std::vector<std::pair<Digests *, std::pair<int64_t, quint64>>> digests;
-            Digests *table = nullptr;
-            const std::string *tableName = nullptr;
-            for (const tracker::Activity &activity : activities) {
-                // Rows come grouped by table, so the table's map is looked up once per run of rows.
-                if (!tableName || *tableName != activity.source) {
-                    table = &saved[activity.source];
-                    tableName = &activity.source;
-                }
-                const quint64 value = digest(activity);
-                const auto found = table->find(activity.id);
-                if (found == table->end() || found->second != value) {
-                    changed.push_back(activity);
-                    digests.push_back({table, {activity.id, value}});
-                }
+    saved.clear();
+    if (::access(historyPath.c_str(), F_OK) == 0) {
+        std::string lastSource;
+        Digests *table = nullptr;
+        tracker::visitHistory(historyPath, [&](const tracker::ActivityView &row) {
+            if (!table || row.source != lastSource) {
+                lastSource.assign(row.source);
+                table = &saved[lastSource];
             }
-            // The store is created on the first scan even when the tracker has nothing yet.
-            if (!changed.empty() || !QFile::exists(historyPath))
-                tracker::saveActivities(QFile::encodeName(historyPath).toStdString(), changed);
-            for (const auto &[digestTable, entry] : digests)
-                (*digestTable)[entry.first] = entry.second;
-            if (!indexed) {
-                // The summary asks for rows ending or starting after a date; with both columns indexed that
-                // is two short index searches instead of a pass over every retained row.
-                tracker::DB(QFile::encodeName(historyPath).toStdString(), SQLITE_OPEN_READWRITE)
-                    .exec("CREATE INDEX IF NOT EXISTS activities_end_ms ON activities(end_ms)");
-                indexed = true;
-            }
-            savedStore = statusText(historyPath);
-            fingerprints = prints;
-        } catch (const std::exception &failure) {
-            storeFailed = sourceRead;
-            result.error = QStringLiteral("Source unavailable: %1. Showing retained history.")
-                               .arg(QString::fromUtf8(failure.what()));
-        }
+            table->emplace_back(row.id, digest(row));
+        });
+        for (auto &[source, digests] : saved)
+            std::sort(digests.begin(), digests.end());
     }
-    return !storeFailed;
+    savedKnown = true;
+}
+
+namespace
+{
+
+// Where `id` is in `digests`, trying `hint` (the entry after the last one found) first: a full read meets the
+// ids in the order they are stored, so most lookups cost one comparison.
+Digests::const_iterator findDigest(const Digests &digests, int64_t id, size_t hint)
+{
+    if (hint < digests.size() && digests[hint].first == id)
+        return digests.begin() + std::ptrdiff_t(hint);
+    const auto at = std::lower_bound(digests.begin(), digests.end(), id,
+        [](const std::pair<int64_t, quint64> &e, int64_t key) { return e.first < key; });
+    return at != digests.end() && at->first == id ? at : digests.end();
+}
+
+void setDigest(Digests &digests, int64_t id, quint64 value)
+{
+    if (digests.empty() || digests.back().first < id) {
+        digests.emplace_back(id, value);
+        return;
+    }
+    const auto at = std::lower_bound(digests.begin(), digests.end(), id,
+        [](const std::pair<int64_t, quint64> &e, int64_t key) { return e.first < key; });
+    if (at != digests.end() && at->first == id)
+        at->second = value;
+    else
+        digests.insert(at, {id, value});
+}
+
+// The digests of a whole table's read, sorted by id. An id that occurs twice in one table has no digest: its
+// rows are written again at each read, the last one last, so the store ends with what a full save would give.
+void settle(Digests &digests)
+{
+    std::stable_sort(digests.begin(), digests.end(),
+        [](const std::pair<int64_t, quint64> &a, const std::pair<int64_t, quint64> &b) { return a.first < b.first; });
+    size_t out = 0;
+    for (size_t i = 0; i < digests.size();) {
+        size_t j = i + 1;
+        while (j < digests.size() && digests[j].first == digests[i].first)
+            ++j;
+        if (j == i + 1)
+            digests[out++] = digests[i];
+        i = j;
+    }
+    digests.resize(out);
+}
+
+} // namespace
+
+// Copies the tracker's changed activities into the store, reading the whole database or only what can have
+// changed since the last read, and finds the activities that this scan's heartbeats (`named`, sorted) extend.
+// False when the store failed; a tracker database that cannot be read only sets the error.
+bool StintwatchMonitor::Reader::importTrackerDatabase(const QString &folder, const QString &historyPath,
+    const QMap<QString, QString> &prints, bool whole, const ScanTime &now, const std::vector<int64_t> &named,
+    ScanResult &result, ExtendedById &extended)
+{
+    const std::string storePath = QFile::encodeName(historyPath).toStdString();
+    bool inStore = false;
+    try {
+        ++sourceReads;
+        if (!savedKnown) {
+            inStore = true;
+            learnStore(storePath);
+            inStore = false;
+        }
+        tracker::ActivityReader reader(QFile::encodeName(folder + QStringLiteral("/Stintwatch.db")).toStdString());
+        std::unique_ptr<tracker::HistoryWriter> writer;
+        std::vector<tracker::Activity> batch;
+        Digests written; // what the batch holds, for a partial read's digests once it is stored
+        const auto flush = [&](Digests *digests) {
+            if (batch.empty())
+                return;
+            inStore = true;
+            if (!writer)
+                writer = std::make_unique<tracker::HistoryWriter>(storePath);
+            writer->save(batch);
+            inStore = false;
+            if (digests) {
+                for (const auto &[id, value] : written)
+                    setDigest(*digests, id, value);
+            }
+            batch.clear();
+            written.clear();
+        };
+        const int64_t wallMs = now.wall.toMSecsSinceEpoch();
+        std::unordered_map<std::string, Seen> seenNow;
+        for (size_t t = 0; t < reader.tables().size(); ++t) {
+            const std::string &name = reader.tables()[t];
+            const auto known = seen.find(name);
+            const bool partial = !whole && known != seen.end();
+            tracker::RowFilter filter;
+            Seen table;
+            if (partial) {
+                table = known->second;
+                // A change stamped in the future must not hide the edits of the next minutes.
+                const int64_t newest = std::min<int64_t>(table.changedMs, wallMs);
+                filter.changedSince = newest < INT64_MIN + kChangeMarginMs ? INT64_MIN : newest - kChangeMarginMs;
+                filter.idAbove = table.id;
+                filter.ids = named;
+            }
+            Digests &digests = saved[name];
+            Digests fresh;
+            if (!partial)
+                fresh.reserve(digests.size() + 64);
+            size_t hint = 0;
+            for (tracker::ActivityRows rows(reader, t, partial ? &filter : nullptr); rows.next();) {
+                const tracker::ActivityView &row = rows.view();
+                table.changedMs = std::max(table.changedMs, row.changed_ms);
+                table.id = std::max(table.id, row.id);
+                if (row.active != 0 && std::binary_search(named.begin(), named.end(), row.id)) {
+                    auto [slot, inserted] = extended.try_emplace(row.id);
+                    if (inserted || row.changed_ms > slot->second.changedMs)
+                        slot->second
+                            = Extended {row.changed_ms, row.start_ms, row.project, std::string(row.description)};
+                }
+                const quint64 value = digest(row);
+                const auto found = findDigest(digests, row.id, hint);
+                if (found != digests.end())
+                    hint = size_t(found - digests.begin()) + 1;
+                if (found == digests.end() || found->second != value) {
+                    batch.push_back(row.activity());
+                    written.emplace_back(row.id, value);
+                }
+                if (!partial)
+                    fresh.emplace_back(row.id, value);
+                if (batch.size() >= kSaveBatch)
+                    flush(partial ? &digests : nullptr);
+            }
+            flush(partial ? &digests : nullptr);
+            if (!partial) {
+                settle(fresh);
+                digests = std::move(fresh);
+            }
+            seenNow[name] = table;
+        }
+        // The store is created on the first scan even when the tracker has nothing yet.
+        if (!writer && ::access(storePath.c_str(), F_OK) != 0) {
+            inStore = true;
+            tracker::HistoryWriter created(storePath);
+        }
+        inStore = true;
+        writer.reset();
+        if (!indexed) {
+            // The summary asks for rows ending or starting after a date; with both columns indexed that
+            // is two short index searches instead of a pass over every retained row.
+            tracker::DB(storePath, SQLITE_OPEN_READWRITE)
+                .exec("CREATE INDEX IF NOT EXISTS activities_end_ms ON activities(end_ms)");
+            indexed = true;
+        }
+        inStore = false;
+        if (whole) {
+            seen = std::move(seenNow);
+            lastFullRead = now.monotonicMs;
+            partialSinceFull = false;
+        } else {
+            for (auto &[name, table] : seenNow)
+                seen[name] = table;
+            partialSinceFull = true;
+        }
+        savedStore = statusText(historyPath);
+        fingerprints = prints;
+    } catch (const std::exception &failure) {
+        result.error = QStringLiteral("Source unavailable: %1. Showing retained history.")
+                           .arg(QString::fromUtf8(failure.what()));
+        return !inStore;
+    }
+    return true;
 }
 
 // Reads the rows and the summary from the store, reusing the last read while neither the store nor the period
@@ -341,9 +546,31 @@ bool StintwatchMonitor::Reader::readHistory(const QString &historyPath, const QD
             readStore.clear();
             ++storeReads;
             const std::string path = QFile::encodeName(historyPath).toStdString();
+            // Most of the newest thousand are the same from one read to the next; only the changed ones are
+            // built again (the record's date depends on the time zone, so a new zone builds them all).
+            const QByteArray zone = QTimeZone::systemTimeZoneId();
+            if (zone != cachedZone)
+                cachedRows.clear();
+            std::unordered_map<std::string, std::unordered_map<int64_t, CachedRow>> cache;
             QVariantList rows;
-            for (const tracker::Activity &activity : tracker::history(path))
-                rows.append(sessionRecord(activity));
+            const std::vector<tracker::Activity> stored = tracker::history(path);
+            rows.reserve(qsizetype(stored.size()));
+            for (const tracker::Activity &activity : stored) {
+                const quint64 value = digest(tracker::ActivityView {activity.source, activity.description, activity.id,
+                    activity.api_id, activity.project, activity.start_ms, activity.end_ms, activity.seconds,
+                    activity.changed_ms, activity.active});
+                const CachedRow *same = nullptr;
+                if (const auto table = cachedRows.find(activity.source); table != cachedRows.end()) {
+                    const auto found = table->second.find(activity.id);
+                    if (found != table->second.end() && found->second.digest == value)
+                        same = &found->second;
+                }
+                CachedRow &row = cache[activity.source][activity.id];
+                row = same ? *same : CachedRow {value, sessionRecord(activity)};
+                rows.append(row.record);
+            }
+            cachedRows = std::move(cache);
+            cachedZone = zone;
             QVariantList summary;
             for (const auto &[project, start, end] : tracker::summaryHistory(path, since)) {
                 summary.append(QVariantMap {{SessionKey::kProject, qint64(project)},
@@ -385,6 +612,7 @@ QString StintwatchMonitor::Reader::setAside(const QString &historyPath, const QD
                 QFile::encodeName(historyPath + suffix).constData(), QFile::encodeName(aside + suffix).constData());
     }
     saved.clear();
+    savedKnown = false;
     savedStore.clear();
     indexed = false;
     fingerprints.clear();
@@ -395,23 +623,10 @@ QString StintwatchMonitor::Reader::setAside(const QString &historyPath, const QD
 namespace
 {
 
-// The log's events for the live state. Each heartbeat names the activity it extends: the active one with that
-// id that changed last (the first in reading order on a tie). One pass builds the index, so a log full of
-// heartbeats stays linear.
-std::vector<LiveEvent> liveEvents(
-    const std::vector<LogReader::Entry> &entries, const std::vector<tracker::Activity> &activities)
+// The log's events for the live state, each heartbeat with the activity it extends when the tracker's database
+// has it (the active one with that id that changed last, the first in reading order on a tie).
+std::vector<LiveEvent> liveEvents(const std::vector<LogReader::Entry> &entries, const ExtendedById &extended)
 {
-    std::unordered_map<int64_t, const tracker::Activity *> extended;
-    if (std::any_of(entries.cbegin(), entries.cend(),
-            [](const LogReader::Entry &e) { return tracker::eventKind(e.event) == kHeartbeat; })) {
-        for (const tracker::Activity &activity : activities) {
-            if (activity.active == 0)
-                continue;
-            auto [slot, inserted] = extended.try_emplace(activity.id, &activity);
-            if (!inserted && activity.changed_ms > slot->second->changed_ms)
-                slot->second = &activity;
-        }
-    }
     std::vector<LiveEvent> events;
     events.reserve(entries.size());
     for (const LogReader::Entry &entry : entries) {
@@ -427,9 +642,9 @@ std::vector<LiveEvent> liveEvents(
             live.description = text(event.description);
         } else if (const auto found = extended.find(event.activity); found != extended.end()) {
             live.extendsKnownActivity = true;
-            live.activityStartMs = qint64(found->second->start_ms);
-            live.activityProject = qint64(found->second->project);
-            live.activityDescription = text(found->second->description);
+            live.activityStartMs = qint64(found->second.startMs);
+            live.activityProject = qint64(found->second.project);
+            live.activityDescription = text(found->second.description);
         }
         events.push_back(std::move(live));
     }
@@ -467,7 +682,7 @@ void appendJournal(const QString &store, const std::vector<LiveEvent> &events)
 } // namespace
 
 StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
-    const QString &folder, const QString &store, bool full, const QDateTime &now)
+    const QString &folder, const QString &store, bool full, const ScanTime &now)
 {
     ScanResult result;
     const QString historyPath = store + QStringLiteral("/history.db");
@@ -479,26 +694,34 @@ StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
         return result;
     }
 
-    std::vector<tracker::Activity> activities;
+    std::vector<int64_t> named;
+    for (const LogReader::Entry &entry : events) {
+        if (tracker::eventKind(entry.event) == kHeartbeat)
+            named.push_back(entry.event.activity);
+    }
+    std::sort(named.begin(), named.end());
+    named.erase(std::unique(named.begin(), named.end()), named.end());
+
+    ExtendedById extended;
     const QString logError = result.error;
     int damage = 0;
-    if (!readStores(folder, historyPath, full, now, result, activities, damage) && damage != 0) {
+    if (!readStores(folder, historyPath, full, now, named, result, extended, damage) && damage != 0) {
         // Everything the store held came from the tracker's database: set the damaged file aside (never
         // deleted) and rebuild a fresh store from the tracker at once.
-        const QString aside = setAside(historyPath, now);
+        const QString aside = setAside(historyPath, now.wall);
         if (!aside.isEmpty()) {
             result.storeDamage = damage;
             result.error = logError;
-            activities.clear();
+            extended.clear();
             int again = 0;
-            if (readStores(folder, historyPath, true, now, result, activities, again) && result.error.isEmpty())
+            if (readStores(folder, historyPath, true, now, named, result, extended, again) && result.error.isEmpty())
                 result.error = QStringLiteral("History store was damaged and has been set aside as %1. It was "
                                               "rebuilt from Stintwatch's database.")
                                    .arg(QFileInfo(aside).fileName());
         }
     }
 
-    result.events = liveEvents(events, activities);
+    result.events = liveEvents(events, extended);
     appendJournal(store, result.events);
     return result;
 }
@@ -550,7 +773,14 @@ void StintwatchMonitor::setRunningCheck(std::function<bool()> running)
 
 HLProcessState StintwatchMonitor::trackerProcess() const
 {
-    return m_processCheck ? m_processCheck() : HLTrackerProcessState();
+    if (m_processCheck)
+        return m_processCheck();
+    // A scan's end, the status shown right after it and a tick all ask within moments of each other; a launch or
+    // quit is noticed at most this much later, well within the 15 s the monitor's own timer allows.
+    const qint64 at = clock().monotonicMs();
+    if (!m_lastLook || at - m_lastLook->first >= kProcessLookMs || at < m_lastLook->first)
+        m_lastLook = std::pair(at, HLTrackerProcessState());
+    return m_lastLook->second;
 }
 QDateTime StintwatchMonitor::now() const
 {
@@ -733,7 +963,8 @@ void StintwatchMonitor::scan(bool full)
         return;
     }
     m_busy = true;
-    m_queue->async([this, reader = m_reader, folder = m_folder, store = m_store, full, at = now()] {
+    m_queue->async([this, reader = m_reader, folder = m_folder, store = m_store, full,
+                       at = ScanTime {now(), clock().monotonicMs()}] {
         ScanResult result = reader->scan(folder, store, full, at);
         QMetaObject::invokeMethod(
             this, [this, result = std::move(result)] { publish(result); }, Qt::QueuedConnection);

@@ -123,6 +123,9 @@ private:
     const Clock *m_clock = nullptr;
     std::function<HLProcessState()> m_processCheck;
     int m_trackerSeen = -1; // -1 unknown, else whether the tracker ran at the last look
+    // The last look through the machine's processes and when it was taken (monotonic ms): one look serves every
+    // question asked within a short while, since each walks every process of the machine.
+    mutable std::optional<std::pair<qint64, HLProcessState>> m_lastLook;
     int m_scanCount = 0;
     // Owned by the queue's thread from the moment a scan is submitted; shared so queued work keeps it alive.
     std::shared_ptr<Reader> m_reader;

@@ -21,7 +21,7 @@ constexpr int64_t kMaxReserved = int64_t(1) << 20;
 // conversion itself: each doubling moves every record and touches fresh memory. The span of the row ids is
 // found in two index seeks and is the exact count for a table whose ids have no gaps, an upper bound for any
 // other; it is only an estimate, so a query that fails here (a table without row ids) just leaves it out.
-void reserveFor(DB &db, const std::vector<std::string> &tables, std::vector<Activity> &activities)
+int64_t rowEstimate(DB &db, const std::vector<std::string> &tables)
 {
     int64_t rows = 0;
     for (const std::string &table : tables) {
@@ -36,6 +36,11 @@ void reserveFor(DB &db, const std::vector<std::string> &tables, std::vector<Acti
         }
         sqlite3_finalize(span);
     }
+    return rows;
+}
+
+void reserve(std::vector<Activity> &activities, int64_t rows)
+{
     if (rows > 0 && rows <= kMaxReserved) {
         try {
             activities.reserve(static_cast<size_t>(rows));
@@ -43,6 +48,23 @@ void reserveFor(DB &db, const std::vector<std::string> &tables, std::vector<Acti
             // Only an estimate: the list grows as it is filled instead.
         }
     }
+}
+
+std::string rowQuery(const std::string &table, const RowFilter *filter)
+{
+    std::string sql
+        = "SELECT id,apiId,projectId,startTime,endTime,description,seconds,active,lastChanged FROM " + quote(table);
+    if (filter) {
+        // A row without a change time is always read: nothing says it is old.
+        sql += " WHERE lastChanged>=?1 OR lastChanged IS NULL OR id>?2";
+        if (!filter->ids.empty()) {
+            sql += " OR id IN (";
+            for (size_t i = 0; i < filter->ids.size(); ++i)
+                sql += (i ? ",?" : "?") + std::to_string(i + 3);
+            sql += ')';
+        }
+    }
+    return sql;
 }
 
 } // namespace
@@ -128,44 +150,84 @@ std::string quote(const std::string &name)
     return quoted;
 }
 
-std::vector<Activity> readActivities(const std::string &path)
+Activity ActivityView::activity() const
 {
-    DB db(path, SQLITE_OPEN_READONLY);
+    return Activity {std::string(source), std::string(description), id, api_id, project, start_ms, end_ms, seconds,
+        changed_ms, active};
+}
+
+ActivityReader::ActivityReader(const std::string &path)
+    : m_db(path, SQLITE_OPEN_READONLY)
+{
     // One snapshot for every table while the tracker keeps writing. Never committed: closing the connection
     // ends it, and a read-only connection has nothing to commit anyway.
-    db.exec("BEGIN");
-
-    std::vector<std::string> tables;
-    {
-        Statement list(db, "SELECT name FROM sqlite_master WHERE type='table' AND name LIKE '%_activity'");
-        while (list.step()) {
-            std::string name = column(list, 0);
-            // LIKE is case-insensitive and treats "_" as a wildcard; only the exact suffix names an account.
-            if (name.size() >= kActivitySuffix.size()
-                && std::string_view(name).substr(name.size() - kActivitySuffix.size()) == kActivitySuffix)
-                tables.push_back(std::move(name));
-        }
+    m_db.exec("BEGIN");
+    Statement list(m_db, "SELECT name FROM sqlite_master WHERE type='table' AND name LIKE '%_activity'");
+    while (list.step()) {
+        std::string name = column(list, 0);
+        // LIKE is case-insensitive and treats "_" as a wildcard; only the exact suffix names an account.
+        if (name.size() >= kActivitySuffix.size()
+            && std::string_view(name).substr(name.size() - kActivitySuffix.size()) == kActivitySuffix)
+            m_tables.push_back(std::move(name));
     }
+}
 
+int64_t ActivityReader::estimatedRows()
+{
+    return rowEstimate(m_db, m_tables);
+}
+
+ActivityRows::ActivityRows(ActivityReader &reader, size_t table, const RowFilter *filter)
+    : m_rows(reader.db(), rowQuery(reader.tables().at(table), filter))
+{
+    m_view.source = reader.tables()[table];
+    if (filter) {
+        sqlite3_stmt *s = m_rows.handle();
+        sqlite3_bind_int64(s, 1, filter->changedSince);
+        sqlite3_bind_int64(s, 2, filter->idAbove);
+        for (size_t i = 0; i < filter->ids.size(); ++i)
+            sqlite3_bind_int64(s, static_cast<int>(i) + 3, filter->ids[i]);
+    }
+}
+
+bool ActivityRows::next()
+{
+    if (!m_rows.step())
+        return false;
+    sqlite3_stmt *s = m_rows.handle();
+    m_view.id = sqlite3_column_int64(s, 0);
+    m_view.api_id = sqlite3_column_int64(s, 1);
+    m_view.project = sqlite3_column_int64(s, 2);
+    m_view.start_ms = sqlite3_column_int64(s, 3);
+    m_view.end_ms = sqlite3_column_int64(s, 4);
+    const auto *text = reinterpret_cast<const char *>(sqlite3_column_text(s, 5));
+    m_view.description
+        = text ? std::string_view(text, static_cast<size_t>(sqlite3_column_bytes(s, 5))) : std::string_view();
+    m_view.seconds = sqlite3_column_int64(s, 6);
+    m_view.active = sqlite3_column_int(s, 7);
+    m_view.changed_ms = sqlite3_column_int64(s, 8);
+    return true;
+}
+
+std::vector<Activity> readActivities(const std::string &path)
+{
+    ActivityReader reader(path);
     std::vector<Activity> activities;
-    reserveFor(db, tables, activities);
-    for (const std::string &table : tables) {
-        Statement rows(db,
-            "SELECT id,apiId,projectId,startTime,endTime,description,seconds,active,lastChanged FROM " + quote(table));
-        sqlite3_stmt *s = rows.handle();
-        while (rows.step()) {
+    reserve(activities, reader.estimatedRows());
+    for (size_t table = 0; table < reader.tables().size(); ++table) {
+        for (ActivityRows rows(reader, table); rows.next();) {
+            const ActivityView &v = rows.view();
             Activity &a = activities.emplace_back();
-            a.source = table;
-            a.id = sqlite3_column_int64(s, 0);
-            a.api_id = sqlite3_column_int64(s, 1);
-            a.project = sqlite3_column_int64(s, 2);
-            a.start_ms = sqlite3_column_int64(s, 3);
-            a.end_ms = sqlite3_column_int64(s, 4);
-            if (const auto *text = reinterpret_cast<const char *>(sqlite3_column_text(s, 5)))
-                a.description.assign(text, static_cast<size_t>(sqlite3_column_bytes(s, 5)));
-            a.seconds = sqlite3_column_int64(s, 6);
-            a.active = sqlite3_column_int(s, 7);
-            a.changed_ms = sqlite3_column_int64(s, 8);
+            a.source = reader.tables()[table];
+            a.id = v.id;
+            a.api_id = v.api_id;
+            a.project = v.project;
+            a.start_ms = v.start_ms;
+            a.end_ms = v.end_ms;
+            a.description.assign(v.description);
+            a.seconds = v.seconds;
+            a.active = v.active;
+            a.changed_ms = v.changed_ms;
         }
     }
     // A sparse table made the estimate far too large: give the unused room back.

@@ -7,10 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <stdexcept>
 #include <tuple>
 
@@ -27,29 +23,6 @@ std::string readError(const std::string &path)
         return error.what();
     }
     return "no error";
-}
-
-// Tests run as root here, and permissions only bite an ordinary user: read in a child that becomes nobody.
-std::string readErrorAsNobody(const std::string &path)
-{
-    int channel[2];
-    if (pipe(channel) != 0)
-        return "no pipe";
-    const pid_t child = fork();
-    if (child == 0) {
-        const std::string result
-            = setgid(65534) == 0 && setuid(65534) == 0 ? readError(path) : std::string("cannot drop privileges");
-        (void)!write(channel[1], result.data(), result.size());
-        _exit(0);
-    }
-    close(channel[1]);
-    std::string result;
-    char buffer[256];
-    for (ssize_t n; (n = read(channel[0], buffer, sizeof buffer)) > 0;)
-        result.append(buffer, static_cast<size_t>(n));
-    close(channel[0]);
-    waitpid(child, nullptr, 0);
-    return result;
 }
 
 class TrackerReader : public ::testing::Test
@@ -151,34 +124,6 @@ TEST_F(TrackerReader, UnusableFilesFailWithSqliteMessage)
     EXPECT_TRUE(tracker::readActivities(m_path).empty());
     runSql(m_path, "CREATE TABLE \"1_activity\"(id INTEGER, note TEXT);");
     EXPECT_EQ(readError(m_path), "no such column: apiId");
-}
-
-TEST_F(TrackerReader, UnreadableFileFails)
-{
-    char dir[] = "/tmp/hourloom-unreadable-XXXXXX"; // every user may enter it, unlike the test's HOME
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    const std::string path = std::string(dir) + "/Stintwatch.db";
-    runSql(path, accountTable("\"1_activity\""));
-    chmod(dir, 0755);
-    chmod(path.c_str(), 0);
-    const std::string error = geteuid() == 0 ? readErrorAsNobody(path) : readError(path);
-    QDir(QString::fromLatin1(dir)).removeRecursively();
-    if (error == "cannot drop privileges")
-        GTEST_SKIP() << "root without the right to change user: permissions cannot be tested";
-    EXPECT_EQ(error, "unable to open database file");
-}
-
-TEST_F(TrackerReader, RollbackModeWriterBlocksOnlyOnceItWritesTheFile)
-{
-    runSql(m_path, accountTable("\"1_activity\"") + "INSERT INTO \"1_activity\"(id) VALUES(1);");
-    {
-        SqliteChild writer(m_file, QStringLiteral("BEGIN IMMEDIATE; INSERT INTO \"1_activity\"(id) VALUES(2);"));
-        ASSERT_TRUE(writer.ready());
-        EXPECT_EQ(tracker::readActivities(m_path).size(), 1u); // the last commit
-    }
-    SqliteChild writer(m_file, QStringLiteral("BEGIN EXCLUSIVE; INSERT INTO \"1_activity\"(id) VALUES(2);"));
-    ASSERT_TRUE(writer.ready());
-    EXPECT_EQ(readError(m_path), "database is locked");
 }
 
 // The tracker runs its database in WAL mode and keeps writing while it is read.
