@@ -57,6 +57,10 @@ constexpr tracker::EventKind kHeartbeat = tracker::EventKind::ServiceHeartbeat;
 // further than the margin) is missed by such a read; a full read at least this often catches it.
 constexpr qint64 kChangeMarginMs = 10 * 60'000;
 constexpr qint64 kFullReadIntervalMs = 10 * 60'000;
+// Finding the rows stamped since the last read is a pass over every row. A scan whose log shows nothing but
+// heartbeats (the running activity, named by them, is looked up by id) makes that pass at most this often,
+// so an edit the log does not mention shows within this time; any other logged event makes it at once.
+constexpr qint64 kSweepIntervalMs = 60'000;
 // More heartbeat ids than this in one scan (a first read of a long log) make the read a full one.
 constexpr size_t kMaxNamedIds = 256;
 // Changed activities go to the store in batches of at most this many, so a first scan never holds them all.
@@ -261,6 +265,8 @@ struct StintwatchMonitor::Reader {
     std::unordered_map<std::string, Seen> seen;
     std::optional<qint64> lastFullRead;
     bool partialSinceFull = false;
+    std::optional<qint64> lastSweep;
+    bool heartbeatsOnly = false; // this scan's log has heartbeats and nothing else
     // The last history and summary read, reused while the store and the summary start stay the same.
     QString readStore;
     qint64 readSince = -1;
@@ -448,6 +454,7 @@ bool StintwatchMonitor::Reader::importTrackerDatabase(const QString &folder, con
         };
         const int64_t wallMs = now.wall.toMSecsSinceEpoch();
         std::unordered_map<std::string, Seen> seenNow;
+        const bool sweep = whole || !heartbeatsOnly || !lastSweep || now.monotonicMs - *lastSweep >= kSweepIntervalMs;
         for (size_t t = 0; t < reader.tables().size(); ++t) {
             const std::string &name = reader.tables()[t];
             const auto known = seen.find(name);
@@ -455,6 +462,7 @@ bool StintwatchMonitor::Reader::importTrackerDatabase(const QString &folder, con
             tracker::RowFilter filter;
             Seen table;
             if (partial) {
+                filter.sweep = sweep;
                 table = known->second;
                 // A change stamped in the future must not hide the edits of the next minutes.
                 const int64_t newest = std::min<int64_t>(table.changedMs, wallMs);
@@ -512,6 +520,8 @@ bool StintwatchMonitor::Reader::importTrackerDatabase(const QString &folder, con
             indexed = true;
         }
         inStore = false;
+        if (sweep)
+            lastSweep = now.monotonicMs;
         if (whole) {
             seen = std::move(seenNow);
             lastFullRead = now.monotonicMs;
@@ -699,6 +709,7 @@ StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
         if (tracker::eventKind(entry.event) == kHeartbeat)
             named.push_back(entry.event.activity);
     }
+    heartbeatsOnly = !events.empty() && named.size() == events.size(); // counted before duplicates go
     std::sort(named.begin(), named.end());
     named.erase(std::unique(named.begin(), named.end()), named.end());
 

@@ -55,8 +55,9 @@ std::string rowQuery(const std::string &table, const RowFilter *filter)
     std::string sql
         = "SELECT id,apiId,projectId,startTime,endTime,description,seconds,active,lastChanged FROM " + quote(table);
     if (filter) {
-        // A row without a change time is always read: nothing says it is old.
-        sql += " WHERE lastChanged>=?1 OR lastChanged IS NULL OR id>?2";
+        // A row without a change time is always read: nothing says it is old. Without the sweep, what is left
+        // are lookups in the row id's index; ?1 is then bound but unused.
+        sql += filter->sweep ? " WHERE lastChanged>=?1 OR lastChanged IS NULL OR id>?2" : " WHERE id>?2";
         if (!filter->ids.empty()) {
             sql += " OR id IN (";
             for (size_t i = 0; i < filter->ids.size(); ++i)

@@ -80,6 +80,8 @@ struct RowFilter {
     int64_t changedSince = 0;
     int64_t idAbove = 0;
     std::vector<int64_t> ids;
+    // False: only the id lookups, no pass over the table for the rows stamped since `changedSince`.
+    bool sweep = true;
 };
 
 // The tracker database at `path` opened read-only inside one snapshot (an uncommitted BEGIN, ended when the
