@@ -341,7 +341,7 @@ QVariant HTTPTransport::request(
 }
 
 QVariant HTTPTransport::request(const QString &url, const QString &method, const QVariant &body, const QString &token,
-    qint64 &status, RetryHint &hint) const
+    qint64 &status, RetryHint &hint, Decoder decode) const
 {
     QByteArray payload;
     const bool hasBody = body.isValid() && !body.isNull();
@@ -356,7 +356,7 @@ QVariant HTTPTransport::request(const QString &url, const QString &method, const
         QJsonParseError error;
         const QJsonDocument document = QJsonDocument::fromJson(received, &error);
         if (error.error == QJsonParseError::NoError && (document.isObject() || document.isArray()))
-            return document.toVariant();
+            return decode ? decode(document) : document.toVariant();
     }
     if (status >= 200 && status <= 299)
         HLServiceFail(kInvalid);

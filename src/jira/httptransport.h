@@ -7,6 +7,8 @@
 
 #include <chrono>
 
+class QJsonDocument;
+
 // The one place that talks HTTPS to Jira and the sign-in service: one synchronous JSON request per call.
 // Redirects are never followed (the 3xx is the answer), no cookie is ever kept or sent and nothing is cached.
 // One transport serves concurrent callers: every call has its own handle and result slots.
@@ -42,9 +44,12 @@ public:
     // non-2xx answer carries no JSON. `status` receives the HTTP status. Throws "JiraError" (HLServiceFail).
     QVariant request(
         const QString &url, const QString &method, const QVariant &body, const QString &token, qint64 &status) const;
-    // The same, also reporting the answer's retry headers.
+    // Turns a JSON answer (an object or an array) into the value a request returns.
+    using Decoder = QVariant (*)(const QJsonDocument &document);
+    // The same, also reporting the answer's retry headers; `decode` (null: the whole document) may keep only
+    // what the caller reads of a large answer, sparing the records it would otherwise build and free.
     QVariant request(const QString &url, const QString &method, const QVariant &body, const QString &token,
-        qint64 &status, RetryHint &hint) const;
+        qint64 &status, RetryHint &hint, Decoder decode = nullptr) const;
 
     // A GET whose body the caller reads itself (an appcast, a download, an answer whose size matters), with
     // the same TLS, limits and redirect refusal. Returns the body; `status` receives the HTTP status. A body

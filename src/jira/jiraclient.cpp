@@ -106,7 +106,8 @@ bool JiraClient::connected() const
     return !offline() && m_session.connected();
 }
 
-QVariant JiraClient::api(const QString &path, const QString &method, const QVariant &body)
+QVariant JiraClient::api(
+    const QString &path, const QString &method, const QVariant &body, HTTPTransport::Decoder decode)
 {
     const QString url = endpoints::gatewayOrigin() + path;
     const bool read = method == QLatin1String("GET");
@@ -116,7 +117,7 @@ QVariant JiraClient::api(const QString &path, const QString &method, const QVari
     for (int attempt = 1;; ++attempt) {
         qint64 status = 0;
         HTTPTransport::RetryHint hint;
-        const QVariant answer = m_session.transport().request(url, method, body, token, status, hint);
+        const QVariant answer = m_session.transport().request(url, method, body, token, status, hint, decode);
         if (status >= 200 && status < 300) {
             // Paced before Jira has to refuse: the next request waits for a fresh budget.
             if (hint.nearLimit)
@@ -239,6 +240,58 @@ QVariantMap JiraClient::issueDetails(const QString &issue, const QString &cloud)
     return details;
 }
 
+namespace
+{
+
+// A page of worklogs with each worklog in the fields the comparison reads: a worklog as Jira sends it carries
+// two author records, avatars and links besides, which would only be built to be freed again. Anything not
+// shaped as expected is kept whole, for the checks that follow to judge.
+QVariant worklogPage(const QJsonDocument &document)
+{
+    if (!document.isObject())
+        return document.toVariant();
+    QVariantMap page;
+    const QJsonObject object = document.object();
+    for (auto it = object.begin(); it != object.end(); ++it) {
+        if (it.key() != JiraPageKey::kWorklogs || !it->isArray()) {
+            page.insert(it.key(), it->toVariant());
+            continue;
+        }
+        QVariantList worklogs;
+        const QJsonArray items = it->toArray();
+        worklogs.reserve(items.size());
+        for (const QJsonValue item : items) {
+            if (!item.isObject()) {
+                worklogs.append(item.toVariant());
+                continue;
+            }
+            const QJsonObject worklog = item.toObject();
+            QVariantMap slim;
+            for (const QString &key : {WorklogKey::kId, WorklogKey::kStarted, WorklogKey::kTimeSpentSeconds,
+                     WorklogKey::kComment, WorklogKey::kProperties}) {
+                const auto found = worklog.constFind(key);
+                if (found != worklog.constEnd())
+                    slim.insert(key, found->toVariant());
+            }
+            const auto author = worklog.constFind(WorklogKey::kAuthor);
+            if (author != worklog.constEnd()) {
+                const QJsonObject fields = author->toObject();
+                const auto account = fields.constFind(WorklogKey::kAccountId);
+                slim.insert(WorklogKey::kAuthor,
+                    !author->isObject() ? author->toVariant()
+                        : account == fields.end()
+                        ? QVariant(QVariantMap())
+                        : QVariant(QVariantMap {{WorklogKey::kAccountId, account->toVariant()}}));
+            }
+            worklogs.append(slim);
+        }
+        page.insert(it.key(), worklogs);
+    }
+    return page;
+}
+
+} // namespace
+
 QVariantList JiraClient::worklogs(const QString &issue, const QString &cloud, const QDateTime &startedAfter,
     const QDateTime &startedBefore, const Progress &progress)
 {
@@ -257,7 +310,7 @@ QVariantList JiraClient::worklogs(const QString &issue, const QString &cloud, co
             HLServiceFail(QStringLiteral("Too many worklogs to verify safely."));
         const QString path = base + QStringLiteral("/worklog?startAt=%1&maxResults=1000").arg(startAt) + filter
             + QStringLiteral("&expand=properties");
-        const QVariantMap answer = api(path, QStringLiteral("GET")).toMap();
+        const QVariantMap answer = api(path, QStringLiteral("GET"), {}, worklogPage).toMap();
         const QVariant pageLogs = answer.value(JiraPageKey::kWorklogs);
         const QVariant total = answer.value(JiraPageKey::kTotal);
         if (pageLogs.typeId() != QMetaType::QVariantList || !HLIsJSONNumber(total))

@@ -58,7 +58,8 @@ public:
     // Gateway origin + `path` with the current token; a non-2xx status throws "Jira returned HTTP ...", with
     // Jira's own reason as the failure's detail. A read that Jira limits (429, 503) waits as Jira asks and is
     // sent again; a read refused with 401 is sent once more with a renewed token. A write is never resent.
-    QVariant api(const QString &path, const QString &method, const QVariant &body = {});
+    QVariant api(
+        const QString &path, const QString &method, const QVariant &body = {}, HTTPTransport::Decoder decode = nullptr);
 
     // Told (on the work queue) each time a read waits for Jira, with the text to show. Set before any call.
     void setWaitNotice(WaitNotice notice) { m_waitNotice = std::move(notice); }
