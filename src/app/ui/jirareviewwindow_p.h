@@ -50,6 +50,14 @@ struct JiraReviewWindowController::Private {
     QVariantMap resolvedSession(const QVariantMap &session, const review::ReceiptIndex &receipts);
     void applyWindowKeys(QVariantList &rows, const review::ReceiptIndex &receipts);
     void refreshDerivedKeys();
+    // The keys that follow the operation alone (whether a row may be ticked or its amount edited, its progress
+    // text): starting or ending an operation changes nothing else, so this pass skips locks, titles and
+    // combinations. Each returns whether the row changed.
+    bool applyOperationKeys(QVariantMap &row, const QHash<QString, bool> *pending) const;
+    bool applyProgressKeys(QVariantMap &row) const;
+    void refreshOperationKeys();
+    // The model row of a session's source key, -1 when it has none.
+    int rowForSource(const QString &sourceKey);
     void restoreViewState(const QSet<QString> &selected);
     void updatePostButton();
     void setStatus(const QString &text);
@@ -59,7 +67,10 @@ struct JiraReviewWindowController::Private {
 
     // Jira operations (reviewoperations.cpp).
     void startCompare(bool automatic);
-    void finishCompare(qint64 operation, const QVariantMap &result, const QVariantList &sent);
+    void finishCompare(qint64 operation, const QVariantMap &result);
+    // Puts a check's outcome into the rows it was made for, in place; false when a row changed since it was
+    // sent (or was not sent), and only a rebuild of the period applies the outcome correctly.
+    bool applyComparison(QVariantList &rows) const;
     void startPost();
     // `done`, when set, learns the outcome even when the result is otherwise dropped as superseded.
     using PostDone = std::function<void(bool ok, const QString &error)>;
@@ -159,7 +170,7 @@ struct JiraReviewWindowController::Private {
     QHash<QString, QString> progress;
     QSet<QString> progressActive;
     QSet<QString> lockedSet;
-    // Source key -> row, for the live update; rebuilt lazily after every reload.
+    // Source key -> row, for the live update and per-row progress; rebuilt lazily after every reload.
     QHash<QString, int> rowBySource;
     QVariantMap receipts;
     QDateTime receiptsStamp;

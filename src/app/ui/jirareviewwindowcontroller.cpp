@@ -474,7 +474,6 @@ void JiraReviewWindowController::Private::applyWindowKeys(QVariantList &rows, co
     for (qsizetype i = 0; i < rows.size(); ++i) {
         QVariant &item = rows[i];
         QVariantMap row = item.toMap();
-        const QString sourceKey = str(row, QStringLiteral("source_key"));
         row.insert(QStringLiteral("history_row"), history());
         const QString &key = keys[i];
         const auto combined = key.isNull()
@@ -487,10 +486,6 @@ void JiraReviewWindowController::Private::applyWindowKeys(QVariantList &rows, co
         const review::Lock lock
             = history() ? review::Lock::None : review::lockedSession(row, cloud, account, lockedSet, index);
         row.insert(QStringLiteral("locked"), int(lock));
-        row.insert(QStringLiteral("can_tick"), review::canSelectDraft(row, busy, lock != review::Lock::None, pending));
-        row.insert(QStringLiteral("can_edit_post"), review::toPostEditable(row, busy, lock == review::Lock::Recorded));
-        if (!row.value(QStringLiteral("can_tick")).toBool() && !pending && !busy)
-            row.insert(QStringLiteral("include"), false);
         const QString issue = str(row, QStringLiteral("issue"));
         QString title = str(row, QStringLiteral("issue_title"));
         if (title.isEmpty() && !cloud.isEmpty() && !issue.isEmpty())
@@ -504,15 +499,79 @@ void JiraReviewWindowController::Private::applyWindowKeys(QVariantList &rows, co
                     row.insert(QLatin1String(into), details.value(QLatin1String(from)));
             }
         }
-        if (progress.contains(sourceKey)) {
-            row.insert(QStringLiteral("progress"), progress.value(sourceKey));
-            row.insert(QStringLiteral("progress_active"), progressActive.contains(sourceKey));
-        } else {
-            row.remove(QStringLiteral("progress"));
-            row.remove(QStringLiteral("progress_active"));
-        }
+        applyOperationKeys(row, pending);
         item = row;
     }
+}
+
+namespace
+{
+
+// Inserts only a value that differs, so an unchanged row keeps sharing its data with the model's copy.
+bool setIfChanged(QVariantMap &row, const QString &key, const QVariant &value)
+{
+    const auto found = std::as_const(row).constFind(key);
+    if (found != row.cend() && found.value() == value)
+        return false;
+    row.insert(key, value);
+    return true;
+}
+
+bool removeIfPresent(QVariantMap &row, const QString &key)
+{
+    return std::as_const(row).contains(key) && row.remove(key) > 0;
+}
+
+} // namespace
+
+bool JiraReviewWindowController::Private::applyOperationKeys(
+    QVariantMap &row, const QHash<QString, bool> *pending) const
+{
+    const auto lock = review::Lock(row.value(QStringLiteral("locked")).toInt());
+    const bool canTick = review::canSelectDraft(row, busy, lock != review::Lock::None, pending);
+    bool changed = setIfChanged(row, QStringLiteral("can_tick"), canTick);
+    changed |= setIfChanged(
+        row, QStringLiteral("can_edit_post"), review::toPostEditable(row, busy, lock == review::Lock::Recorded));
+    if (!canTick && !pending && !busy)
+        changed |= setIfChanged(row, QStringLiteral("include"), false);
+    return applyProgressKeys(row) || changed;
+}
+
+bool JiraReviewWindowController::Private::applyProgressKeys(QVariantMap &row) const
+{
+    const QString sourceKey = str(row, QStringLiteral("source_key"));
+    const auto found = progress.constFind(sourceKey);
+    if (found == progress.cend())
+        return removeIfPresent(row, QStringLiteral("progress"))
+            | removeIfPresent(row, QStringLiteral("progress_active"));
+    return setIfChanged(row, QStringLiteral("progress"), found.value())
+        | setIfChanged(row, QStringLiteral("progress_active"), progressActive.contains(sourceKey));
+}
+
+void JiraReviewWindowController::Private::refreshOperationKeys()
+{
+    QVariantList rows = model->rows();
+    const QHash<QString, bool> *pending = intent ? &*intent : nullptr;
+    bool changed = false;
+    for (QVariant &item : rows) {
+        QVariantMap row = item.toMap();
+        if (applyOperationKeys(row, pending)) {
+            item = row;
+            changed = true;
+        }
+    }
+    if (changed)
+        model->setRows(rows);
+}
+
+int JiraReviewWindowController::Private::rowForSource(const QString &sourceKey)
+{
+    if (rowBySource.size() != model->rows().size()) {
+        rowBySource.clear();
+        for (int row = 0; row < model->rows().size(); ++row)
+            rowBySource.insert(str(model->row(row), QStringLiteral("source_key")), row);
+    }
+    return rowBySource.value(sourceKey, -1);
 }
 
 void JiraReviewWindowController::Private::refreshDerivedKeys()
@@ -635,28 +694,23 @@ bool JiraReviewWindowController::Private::liveUpdate(const QVariantList &fresh)
                 return false;
         changed.append(i);
     }
-    if (!changed.isEmpty() && rowBySource.size() != model->rows().size()) {
-        rowBySource.clear();
-        for (int row = 0; row < model->rows().size(); ++row)
-            rowBySource.insert(str(model->row(row), QStringLiteral("source_key")), row);
-    }
     const review::ReceiptIndex none;
     bool rowsChanged = false;
     for (int i : std::as_const(changed)) {
         const QVariantMap session = fresh[i].toMap();
-        const auto found = rowBySource.constFind(JRSourceKey(session));
-        if (found == rowBySource.cend())
+        const int found = rowForSource(JRSourceKey(session));
+        if (found < 0)
             continue; // outside the period
         const QVariantList built = JRBuildDrafts({resolvedSession(session, none)}, sessionDate(session).startOfDay());
         if (built.size() != 1)
             return false;
         const QVariantMap draft = built.first().toMap();
-        QVariantMap row = model->row(found.value());
+        QVariantMap row = model->row(found);
         for (const char *key :
             {"seconds", "source_milliseconds", "logged_seconds", "remaining_seconds", "post_seconds", "session"})
             row.insert(QLatin1String(key), draft.value(QLatin1String(key)));
-        if (row != model->row(found.value())) {
-            model->updateRow(found.value(), row);
+        if (row != model->row(found)) {
+            model->updateRow(found, row);
             rowsChanged = true;
         }
     }

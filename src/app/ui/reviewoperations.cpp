@@ -44,7 +44,7 @@ void JiraReviewWindowController::Private::setBusy(bool isBusy, bool isPosting)
     busy = isBusy;
     posting = isPosting;
     tree->setSpinning(isBusy);
-    refreshDerivedKeys();
+    refreshOperationKeys();
     updatePostButton();
     updateConnectionControls();
     if (postingChanged)
@@ -54,6 +54,7 @@ void JiraReviewWindowController::Private::setBusy(bool isBusy, bool isPosting)
 
 void JiraReviewWindowController::Private::setRowProgress(const QStringList &keys, const QString &text, bool active)
 {
+    // Only the named rows change: a check of a heavy day sends several events per issue.
     for (const QString &key : keys) {
         if (text.isEmpty())
             progress.remove(key);
@@ -63,8 +64,13 @@ void JiraReviewWindowController::Private::setRowProgress(const QStringList &keys
             progressActive.insert(key);
         else
             progressActive.remove(key);
+        const int index = rowForSource(key);
+        if (index < 0)
+            continue;
+        QVariantMap row = model->row(index);
+        if (applyProgressKeys(row))
+            model->updateRow(index, row);
     }
-    refreshDerivedKeys();
 }
 
 void JiraReviewWindowController::Private::startCompare(bool automatic)
@@ -107,15 +113,31 @@ void JiraReviewWindowController::Private::startCompare(bool automatic)
     setBusy(true, false);
 
     const QString site = cloud;
+    const QString directory = store;
     QPointer<JiraReviewWindowController> self(q);
-    client->queue().async([this, self, operation, sent, site] {
-        const QVariantMap result
-            = service->compareDrafts(sent, site, [self, this, operation](const QVariantMap &event) {
-                  QMetaObject::invokeMethod(
-                      self, [self, this, operation, event] { progressEvent(operation, event); }, Qt::QueuedConnection);
-              });
+    client->queue().async([this, self, operation, sent, site, directory] {
+        QVariantMap result = service->compareDrafts(sent, site, [self, this, operation](const QVariantMap &event) {
+            QMetaObject::invokeMethod(
+                self, [self, this, operation, event] { progressEvent(operation, event); }, Qt::QueuedConnection);
+        });
+        // The outcome is stored and stamped here, off the main thread: for a heavy day the cache file and the
+        // fingerprints are the larger part of the work.
+        if (!result.contains(QStringLiteral("error"))) {
+            const QDateTime now = QDateTime::currentDateTime();
+            QVariantList drafts = result.value(QStringLiteral("drafts")).toList();
+            ComparisonCache(directory).saveDrafts(drafts, site, str(result, QStringLiteral("account")), now);
+            for (QVariant &item : drafts) {
+                QVariantMap draft = item.toMap();
+                draft.insert(QStringLiteral("comparison_at"), now);
+                draft.insert(QStringLiteral("comparison_current"), true);
+                draft.insert(QStringLiteral("fingerprint"), JRComparisonFingerprint(draft));
+                item = draft;
+            }
+            result.insert(QStringLiteral("drafts"), drafts);
+            result.insert(QStringLiteral("checked_at"), now);
+        }
         QMetaObject::invokeMethod(
-            self, [this, operation, result, sent] { finishCompare(operation, result, sent); }, Qt::QueuedConnection);
+            self, [this, operation, result] { finishCompare(operation, result); }, Qt::QueuedConnection);
     });
 }
 
@@ -168,8 +190,7 @@ void JiraReviewWindowController::Private::progressEvent(qint64 operation, const 
     progressLabel->setText(progressText + QStringLiteral(" · ") + count);
 }
 
-void JiraReviewWindowController::Private::finishCompare(
-    qint64 operation, const QVariantMap &result, const QVariantList &sent)
+void JiraReviewWindowController::Private::finishCompare(qint64 operation, const QVariantMap &result)
 {
     if (operation != serial)
         return;
@@ -185,48 +206,74 @@ void JiraReviewWindowController::Private::finishCompare(
             error.isEmpty() ? QStringLiteral("Jira request failed.") : error, str(result, QStringLiteral("detail"))));
         return;
     }
-    const QDateTime now = QDateTime::currentDateTime();
     account = str(result, QStringLiteral("account"));
     QSettings settings;
     QVariantMap accounts = settings.value(kAccountsByCloud).toMap();
     accounts.insert(cloud, account);
     settings.setValue(kAccountsByCloud, accounts);
 
-    QVariantList drafts = result.value(QStringLiteral("drafts")).toList();
-    cache.saveDrafts(drafts, cloud, account, now);
     compared.clear();
     checkedDays.clear();
-    for (const QVariant &item : std::as_const(drafts)) {
-        QVariantMap draft = item.toMap();
-        draft.insert(QStringLiteral("comparison_at"), now);
-        draft.insert(QStringLiteral("comparison_current"), true);
-        draft.insert(QStringLiteral("fingerprint"), JRComparisonFingerprint(draft));
+    for (const QVariant &item : result.value(QStringLiteral("drafts")).toList()) {
+        const QVariantMap draft = item.toMap();
         compared.insert(str(draft, QStringLiteral("source_key")), draft);
         checkedDays.insert(str(draft, QStringLiteral("started")).left(10));
     }
-    Q_UNUSED(sent);
-    comparisonAt = now;
+    comparisonAt = result.value(QStringLiteral("checked_at")).toDateTime();
     const std::optional<QHash<QString, bool>> wanted = intent;
     intent.reset();
     busy = false;
-    reload();
-    QVariantList rows = model->rows();
-    for (QVariant &item : rows) {
-        QVariantMap row = item.toMap();
-        row.insert(QStringLiteral("include"), row.value(QStringLiteral("eligible")).toBool());
-        item = row;
-    }
-    const int refused = review::settleSelectionIntent(rows, wanted ? &*wanted : nullptr);
-    model->setRows(rows);
     progress.clear();
     progressActive.clear();
+    QVariantList rows = model->rows();
+    if (!applyComparison(rows)) {
+        reload();
+        rows = model->rows();
+    }
+    for (QVariant &item : rows) {
+        QVariantMap row = item.toMap();
+        const bool eligible = row.value(QStringLiteral("eligible")).toBool();
+        if (row.value(QStringLiteral("include")).toBool() != eligible) {
+            row.insert(QStringLiteral("include"), eligible);
+            item = row;
+        }
+    }
+    const int refused = review::settleSelectionIntent(rows, wanted ? &*wanted : nullptr);
+    refreshReceipts();
+    applyWindowKeys(rows, review::ReceiptIndex(receipts, cloud));
+    model->setRows(rows);
     setBusy(false, false);
     ticksChosen = true;
-    setStatus(refused > 0 ? review::untickedMessage(refused) : review::checkedText(comparisonAt, now));
+    setStatus(refused > 0 ? review::untickedMessage(refused)
+                          : review::checkedText(comparisonAt, QDateTime::currentDateTime()));
     if (postAfterCheck) {
         postAfterCheck = false;
         startPost();
     }
+}
+
+bool JiraReviewWindowController::Private::applyComparison(QVariantList &rows) const
+{
+    for (QVariant &item : rows) {
+        QVariantMap row = item.toMap();
+        const auto found = compared.constFind(str(row, QStringLiteral("source_key")));
+        if (found == compared.cend())
+            return false;
+        const QVariantMap &last = found.value();
+        // A title that arrived during the check changes the comment the engine would send; the row keeps the
+        // comment that was checked, as a rebuild does.
+        if (str(last, QStringLiteral("issue_title")) != str(row, QStringLiteral("issue_title"))) {
+            row.insert(QStringLiteral("issue_title"), last.value(QStringLiteral("issue_title")));
+            row.insert(QStringLiteral("comment"), last.value(QStringLiteral("comment")));
+        }
+        if (str(last, QStringLiteral("fingerprint")) != JRComparisonFingerprint(row))
+            return false;
+        for (const char *field : {"status", "eligible", "existing", "manual_matches", "marker", "comparison_at",
+                 "comparison_current", "manual_worklog_id"})
+            row.insert(QLatin1String(field), last.value(QLatin1String(field)));
+        item = row;
+    }
+    return true;
 }
 
 void JiraReviewWindowController::Private::startPost()
