@@ -67,10 +67,11 @@ struct JiraReviewWindowController::Private {
 
     // Jira operations (reviewoperations.cpp).
     void startCompare(bool automatic);
-    void finishCompare(qint64 operation, const QVariantMap &result);
+    // `sentPrints`: source key -> comparison fingerprint of each row as it was sent.
+    void finishCompare(qint64 operation, const QVariantMap &result, const QHash<QString, QString> &sentPrints);
     // Puts a check's outcome into the rows it was made for, in place; false when a row changed since it was
     // sent (or was not sent), and only a rebuild of the period applies the outcome correctly.
-    bool applyComparison(QVariantList &rows) const;
+    bool applyComparison(QVariantList &rows, const QHash<QString, QString> &sentPrints) const;
     void startPost();
     // `done`, when set, learns the outcome even when the result is otherwise dropped as superseded.
     using PostDone = std::function<void(bool ok, const QString &error)>;
@@ -172,6 +173,9 @@ struct JiraReviewWindowController::Private {
     QSet<QString> lockedSet;
     // Source key -> row, for the live update and per-row progress; rebuilt lazily after every reload.
     QHash<QString, int> rowBySource;
+    // Since the running check was sent: whether the rows were rebuilt, and the rows a live update changed.
+    bool rebuiltSinceCheck = false;
+    QSet<QString> touchedSinceCheck;
     QVariantMap receipts;
     QDateTime receiptsStamp;
     QString receiptsError;

@@ -591,6 +591,7 @@ void JiraReviewWindowController::Private::reload()
     const int scroll = tree->verticalScrollBar()->value();
     const bool inPlace = model->setRows(buildRows());
     rowBySource.clear();
+    rebuiltSinceCheck = true;
     if (!inPlace) {
         restoreViewState(selected);
         if (!current.isEmpty())
@@ -710,6 +711,7 @@ bool JiraReviewWindowController::Private::liveUpdate(const QVariantList &fresh)
             {"seconds", "source_milliseconds", "logged_seconds", "remaining_seconds", "post_seconds", "session"})
             row.insert(QLatin1String(key), draft.value(QLatin1String(key)));
         if (row != model->row(found)) {
+            touchedSinceCheck.insert(str(row, QStringLiteral("source_key")));
             model->updateRow(found, row);
             rowsChanged = true;
         }

@@ -115,7 +115,14 @@ void JiraReviewWindowController::Private::startCompare(bool automatic)
     const QString site = cloud;
     const QString directory = store;
     QPointer<JiraReviewWindowController> self(q);
+    rebuiltSinceCheck = false;
+    touchedSinceCheck.clear();
     client->queue().async([this, self, operation, sent, site, directory] {
+        QHash<QString, QString> sentPrints;
+        for (const QVariant &item : sent) {
+            const QVariantMap row = item.toMap();
+            sentPrints.insert(str(row, QStringLiteral("source_key")), JRComparisonFingerprint(row));
+        }
         QVariantMap result = service->compareDrafts(sent, site, [self, this, operation](const QVariantMap &event) {
             QMetaObject::invokeMethod(
                 self, [self, this, operation, event] { progressEvent(operation, event); }, Qt::QueuedConnection);
@@ -137,7 +144,8 @@ void JiraReviewWindowController::Private::startCompare(bool automatic)
             result.insert(QStringLiteral("checked_at"), now);
         }
         QMetaObject::invokeMethod(
-            self, [this, operation, result] { finishCompare(operation, result); }, Qt::QueuedConnection);
+            self, [this, operation, result, sentPrints] { finishCompare(operation, result, sentPrints); },
+            Qt::QueuedConnection);
     });
 }
 
@@ -190,7 +198,8 @@ void JiraReviewWindowController::Private::progressEvent(qint64 operation, const 
     progressLabel->setText(progressText + QStringLiteral(" · ") + count);
 }
 
-void JiraReviewWindowController::Private::finishCompare(qint64 operation, const QVariantMap &result)
+void JiraReviewWindowController::Private::finishCompare(
+    qint64 operation, const QVariantMap &result, const QHash<QString, QString> &sentPrints)
 {
     if (operation != serial)
         return;
@@ -226,7 +235,7 @@ void JiraReviewWindowController::Private::finishCompare(qint64 operation, const 
     progress.clear();
     progressActive.clear();
     QVariantList rows = model->rows();
-    if (!applyComparison(rows)) {
+    if (!applyComparison(rows, sentPrints)) {
         reload();
         rows = model->rows();
     }
@@ -252,21 +261,30 @@ void JiraReviewWindowController::Private::finishCompare(qint64 operation, const 
     }
 }
 
-bool JiraReviewWindowController::Private::applyComparison(QVariantList &rows) const
+bool JiraReviewWindowController::Private::applyComparison(
+    QVariantList &rows, const QHash<QString, QString> &sentPrints) const
 {
+    if (rebuiltSinceCheck)
+        return false;
     for (QVariant &item : rows) {
         QVariantMap row = item.toMap();
-        const auto found = compared.constFind(str(row, QStringLiteral("source_key")));
+        const QString key = str(row, QStringLiteral("source_key"));
+        const auto found = compared.constFind(key);
         if (found == compared.cend())
             return false;
         const QVariantMap &last = found.value();
-        // A title that arrived during the check changes the comment the engine would send; the row keeps the
-        // comment that was checked, as a rebuild does.
+        // A row as it was sent has its fingerprint from the Jira queue; only a row a live update changed, or
+        // whose title the check saw differently, needs it again here.
+        QString print = sentPrints.value(key);
         if (str(last, QStringLiteral("issue_title")) != str(row, QStringLiteral("issue_title"))) {
+            // The row keeps the comment that was checked, as a rebuild does.
             row.insert(QStringLiteral("issue_title"), last.value(QStringLiteral("issue_title")));
             row.insert(QStringLiteral("comment"), last.value(QStringLiteral("comment")));
+            print = JRComparisonFingerprint(row);
+        } else if (touchedSinceCheck.contains(key) || print.isNull()) {
+            print = JRComparisonFingerprint(row);
         }
-        if (str(last, QStringLiteral("fingerprint")) != JRComparisonFingerprint(row))
+        if (str(last, QStringLiteral("fingerprint")) != print)
             return false;
         for (const char *field : {"status", "eligible", "existing", "manual_matches", "marker", "comparison_at",
                  "comparison_current", "manual_worklog_id"})
