@@ -17,6 +17,7 @@
 #include <QDateTime>
 #include <QHash>
 #include <QSet>
+#include <QTimer>
 #include <QVariantMap>
 
 #include <functional>
@@ -67,11 +68,22 @@ struct JiraReviewWindowController::Private {
 
     // Jira operations (reviewoperations.cpp).
     void startCompare(bool automatic);
-    // `sentPrints`: source key -> comparison fingerprint of each row as it was sent.
-    void finishCompare(qint64 operation, const QVariantMap &result, const QHash<QString, QString> &sentPrints);
-    // Puts a check's outcome into the rows it was made for, in place; false when a row changed since it was
-    // sent (or was not sent), and only a rebuild of the period applies the outcome correctly.
-    bool applyComparison(QVariantList &rows, const QHash<QString, QString> &sentPrints) const;
+    // The rows of a check as they were sent, with its outcome put in, the ticks settled against the intent the
+    // check started with, and how many intended ticks were refused; not valid when the outcome does not fit.
+    struct CheckedRows {
+        QVariantList rows;
+        bool valid = false;
+        int refused = 0;
+        std::optional<QHash<QString, bool>> intent;
+    };
+    static CheckedRows checkedRows(
+        const QVariantList &sent, const QVariantList &drafts, const std::optional<QHash<QString, bool>> &wanted);
+    void finishCompare(qint64 operation, const QVariantMap &result, const CheckedRows &checked);
+    // Puts a check's outcome (source key -> compared draft) into the rows; false when a row was not checked or
+    // changed since, and only a rebuild of the period applies the outcome correctly.
+    static bool applyComparison(QVariantList &rows, const QHash<QString, QVariantMap> &outcome);
+    // Ticks every eligible row and unticks the others, as a check does before it settles the intent.
+    static void includeEligible(QVariantList &rows);
     void startPost();
     // `done`, when set, learns the outcome even when the result is otherwise dropped as superseded.
     using PostDone = std::function<void(bool ok, const QString &error)>;
@@ -176,6 +188,9 @@ struct JiraReviewWindowController::Private {
     // Since the running check was sent: whether the rows were rebuilt, and the rows a live update changed.
     bool rebuiltSinceCheck = false;
     QSet<QString> touchedSinceCheck;
+    // Titles that arrive rebuild the rows once per burst, and not before a running operation ends.
+    bool titlesChanged = false;
+    QTimer titleReload;
     QVariantMap receipts;
     QDateTime receiptsStamp;
     QString receiptsError;

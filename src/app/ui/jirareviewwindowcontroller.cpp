@@ -79,7 +79,18 @@ JiraReviewWindowController::JiraReviewWindowController(
     , d(new Private(this, store, credentialService))
 {
     d->buildWindow();
-    d->titles->setDidChange([this] { d->reload(); });
+    d->titleReload.setSingleShot(true);
+    d->titleReload.setInterval(100);
+    QObject::connect(&d->titleReload, &QTimer::timeout, this, [this] {
+        if (d->busy)
+            return; // the operation's end starts the timer again
+        d->reload();
+    });
+    d->titles->setDidChange([this] {
+        d->titlesChanged = true;
+        if (!d->busy)
+            d->titleReload.start();
+    });
     // Told on the work queue while a read waits for a rate-limited Jira; shown until the operation ends.
     QPointer<JiraReviewWindowController> self(this);
     d->client->setWaitNotice([self, this](const QString &text) {
@@ -589,6 +600,7 @@ void JiraReviewWindowController::Private::reload()
         selected.insert(index.data(ReviewModel::SourceKeyRole).toString());
     const QString current = tree->currentIndex().data(ReviewModel::SourceKeyRole).toString();
     const int scroll = tree->verticalScrollBar()->value();
+    titlesChanged = false;
     const bool inPlace = model->setRows(buildRows());
     rowBySource.clear();
     rebuiltSinceCheck = true;

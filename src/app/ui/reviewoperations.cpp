@@ -44,6 +44,8 @@ void JiraReviewWindowController::Private::setBusy(bool isBusy, bool isPosting)
     busy = isBusy;
     posting = isPosting;
     tree->setSpinning(isBusy);
+    if (!isBusy && titlesChanged)
+        titleReload.start();
     refreshOperationKeys();
     updatePostButton();
     updateConnectionControls();
@@ -117,18 +119,15 @@ void JiraReviewWindowController::Private::startCompare(bool automatic)
     QPointer<JiraReviewWindowController> self(q);
     rebuiltSinceCheck = false;
     touchedSinceCheck.clear();
-    client->queue().async([this, self, operation, sent, site, directory] {
-        QHash<QString, QString> sentPrints;
-        for (const QVariant &item : sent) {
-            const QVariantMap row = item.toMap();
-            sentPrints.insert(str(row, QStringLiteral("source_key")), JRComparisonFingerprint(row));
-        }
+    const std::optional<QHash<QString, bool>> wanted = intent;
+    client->queue().async([this, self, operation, sent, site, directory, wanted] {
         QVariantMap result = service->compareDrafts(sent, site, [self, this, operation](const QVariantMap &event) {
             QMetaObject::invokeMethod(
                 self, [self, this, operation, event] { progressEvent(operation, event); }, Qt::QueuedConnection);
         });
-        // The outcome is stored and stamped here, off the main thread: for a heavy day the cache file and the
-        // fingerprints are the larger part of the work.
+        // The outcome is stored, stamped and put into the rows as they were sent here, off the main thread:
+        // for a heavy day that is most of the work of a check after the network.
+        CheckedRows checked;
         if (!result.contains(QStringLiteral("error"))) {
             const QDateTime now = QDateTime::currentDateTime();
             QVariantList drafts = result.value(QStringLiteral("drafts")).toList();
@@ -142,11 +141,45 @@ void JiraReviewWindowController::Private::startCompare(bool automatic)
             }
             result.insert(QStringLiteral("drafts"), drafts);
             result.insert(QStringLiteral("checked_at"), now);
+            checked = checkedRows(sent, drafts, wanted);
         }
         QMetaObject::invokeMethod(
-            self, [this, operation, result, sentPrints] { finishCompare(operation, result, sentPrints); },
+            self, [this, operation, result, checked] { finishCompare(operation, result, checked); },
             Qt::QueuedConnection);
     });
+}
+
+JiraReviewWindowController::Private::CheckedRows JiraReviewWindowController::Private::checkedRows(
+    const QVariantList &sent, const QVariantList &drafts, const std::optional<QHash<QString, bool>> &wanted)
+{
+    QHash<QString, QVariantMap> compared;
+    for (const QVariant &item : drafts) {
+        const QVariantMap draft = item.toMap();
+        compared.insert(str(draft, QStringLiteral("source_key")), draft);
+    }
+    CheckedRows checked;
+    checked.rows = sent;
+    checked.valid = applyComparison(checked.rows, compared);
+    if (!checked.valid) {
+        checked.rows.clear();
+        return checked;
+    }
+    includeEligible(checked.rows);
+    checked.refused = review::settleSelectionIntent(checked.rows, wanted ? &*wanted : nullptr);
+    checked.intent = wanted;
+    return checked;
+}
+
+void JiraReviewWindowController::Private::includeEligible(QVariantList &rows)
+{
+    for (QVariant &item : rows) {
+        QVariantMap row = item.toMap();
+        const bool eligible = row.value(QStringLiteral("eligible")).toBool();
+        if (row.value(QStringLiteral("include")).toBool() != eligible) {
+            row.insert(QStringLiteral("include"), eligible);
+            item = row;
+        }
+    }
 }
 
 void JiraReviewWindowController::Private::progressEvent(qint64 operation, const QVariantMap &event)
@@ -199,7 +232,7 @@ void JiraReviewWindowController::Private::progressEvent(qint64 operation, const 
 }
 
 void JiraReviewWindowController::Private::finishCompare(
-    qint64 operation, const QVariantMap &result, const QHash<QString, QString> &sentPrints)
+    qint64 operation, const QVariantMap &result, const CheckedRows &checked)
 {
     if (operation != serial)
         return;
@@ -234,20 +267,22 @@ void JiraReviewWindowController::Private::finishCompare(
     busy = false;
     progress.clear();
     progressActive.clear();
-    QVariantList rows = model->rows();
-    if (!applyComparison(rows, sentPrints)) {
-        reload();
+    QVariantList rows;
+    int refused = 0;
+    // The rows merged on the Jira queue still hold when nothing rebuilt or changed them since they were sent.
+    if (checked.valid && !rebuiltSinceCheck && touchedSinceCheck.isEmpty() && checked.intent == wanted
+        && checked.rows.size() == model->rows().size()) {
+        rows = checked.rows;
+        refused = checked.refused;
+    } else {
         rows = model->rows();
-    }
-    for (QVariant &item : rows) {
-        QVariantMap row = item.toMap();
-        const bool eligible = row.value(QStringLiteral("eligible")).toBool();
-        if (row.value(QStringLiteral("include")).toBool() != eligible) {
-            row.insert(QStringLiteral("include"), eligible);
-            item = row;
+        if (rebuiltSinceCheck || !applyComparison(rows, compared)) {
+            reload();
+            rows = model->rows();
         }
+        includeEligible(rows);
+        refused = review::settleSelectionIntent(rows, wanted ? &*wanted : nullptr);
     }
-    const int refused = review::settleSelectionIntent(rows, wanted ? &*wanted : nullptr);
     refreshReceipts();
     applyWindowKeys(rows, review::ReceiptIndex(receipts, cloud));
     model->setRows(rows);
@@ -262,30 +297,25 @@ void JiraReviewWindowController::Private::finishCompare(
 }
 
 bool JiraReviewWindowController::Private::applyComparison(
-    QVariantList &rows, const QHash<QString, QString> &sentPrints) const
+    QVariantList &rows, const QHash<QString, QVariantMap> &outcome)
 {
-    if (rebuiltSinceCheck)
-        return false;
     for (QVariant &item : rows) {
         QVariantMap row = item.toMap();
         const QString key = str(row, QStringLiteral("source_key"));
-        const auto found = compared.constFind(key);
-        if (found == compared.cend())
+        const auto found = outcome.constFind(key);
+        if (found == outcome.cend())
             return false;
         const QVariantMap &last = found.value();
-        // A row as it was sent has its fingerprint from the Jira queue; only a row a live update changed, or
-        // whose title the check saw differently, needs it again here.
-        QString print = sentPrints.value(key);
+        // A title that arrived during the check changes the comment the engine would send; the row keeps the
+        // comment that was checked, as a rebuild does.
+        QVariantMap probe = row;
         if (str(last, QStringLiteral("issue_title")) != str(row, QStringLiteral("issue_title"))) {
-            // The row keeps the comment that was checked, as a rebuild does.
-            row.insert(QStringLiteral("issue_title"), last.value(QStringLiteral("issue_title")));
-            row.insert(QStringLiteral("comment"), last.value(QStringLiteral("comment")));
-            print = JRComparisonFingerprint(row);
-        } else if (touchedSinceCheck.contains(key) || print.isNull()) {
-            print = JRComparisonFingerprint(row);
+            probe.insert(QStringLiteral("issue_title"), last.value(QStringLiteral("issue_title")));
+            probe.insert(QStringLiteral("comment"), last.value(QStringLiteral("comment")));
         }
-        if (str(last, QStringLiteral("fingerprint")) != print)
+        if (str(last, QStringLiteral("fingerprint")) != JRComparisonFingerprint(probe))
             return false;
+        row = probe;
         for (const char *field : {"status", "eligible", "existing", "manual_matches", "marker", "comparison_at",
                  "comparison_current", "manual_worklog_id"})
             row.insert(QLatin1String(field), last.value(QLatin1String(field)));
