@@ -3,7 +3,6 @@
 #include "app/ui/jirareviewwindow_p.h"
 #include "platform/failure.h"
 #include "worklogs/engine.h"
-#include "worklogs/engineinternal.h"
 
 #include <QAction>
 #include <QComboBox>
@@ -465,19 +464,13 @@ QVariantList JiraReviewWindowController::Private::buildRows()
 
 void JiraReviewWindowController::Private::applyWindowKeys(QVariantList &rows, const review::ReceiptIndex &index)
 {
-    // The preference is read once: a settings read per row would dominate a large week.
-    const bool combineDaily = JRCombineDailyByIssue();
-    QStringList keys;
-    keys.reserve(rows.size());
+    const QStringList keys = JRCombineKeys(rows);
     QHash<QString, QPair<int, qint64>> combine;
-    for (const QVariant &item : std::as_const(rows)) {
-        const QVariantMap row = item.toMap();
-        const QString key = jrinternal::combineKey(row, combineDaily);
-        keys.append(key);
-        if (key.isNull())
+    for (qsizetype i = 0; i < rows.size(); ++i) {
+        if (keys[i].isNull())
             continue;
-        const QString dayKey = key + QLatin1Char('|') + str(row, QStringLiteral("started")).left(10);
-        auto &entry = combine[dayKey];
+        const QVariantMap row = rows[i].toMap();
+        auto &entry = combine[keys[i] + QLatin1Char('|') + str(row, QStringLiteral("started")).left(10)];
         entry.first += 1;
         entry.second += JRPostSeconds(row);
     }
