@@ -1,6 +1,7 @@
 #include "app/ui/jirareviewwindowcontroller.h"
 
 #include "app/ui/jirareviewwindow_p.h"
+#include "app/ui/rowkeys.h"
 #include "platform/failure.h"
 #include "worklogs/engine.h"
 
@@ -173,7 +174,7 @@ void JiraReviewWindowController::Private::buildWindow()
     footerLabel->setObjectName(QStringLiteral("footer"));
     footerLabel->setAccessibleName(QStringLiteral("Totals"));
     progressLabel = new QLabel(central);
-    progressLabel->setObjectName(QStringLiteral("progress"));
+    progressLabel->setObjectName(RowKey::kProgress);
     progressLabel->setForegroundRole(QPalette::PlaceholderText);
     postButton = new QPushButton(central);
     postButton->setObjectName(QStringLiteral("post"));
@@ -419,8 +420,7 @@ QVariantList JiraReviewWindowController::Private::buildRows()
                 probe.insert(QStringLiteral("issue_title"), last.value(QStringLiteral("issue_title")));
                 probe.insert(QStringLiteral("comment"), last.value(QStringLiteral("comment")));
             }
-            const bool applies
-                = !last.isEmpty() && str(last, QStringLiteral("fingerprint")) == JRComparisonFingerprint(probe);
+            const bool applies = !last.isEmpty() && str(last, RowKey::kFingerprint) == JRComparisonFingerprint(probe);
             if (applies) {
                 draft = probe;
                 for (const char *field : {"status", "eligible", "existing", "manual_matches", "marker", "comparison_at",
@@ -478,23 +478,23 @@ void JiraReviewWindowController::Private::applyWindowKeys(QVariantList &rows, co
     for (qsizetype i = 0; i < rows.size(); ++i) {
         QVariant &item = rows[i];
         QVariantMap row = item.toMap();
-        row.insert(QStringLiteral("history_row"), history());
+        row.insert(RowKey::kHistoryRow, history());
         const QString &key = keys[i];
         const auto combined = key.isNull()
             ? QPair<int, qint64>()
             : combine.value(key + QLatin1Char('|') + str(row, QStringLiteral("started")).left(10));
         if (combined.first > 1)
-            row.insert(QStringLiteral("combined_seconds"), JRRoundedSeconds(combined.second));
+            row.insert(RowKey::kCombinedSeconds, JRRoundedSeconds(combined.second));
         else
-            row.remove(QStringLiteral("combined_seconds"));
+            row.remove(RowKey::kCombinedSeconds);
         const review::Lock lock
             = history() ? review::Lock::None : review::lockedSession(row, cloud, account, lockedSet, index);
-        row.insert(QStringLiteral("locked"), int(lock));
+        row.insert(RowKey::kLocked, int(lock));
         const QString issue = str(row, QStringLiteral("issue"));
         QString title = str(row, QStringLiteral("issue_title"));
         if (title.isEmpty() && !cloud.isEmpty() && !issue.isEmpty())
             title = titles->cachedTitle(issue, cloud);
-        row.insert(QStringLiteral("display_title"), title);
+        row.insert(RowKey::kDisplayTitle, title);
         if (!cloud.isEmpty() && !issue.isEmpty()) {
             const QVariantMap details = titles->cachedDetails(issue, cloud);
             for (const auto &[from, into] :
@@ -531,11 +531,11 @@ bool removeIfPresent(QVariantMap &row, const QString &key)
 bool JiraReviewWindowController::Private::applyOperationKeys(
     QVariantMap &row, const QHash<QString, bool> *pending) const
 {
-    const auto lock = review::Lock(row.value(QStringLiteral("locked")).toInt());
+    const auto lock = review::Lock(row.value(RowKey::kLocked).toInt());
     const bool canTick = review::canSelectDraft(row, busy, lock != review::Lock::None, pending);
-    bool changed = setIfChanged(row, QStringLiteral("can_tick"), canTick);
-    changed |= setIfChanged(
-        row, QStringLiteral("can_edit_post"), review::toPostEditable(row, busy, lock == review::Lock::Recorded));
+    bool changed = setIfChanged(row, RowKey::kCanTick, canTick);
+    changed
+        |= setIfChanged(row, RowKey::kCanEditPost, review::toPostEditable(row, busy, lock == review::Lock::Recorded));
     if (!canTick && !pending && !busy)
         changed |= setIfChanged(row, QStringLiteral("include"), false);
     return applyProgressKeys(row) || changed;
@@ -546,10 +546,9 @@ bool JiraReviewWindowController::Private::applyProgressKeys(QVariantMap &row) co
     const QString sourceKey = str(row, QStringLiteral("source_key"));
     const auto found = progress.constFind(sourceKey);
     if (found == progress.cend())
-        return removeIfPresent(row, QStringLiteral("progress"))
-            | removeIfPresent(row, QStringLiteral("progress_active"));
-    return setIfChanged(row, QStringLiteral("progress"), found.value())
-        | setIfChanged(row, QStringLiteral("progress_active"), progressActive.contains(sourceKey));
+        return removeIfPresent(row, RowKey::kProgress) | removeIfPresent(row, RowKey::kProgressActive);
+    return setIfChanged(row, RowKey::kProgress, found.value())
+        | setIfChanged(row, RowKey::kProgressActive, progressActive.contains(sourceKey));
 }
 
 void JiraReviewWindowController::Private::refreshOperationKeys()

@@ -3,6 +3,7 @@
 // of a superseded operation is dropped.
 
 #include "app/ui/jirareviewwindow_p.h"
+#include "app/ui/rowkeys.h"
 #include "jira/connectionsettings.h"
 #include "platform/failure.h"
 #include "worklogs/engine.h"
@@ -136,11 +137,11 @@ void JiraReviewWindowController::Private::startCompare(bool automatic)
                 QVariantMap draft = item.toMap();
                 draft.insert(QStringLiteral("comparison_at"), now);
                 draft.insert(QStringLiteral("comparison_current"), true);
-                draft.insert(QStringLiteral("fingerprint"), JRComparisonFingerprint(draft));
+                draft.insert(RowKey::kFingerprint, JRComparisonFingerprint(draft));
                 item = draft;
             }
             result.insert(QStringLiteral("drafts"), drafts);
-            result.insert(QStringLiteral("checked_at"), now);
+            result.insert(RowKey::kCheckedAt, now);
             checked = checkedRows(sent, drafts, wanted);
         }
         QMetaObject::invokeMethod(
@@ -261,7 +262,7 @@ void JiraReviewWindowController::Private::finishCompare(
         compared.insert(str(draft, QStringLiteral("source_key")), draft);
         checkedDays.insert(str(draft, QStringLiteral("started")).left(10));
     }
-    comparisonAt = result.value(QStringLiteral("checked_at")).toDateTime();
+    comparisonAt = result.value(RowKey::kCheckedAt).toDateTime();
     const std::optional<QHash<QString, bool>> wanted = intent;
     intent.reset();
     busy = false;
@@ -313,7 +314,7 @@ bool JiraReviewWindowController::Private::applyComparison(
             probe.insert(QStringLiteral("issue_title"), last.value(QStringLiteral("issue_title")));
             probe.insert(QStringLiteral("comment"), last.value(QStringLiteral("comment")));
         }
-        if (str(last, QStringLiteral("fingerprint")) != JRComparisonFingerprint(probe))
+        if (str(last, RowKey::kFingerprint) != JRComparisonFingerprint(probe))
             return false;
         row = probe;
         for (const char *field : {"status", "eligible", "existing", "manual_matches", "marker", "comparison_at",

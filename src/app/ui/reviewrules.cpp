@@ -1,5 +1,6 @@
 #include "app/ui/reviewrules.h"
 
+#include "app/ui/rowkeys.h"
 #include "worklogs/engine.h"
 
 #include <QKeySequence>
@@ -90,9 +91,8 @@ QString daySignature(const QVariantList &sessions)
 StatusLook statusLook(const QVariantMap &row)
 {
     const QString status = str(row, QStringLiteral("status"));
-    if (row.contains(QStringLiteral("combined_seconds"))) {
-        QString text
-            = QStringLiteral("Part of %1 worklog").arg(JRDurationText(num(row, QStringLiteral("combined_seconds"))));
+    if (row.contains(RowKey::kCombinedSeconds)) {
+        QString text = QStringLiteral("Part of %1 worklog").arg(JRDurationText(num(row, RowKey::kCombinedSeconds)));
         const QString activity = str(row, QStringLiteral("activity"));
         if (!activity.isEmpty())
             text += QStringLiteral(" · ") + activity;
@@ -124,7 +124,7 @@ StatusLook progressLook(const QString &progress)
 
 bool unavailable(const QVariantMap &row)
 {
-    if (flag(row, QStringLiteral("history_row")))
+    if (flag(row, RowKey::kHistoryRow))
         return false;
     if (nonEmptyMap(row, QStringLiteral("jira_exclusion")) || flag(row, QStringLiteral("source_running")))
         return true;
@@ -197,7 +197,7 @@ Lock lockedSession(const QVariantMap &row, const QString &cloud, const QString &
 
 bool canSelectDraft(const QVariantMap &row, bool busy, bool locked, const QHash<QString, bool> *intent)
 {
-    if (flag(row, QStringLiteral("history_row")) || unavailable(row) || locked)
+    if (flag(row, RowKey::kHistoryRow) || unavailable(row) || locked)
         return false;
     if (busy && !intent)
         return false;
@@ -208,7 +208,7 @@ bool canSelectDraft(const QVariantMap &row, bool busy, bool locked, const QHash<
 
 bool toPostEditable(const QVariantMap &row, bool busy, bool lockedBySubmission)
 {
-    return !flag(row, QStringLiteral("history_row")) && !flag(row, QStringLiteral("fragment")) && !busy
+    return !flag(row, RowKey::kHistoryRow) && !flag(row, QStringLiteral("fragment")) && !busy
         && !nonEmptyMap(row, QStringLiteral("jira_exclusion")) && !lockedBySubmission;
 }
 
@@ -285,7 +285,7 @@ QVariantList worklogsToPost(const QVariantList &rows)
     for (const QVariant &item : rows) {
         const QVariantMap row = item.toMap();
         if (flag(row, QStringLiteral("include")) && current(row) && flag(row, QStringLiteral("eligible"))
-            && !flag(row, QStringLiteral("history_row")))
+            && !flag(row, RowKey::kHistoryRow))
             ticked.append(item);
     }
     return JRWorklogsToPost(ticked);
