@@ -9,6 +9,7 @@
 #include "app/ui/reviewview.h"
 #include "jira/issuetitlecache.h"
 #include "jira/jiraclient.h"
+#include "records/draft.h"
 #include "submission/comparisoncache.h"
 #include "submission/worklogservice.h"
 #include "worklogs/issueassignments.h"
@@ -17,6 +18,7 @@
 #include <QDateTime>
 #include <QHash>
 #include <QSet>
+#include <QStringList>
 #include <QTimer>
 #include <QVariantMap>
 
@@ -31,6 +33,11 @@ class QMainWindow;
 class QMenu;
 class QPushButton;
 class QToolButton;
+
+// What a check adds to a draft, carried into the row it was made for.
+inline const QStringList kComparedKeys {DraftKey::kStatus, DraftKey::kEligible, DraftKey::kExisting,
+    DraftKey::kManualMatches, DraftKey::kMarker, DraftKey::kComparisonAt, DraftKey::kComparisonCurrent,
+    DraftKey::kManualWorklogId};
 
 struct JiraReviewWindowController::Private {
     enum class Period { Day, LastSevenDays, CustomRange };

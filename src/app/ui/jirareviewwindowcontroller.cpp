@@ -3,6 +3,7 @@
 #include "app/ui/jirareviewwindow_p.h"
 #include "app/ui/rowkeys.h"
 #include "platform/failure.h"
+#include "records/draft.h"
 #include "worklogs/engine.h"
 
 #include <QAction>
@@ -423,9 +424,8 @@ QVariantList JiraReviewWindowController::Private::buildRows()
             const bool applies = !last.isEmpty() && str(last, RowKey::kFingerprint) == JRComparisonFingerprint(probe);
             if (applies) {
                 draft = probe;
-                for (const char *field : {"status", "eligible", "existing", "manual_matches", "marker", "comparison_at",
-                         "comparison_current", "manual_worklog_id"})
-                    draft.insert(QLatin1String(field), last.value(QLatin1String(field)));
+                for (const QString &field : kComparedKeys)
+                    draft.insert(field, last.value(field));
                 draft.insert(QStringLiteral("include"), false);
             }
             // Time that reached Jira meanwhile changes what remains: earlier amounts no longer apply.
@@ -433,9 +433,9 @@ QVariantList JiraReviewWindowController::Private::buildRows()
                 && choices.value(key).value(QStringLiteral("logged_seconds"))
                     == draft.value(QStringLiteral("logged_seconds"))) {
                 const QVariantMap earlier = choices.value(key);
-                for (const char *field : {"include", "post_seconds", "remaining_seconds"})
-                    if (earlier.contains(QLatin1String(field)))
-                        draft.insert(QLatin1String(field), earlier.value(QLatin1String(field)));
+                for (const QString &field : {DraftKey::kInclude, DraftKey::kPostSeconds, DraftKey::kRemainingSeconds})
+                    if (earlier.contains(field))
+                        draft.insert(field, earlier.value(field));
             }
             item = draft;
             if (!applies)
@@ -497,10 +497,10 @@ void JiraReviewWindowController::Private::applyWindowKeys(QVariantList &rows, co
         row.insert(RowKey::kDisplayTitle, title);
         if (!cloud.isEmpty() && !issue.isEmpty()) {
             const QVariantMap details = titles->cachedDetails(issue, cloud);
-            for (const auto &[from, into] :
-                {std::pair {"estimate_seconds", "jira_estimate"}, std::pair {"remaining_seconds", "jira_remaining"}}) {
-                if (details.contains(QLatin1String(from)))
-                    row.insert(QLatin1String(into), details.value(QLatin1String(from)));
+            for (const auto &[from, into] : {std::pair {QStringLiteral("estimate_seconds"), RowKey::kJiraEstimate},
+                     std::pair {QStringLiteral("remaining_seconds"), RowKey::kJiraRemaining}}) {
+                if (details.contains(from))
+                    row.insert(into, details.value(from));
             }
         }
         applyOperationKeys(row, pending);
@@ -711,9 +711,9 @@ bool JiraReviewWindowController::Private::liveUpdate(const QVariantList &fresh)
             return false;
         const QVariantMap draft = built.first().toMap();
         QVariantMap row = model->row(found);
-        for (const char *key :
-            {"seconds", "source_milliseconds", "logged_seconds", "remaining_seconds", "post_seconds", "session"})
-            row.insert(QLatin1String(key), draft.value(QLatin1String(key)));
+        for (const QString &key : {DraftKey::kSeconds, DraftKey::kSourceMilliseconds, DraftKey::kLoggedSeconds,
+                 DraftKey::kRemainingSeconds, DraftKey::kPostSeconds, DraftKey::kSession})
+            row.insert(key, draft.value(key));
         if (row != model->row(found)) {
             touchedSinceCheck.insert(str(row, QStringLiteral("source_key")));
             model->updateRow(found, row);

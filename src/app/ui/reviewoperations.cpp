@@ -6,6 +6,7 @@
 #include "app/ui/rowkeys.h"
 #include "jira/connectionsettings.h"
 #include "platform/failure.h"
+#include "records/draft.h"
 #include "worklogs/engine.h"
 
 #include <QComboBox>
@@ -317,9 +318,8 @@ bool JiraReviewWindowController::Private::applyComparison(
         if (str(last, RowKey::kFingerprint) != JRComparisonFingerprint(probe))
             return false;
         row = probe;
-        for (const char *field : {"status", "eligible", "existing", "manual_matches", "marker", "comparison_at",
-                 "comparison_current", "manual_worklog_id"})
-            row.insert(QLatin1String(field), last.value(QLatin1String(field)));
+        for (const QString &field : kComparedKeys)
+            row.insert(field, last.value(field));
         item = row;
     }
     return true;
