@@ -13,7 +13,7 @@ PACKAGE_BUILD ?= build-package
 GENERATOR := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 CMAKE_ARGS ?=
 
-.PHONY: all deps configure build test run bench bench-app asan format clean package package-check demo demo-snapshots
+.PHONY: all deps configure build test run bench bench-app bench-window asan format clean package package-check demo demo-snapshots
 
 all: build
 
@@ -78,6 +78,15 @@ bench-app: deps
 		-DHOURLOOM_TEST_HOOKS=ON
 	cmake --build $(BENCH_BUILD) --parallel --target hourloom hourloom-simtracker hourloom-baretray
 	scripts/with-tray.sh bench/app/measure.sh $(BENCH_BUILD)
+
+# The Worklogs window in the real application: memory with 1000 rows open (Xvfb + trayer), and the main
+# thread's longest busy stretch while a heavy day is checked against the local stand-in (private keyring).
+bench-window: deps
+	cmake -S . -B $(BENCH_BUILD) $(GENERATOR) -DCMAKE_BUILD_TYPE=Release -DHOURLOOM_BUILD_TESTS=OFF \
+		-DHOURLOOM_TEST_HOOKS=ON
+	cmake --build $(BENCH_BUILD) --parallel --target hourloom hourloom-simtracker bench_ui
+	scripts/with-tray.sh bench/ui/measure-window.sh $(BENCH_BUILD)
+	bench/ui/with-keyring.sh $(BENCH_BUILD)/bench/ui/bench_ui --benchmark_filter=CheckHeavyDay
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i

@@ -220,6 +220,17 @@ QString JRCombineKey(const QVariantMap &draft)
     return combineKey(draft, JRCombineDailyByIssue());
 }
 
+QStringList JRCombineKeys(const QVariantList &drafts)
+{
+    const bool combineDaily = JRCombineDailyByIssue();
+    LocalDayCache days;
+    QStringList keys;
+    keys.reserve(drafts.size());
+    for (const QVariant &draft : drafts)
+        keys.append(combineKey(draft.toMap(), combineDaily, &days));
+    return keys;
+}
+
 bool JRValid(const QVariantMap &draft)
 {
     return valid(draft, JRIgnoreShortSessions());

@@ -366,3 +366,42 @@ TEST_F(ReviewWindowTest, ARunningSessionGrowsInPlace)
     m_controller->updateSessions(sessions);
     EXPECT_GE(rowOf(QStringLiteral("Live work, renamed")), 0);
 }
+
+TEST_F(ReviewWindowTest, ACheckPutsItsOutcomeIntoTheRowsInPlace)
+{
+    QVariantList sessions = uitest::realisticDay(kDay);
+    QVariantMap running = uitest::session(
+        QStringLiteral("ABC-3"), QDateTime(kDay, QTime(17, 0)), 0, QStringLiteral("Live work"), 50, true);
+    const qint64 start = running.value(QStringLiteral("start_ms")).toLongLong();
+    running.insert(QStringLiteral("end_ms"), start + 600'000);
+    sessions.append(running);
+    m_controller->setReviewDay(kDay);
+    openChecked(sessions);
+    QTreeView *tree = m_controller->tree();
+    const QModelIndex selected = indexFor(QStringLiteral("OPS-7 On-call handover"), 0);
+    tree->selectionModel()->select(selected, QItemSelectionModel::ClearAndSelect | QItemSelectionModel::Rows);
+    tree->collapse(model()->indexOfGroup(0));
+    QSignalSpy resets(model(), &QAbstractItemModel::modelReset);
+
+    // A live tick while the check runs changes one row; the outcome still goes into every row.
+    m_controller->checkJira();
+    ASSERT_TRUE(m_controller->busy());
+    const QVariant before = rowFor(QStringLiteral("Live work")).value(QStringLiteral("seconds"));
+    running.insert(QStringLiteral("end_ms"), start + 1'200'000);
+    sessions.last() = running;
+    m_controller->updateSessions(sessions);
+    const QVariant grown = rowFor(QStringLiteral("Live work")).value(QStringLiteral("seconds"));
+    ASSERT_NE(grown, before);
+    ASSERT_TRUE(waitIdle()) << qPrintable(m_controller->statusText());
+
+    EXPECT_TRUE(m_controller->statusText().startsWith(QStringLiteral("Checked")))
+        << qPrintable(m_controller->statusText());
+    EXPECT_EQ(resets.count(), 0);
+    EXPECT_TRUE(tree->selectionModel()->isRowSelected(selected.row(), selected.parent()));
+    EXPECT_FALSE(tree->isExpanded(model()->indexOfGroup(0)));
+    const QVariantMap checked = rowFor(QStringLiteral("OPS-7 On-call handover"));
+    EXPECT_TRUE(checked.value(QStringLiteral("comparison_current")).toBool());
+    EXPECT_TRUE(checked.value(QStringLiteral("include")).toBool());
+    EXPECT_FALSE(checked.contains(QStringLiteral("progress")));
+    EXPECT_EQ(rowFor(QStringLiteral("Live work")).value(QStringLiteral("seconds")), grown);
+}

@@ -9,6 +9,7 @@
 #include "app/ui/reviewview.h"
 #include "jira/issuetitlecache.h"
 #include "jira/jiraclient.h"
+#include "records/draft.h"
 #include "submission/comparisoncache.h"
 #include "submission/worklogservice.h"
 #include "worklogs/issueassignments.h"
@@ -17,6 +18,8 @@
 #include <QDateTime>
 #include <QHash>
 #include <QSet>
+#include <QStringList>
+#include <QTimer>
 #include <QVariantMap>
 
 #include <functional>
@@ -30,6 +33,11 @@ class QMainWindow;
 class QMenu;
 class QPushButton;
 class QToolButton;
+
+// What a check adds to a draft, carried into the row it was made for.
+inline const QStringList kComparedKeys {DraftKey::kStatus, DraftKey::kEligible, DraftKey::kExisting,
+    DraftKey::kManualMatches, DraftKey::kMarker, DraftKey::kComparisonAt, DraftKey::kComparisonCurrent,
+    DraftKey::kManualWorklogId};
 
 struct JiraReviewWindowController::Private {
     enum class Period { Day, LastSevenDays, CustomRange };
@@ -50,6 +58,14 @@ struct JiraReviewWindowController::Private {
     QVariantMap resolvedSession(const QVariantMap &session, const review::ReceiptIndex &receipts);
     void applyWindowKeys(QVariantList &rows, const review::ReceiptIndex &receipts);
     void refreshDerivedKeys();
+    // The keys that follow the operation alone (whether a row may be ticked or its amount edited, its progress
+    // text): starting or ending an operation changes nothing else, so this pass skips locks, titles and
+    // combinations. Each returns whether the row changed.
+    bool applyOperationKeys(QVariantMap &row, const QHash<QString, bool> *pending) const;
+    bool applyProgressKeys(QVariantMap &row) const;
+    void refreshOperationKeys();
+    // The model row of a session's source key, -1 when it has none.
+    int rowForSource(const QString &sourceKey);
     void restoreViewState(const QSet<QString> &selected);
     void updatePostButton();
     void setStatus(const QString &text);
@@ -59,7 +75,22 @@ struct JiraReviewWindowController::Private {
 
     // Jira operations (reviewoperations.cpp).
     void startCompare(bool automatic);
-    void finishCompare(qint64 operation, const QVariantMap &result, const QVariantList &sent);
+    // The rows of a check as they were sent, with its outcome put in, the ticks settled against the intent the
+    // check started with, and how many intended ticks were refused; not valid when the outcome does not fit.
+    struct CheckedRows {
+        QVariantList rows;
+        bool valid = false;
+        int refused = 0;
+        std::optional<QHash<QString, bool>> intent;
+    };
+    static CheckedRows checkedRows(
+        const QVariantList &sent, const QVariantList &drafts, const std::optional<QHash<QString, bool>> &wanted);
+    void finishCompare(qint64 operation, const QVariantMap &result, const CheckedRows &checked);
+    // Puts a check's outcome (source key -> compared draft) into the rows; false when a row was not checked or
+    // changed since, and only a rebuild of the period applies the outcome correctly.
+    static bool applyComparison(QVariantList &rows, const QHash<QString, QVariantMap> &outcome);
+    // Ticks every eligible row and unticks the others, as a check does before it settles the intent.
+    static void includeEligible(QVariantList &rows);
     void startPost();
     // `done`, when set, learns the outcome even when the result is otherwise dropped as superseded.
     using PostDone = std::function<void(bool ok, const QString &error)>;
@@ -159,8 +190,14 @@ struct JiraReviewWindowController::Private {
     QHash<QString, QString> progress;
     QSet<QString> progressActive;
     QSet<QString> lockedSet;
-    // Source key -> row, for the live update; rebuilt lazily after every reload.
+    // Source key -> row, for the live update and per-row progress; rebuilt lazily after every reload.
     QHash<QString, int> rowBySource;
+    // Since the running check was sent: whether the rows were rebuilt, and the rows a live update changed.
+    bool rebuiltSinceCheck = false;
+    QSet<QString> touchedSinceCheck;
+    // Titles that arrive rebuild the rows once per burst, and not before a running operation ends.
+    bool titlesChanged = false;
+    QTimer titleReload;
     QVariantMap receipts;
     QDateTime receiptsStamp;
     QString receiptsError;

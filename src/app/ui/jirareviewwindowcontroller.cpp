@@ -1,8 +1,9 @@
 #include "app/ui/jirareviewwindowcontroller.h"
 
 #include "app/ui/jirareviewwindow_p.h"
+#include "app/ui/rowkeys.h"
+#include "records/draft.h"
 #include "worklogs/engine.h"
-#include "worklogs/engineinternal.h"
 #include "worklogs/namedfailure.h"
 
 #include <QAction>
@@ -79,7 +80,18 @@ JiraReviewWindowController::JiraReviewWindowController(
     , d(new Private(this, store, credentialService))
 {
     d->buildWindow();
-    d->titles->setDidChange([this] { d->reload(); });
+    d->titleReload.setSingleShot(true);
+    d->titleReload.setInterval(100);
+    QObject::connect(&d->titleReload, &QTimer::timeout, this, [this] {
+        if (d->busy)
+            return; // the operation's end starts the timer again
+        d->reload();
+    });
+    d->titles->setDidChange([this] {
+        d->titlesChanged = true;
+        if (!d->busy)
+            d->titleReload.start();
+    });
     // Told on the work queue while a read waits for a rate-limited Jira; shown until the operation ends.
     QPointer<JiraReviewWindowController> self(this);
     d->client->setWaitNotice([self, this](const QString &text) {
@@ -163,7 +175,7 @@ void JiraReviewWindowController::Private::buildWindow()
     footerLabel->setObjectName(QStringLiteral("footer"));
     footerLabel->setAccessibleName(QStringLiteral("Totals"));
     progressLabel = new QLabel(central);
-    progressLabel->setObjectName(QStringLiteral("progress"));
+    progressLabel->setObjectName(RowKey::kProgress);
     progressLabel->setForegroundRole(QPalette::PlaceholderText);
     postButton = new QPushButton(central);
     postButton->setObjectName(QStringLiteral("post"));
@@ -409,13 +421,11 @@ QVariantList JiraReviewWindowController::Private::buildRows()
                 probe.insert(QStringLiteral("issue_title"), last.value(QStringLiteral("issue_title")));
                 probe.insert(QStringLiteral("comment"), last.value(QStringLiteral("comment")));
             }
-            const bool applies
-                = !last.isEmpty() && str(last, QStringLiteral("fingerprint")) == JRComparisonFingerprint(probe);
+            const bool applies = !last.isEmpty() && str(last, RowKey::kFingerprint) == JRComparisonFingerprint(probe);
             if (applies) {
                 draft = probe;
-                for (const char *field : {"status", "eligible", "existing", "manual_matches", "marker", "comparison_at",
-                         "comparison_current", "manual_worklog_id"})
-                    draft.insert(QLatin1String(field), last.value(QLatin1String(field)));
+                for (const QString &field : kComparedKeys)
+                    draft.insert(field, last.value(field));
                 draft.insert(QStringLiteral("include"), false);
             }
             // Time that reached Jira meanwhile changes what remains: earlier amounts no longer apply.
@@ -423,9 +433,9 @@ QVariantList JiraReviewWindowController::Private::buildRows()
                 && choices.value(key).value(QStringLiteral("logged_seconds"))
                     == draft.value(QStringLiteral("logged_seconds"))) {
                 const QVariantMap earlier = choices.value(key);
-                for (const char *field : {"include", "post_seconds", "remaining_seconds"})
-                    if (earlier.contains(QLatin1String(field)))
-                        draft.insert(QLatin1String(field), earlier.value(QLatin1String(field)));
+                for (const QString &field : {DraftKey::kInclude, DraftKey::kPostSeconds, DraftKey::kRemainingSeconds})
+                    if (earlier.contains(field))
+                        draft.insert(field, earlier.value(field));
             }
             item = draft;
             if (!applies)
@@ -454,19 +464,13 @@ QVariantList JiraReviewWindowController::Private::buildRows()
 
 void JiraReviewWindowController::Private::applyWindowKeys(QVariantList &rows, const review::ReceiptIndex &index)
 {
-    // The preference is read once: a settings read per row would dominate a large week.
-    const bool combineDaily = JRCombineDailyByIssue();
-    QStringList keys;
-    keys.reserve(rows.size());
+    const QStringList keys = JRCombineKeys(rows);
     QHash<QString, QPair<int, qint64>> combine;
-    for (const QVariant &item : std::as_const(rows)) {
-        const QVariantMap row = item.toMap();
-        const QString key = jrinternal::combineKey(row, combineDaily);
-        keys.append(key);
-        if (key.isNull())
+    for (qsizetype i = 0; i < rows.size(); ++i) {
+        if (keys[i].isNull())
             continue;
-        const QString dayKey = key + QLatin1Char('|') + str(row, QStringLiteral("started")).left(10);
-        auto &entry = combine[dayKey];
+        const QVariantMap row = rows[i].toMap();
+        auto &entry = combine[keys[i] + QLatin1Char('|') + str(row, QStringLiteral("started")).left(10)];
         entry.first += 1;
         entry.second += JRPostSeconds(row);
     }
@@ -474,45 +478,103 @@ void JiraReviewWindowController::Private::applyWindowKeys(QVariantList &rows, co
     for (qsizetype i = 0; i < rows.size(); ++i) {
         QVariant &item = rows[i];
         QVariantMap row = item.toMap();
-        const QString sourceKey = str(row, QStringLiteral("source_key"));
-        row.insert(QStringLiteral("history_row"), history());
+        row.insert(RowKey::kHistoryRow, history());
         const QString &key = keys[i];
         const auto combined = key.isNull()
             ? QPair<int, qint64>()
             : combine.value(key + QLatin1Char('|') + str(row, QStringLiteral("started")).left(10));
         if (combined.first > 1)
-            row.insert(QStringLiteral("combined_seconds"), JRRoundedSeconds(combined.second));
+            row.insert(RowKey::kCombinedSeconds, JRRoundedSeconds(combined.second));
         else
-            row.remove(QStringLiteral("combined_seconds"));
+            row.remove(RowKey::kCombinedSeconds);
         const review::Lock lock
             = history() ? review::Lock::None : review::lockedSession(row, cloud, account, lockedSet, index);
-        row.insert(QStringLiteral("locked"), int(lock));
-        row.insert(QStringLiteral("can_tick"), review::canSelectDraft(row, busy, lock != review::Lock::None, pending));
-        row.insert(QStringLiteral("can_edit_post"), review::toPostEditable(row, busy, lock == review::Lock::Recorded));
-        if (!row.value(QStringLiteral("can_tick")).toBool() && !pending && !busy)
-            row.insert(QStringLiteral("include"), false);
+        row.insert(RowKey::kLocked, int(lock));
         const QString issue = str(row, QStringLiteral("issue"));
         QString title = str(row, QStringLiteral("issue_title"));
         if (title.isEmpty() && !cloud.isEmpty() && !issue.isEmpty())
             title = titles->cachedTitle(issue, cloud);
-        row.insert(QStringLiteral("display_title"), title);
+        row.insert(RowKey::kDisplayTitle, title);
         if (!cloud.isEmpty() && !issue.isEmpty()) {
             const QVariantMap details = titles->cachedDetails(issue, cloud);
-            for (const auto &[from, into] :
-                {std::pair {"estimate_seconds", "jira_estimate"}, std::pair {"remaining_seconds", "jira_remaining"}}) {
-                if (details.contains(QLatin1String(from)))
-                    row.insert(QLatin1String(into), details.value(QLatin1String(from)));
+            for (const auto &[from, into] : {std::pair {QStringLiteral("estimate_seconds"), RowKey::kJiraEstimate},
+                     std::pair {QStringLiteral("remaining_seconds"), RowKey::kJiraRemaining}}) {
+                if (details.contains(from))
+                    row.insert(into, details.value(from));
             }
         }
-        if (progress.contains(sourceKey)) {
-            row.insert(QStringLiteral("progress"), progress.value(sourceKey));
-            row.insert(QStringLiteral("progress_active"), progressActive.contains(sourceKey));
-        } else {
-            row.remove(QStringLiteral("progress"));
-            row.remove(QStringLiteral("progress_active"));
-        }
+        applyOperationKeys(row, pending);
         item = row;
     }
+}
+
+namespace
+{
+
+// Inserts only a value that differs, so an unchanged row keeps sharing its data with the model's copy.
+bool setIfChanged(QVariantMap &row, const QString &key, const QVariant &value)
+{
+    const auto found = std::as_const(row).constFind(key);
+    if (found != row.cend() && found.value() == value)
+        return false;
+    row.insert(key, value);
+    return true;
+}
+
+bool removeIfPresent(QVariantMap &row, const QString &key)
+{
+    return std::as_const(row).contains(key) && row.remove(key) > 0;
+}
+
+} // namespace
+
+bool JiraReviewWindowController::Private::applyOperationKeys(
+    QVariantMap &row, const QHash<QString, bool> *pending) const
+{
+    const auto lock = review::Lock(row.value(RowKey::kLocked).toInt());
+    const bool canTick = review::canSelectDraft(row, busy, lock != review::Lock::None, pending);
+    bool changed = setIfChanged(row, RowKey::kCanTick, canTick);
+    changed
+        |= setIfChanged(row, RowKey::kCanEditPost, review::toPostEditable(row, busy, lock == review::Lock::Recorded));
+    if (!canTick && !pending && !busy)
+        changed |= setIfChanged(row, QStringLiteral("include"), false);
+    return applyProgressKeys(row) || changed;
+}
+
+bool JiraReviewWindowController::Private::applyProgressKeys(QVariantMap &row) const
+{
+    const QString sourceKey = str(row, QStringLiteral("source_key"));
+    const auto found = progress.constFind(sourceKey);
+    if (found == progress.cend())
+        return removeIfPresent(row, RowKey::kProgress) | removeIfPresent(row, RowKey::kProgressActive);
+    return setIfChanged(row, RowKey::kProgress, found.value())
+        | setIfChanged(row, RowKey::kProgressActive, progressActive.contains(sourceKey));
+}
+
+void JiraReviewWindowController::Private::refreshOperationKeys()
+{
+    QVariantList rows = model->rows();
+    const QHash<QString, bool> *pending = intent ? &*intent : nullptr;
+    bool changed = false;
+    for (QVariant &item : rows) {
+        QVariantMap row = item.toMap();
+        if (applyOperationKeys(row, pending)) {
+            item = row;
+            changed = true;
+        }
+    }
+    if (changed)
+        model->setRows(rows);
+}
+
+int JiraReviewWindowController::Private::rowForSource(const QString &sourceKey)
+{
+    if (rowBySource.size() != model->rows().size()) {
+        rowBySource.clear();
+        for (int row = 0; row < model->rows().size(); ++row)
+            rowBySource.insert(str(model->row(row), QStringLiteral("source_key")), row);
+    }
+    return rowBySource.value(sourceKey, -1);
 }
 
 void JiraReviewWindowController::Private::refreshDerivedKeys()
@@ -530,8 +592,10 @@ void JiraReviewWindowController::Private::reload()
         selected.insert(index.data(ReviewModel::SourceKeyRole).toString());
     const QString current = tree->currentIndex().data(ReviewModel::SourceKeyRole).toString();
     const int scroll = tree->verticalScrollBar()->value();
+    titlesChanged = false;
     const bool inPlace = model->setRows(buildRows());
     rowBySource.clear();
+    rebuiltSinceCheck = true;
     if (!inPlace) {
         restoreViewState(selected);
         if (!current.isEmpty())
@@ -635,28 +699,24 @@ bool JiraReviewWindowController::Private::liveUpdate(const QVariantList &fresh)
                 return false;
         changed.append(i);
     }
-    if (!changed.isEmpty() && rowBySource.size() != model->rows().size()) {
-        rowBySource.clear();
-        for (int row = 0; row < model->rows().size(); ++row)
-            rowBySource.insert(str(model->row(row), QStringLiteral("source_key")), row);
-    }
     const review::ReceiptIndex none;
     bool rowsChanged = false;
     for (int i : std::as_const(changed)) {
         const QVariantMap session = fresh[i].toMap();
-        const auto found = rowBySource.constFind(JRSourceKey(session));
-        if (found == rowBySource.cend())
+        const int found = rowForSource(JRSourceKey(session));
+        if (found < 0)
             continue; // outside the period
         const QVariantList built = JRBuildDrafts({resolvedSession(session, none)}, sessionDate(session).startOfDay());
         if (built.size() != 1)
             return false;
         const QVariantMap draft = built.first().toMap();
-        QVariantMap row = model->row(found.value());
-        for (const char *key :
-            {"seconds", "source_milliseconds", "logged_seconds", "remaining_seconds", "post_seconds", "session"})
-            row.insert(QLatin1String(key), draft.value(QLatin1String(key)));
-        if (row != model->row(found.value())) {
-            model->updateRow(found.value(), row);
+        QVariantMap row = model->row(found);
+        for (const QString &key : {DraftKey::kSeconds, DraftKey::kSourceMilliseconds, DraftKey::kLoggedSeconds,
+                 DraftKey::kRemainingSeconds, DraftKey::kPostSeconds, DraftKey::kSession})
+            row.insert(key, draft.value(key));
+        if (row != model->row(found)) {
+            touchedSinceCheck.insert(str(row, QStringLiteral("source_key")));
+            model->updateRow(found, row);
             rowsChanged = true;
         }
     }

@@ -1,6 +1,7 @@
 // The row commands of the Worklogs window (context menu, double click) and the history export.
 
 #include "app/ui/jirareviewwindow_p.h"
+#include "app/ui/rowkeys.h"
 #include "app/ui/sessioneditor.h"
 #include "app/ui/worklogpicker.h"
 #include "worklogs/engine.h"
@@ -45,7 +46,7 @@ QString JiraReviewWindowController::Private::refusalForEdit(const QVariantMap &r
         return QStringLiteral("Connect Jira and choose a site in Worklogs first.");
     if (busy)
         return QStringLiteral("Wait for the current Jira operation to finish.");
-    if (review::Lock(row.value(QStringLiteral("locked")).toInt()) == review::Lock::Recorded
+    if (review::Lock(row.value(RowKey::kLocked).toInt()) == review::Lock::Recorded
         || !str(row, QStringLiteral("jira_receipt_state")).isEmpty()) {
         return reset ? QStringLiteral("This session has a recorded or uncertain submission. Review it in Jira.")
                      : QStringLiteral("This session has a recorded or uncertain submission. Review it in Jira; local "

@@ -1,6 +1,9 @@
 #include "app/ui/reviewmodel.h"
 
 #include "app/ui/reviewrules.h"
+#include "app/ui/rowkeys.h"
+#include "records/draft.h"
+#include "records/session.h"
 #include "worklogs/durations.h"
 #include "worklogs/preferences.h"
 #include "worklogs/text.h"
@@ -41,9 +44,9 @@ bool flag(const QVariantMap &map, const QString &key)
 }
 
 // Estimates come from the title cache and may be missing: an empty cell rather than "0m".
-QVariant optionalDuration(const QVariantMap &row, const char *key)
+QVariant optionalDuration(const QVariantMap &row, const QString &key)
 {
-    const QVariant value = row.value(QLatin1String(key));
+    const QVariant value = row.value(key);
     if (!value.isValid() || value.isNull())
         return {};
     return JRDurationText(value.toLongLong());
@@ -81,7 +84,7 @@ bool ReviewModel::setRows(const QVariantList &rows)
     QVector<Group> groups;
     QHash<QString, int> byIssue;
     for (int i = 0; i < rows.size(); ++i) {
-        const QString issue = str(rows.at(i).toMap(), QStringLiteral("issue"));
+        const QString issue = str(rows.at(i).toMap(), DraftKey::kIssue);
         auto found = byIssue.find(issue);
         if (found == byIssue.end()) {
             found = byIssue.insert(issue, int(groups.size()));
@@ -94,8 +97,7 @@ bool ReviewModel::setRows(const QVariantList &rows)
     for (int g = 0; sameShape && g < groups.size(); ++g)
         sameShape = groups[g].issue == m_groups[g].issue && groups[g].rows == m_groups[g].rows;
     for (int i = 0; sameShape && i < rows.size(); ++i)
-        sameShape = str(rows[i].toMap(), QStringLiteral("source_key"))
-            == str(m_rows[i].toMap(), QStringLiteral("source_key"));
+        sameShape = str(rows[i].toMap(), DraftKey::kSourceKey) == str(m_rows[i].toMap(), DraftKey::kSourceKey);
 
     if (!sameShape) {
         beginResetModel();
@@ -240,12 +242,12 @@ QVariant ReviewModel::data(const QModelIndex &index, int role) const
     return {};
 }
 
-qint64 ReviewModel::groupSum(const Group &group, const char *key) const
+qint64 ReviewModel::groupSum(const Group &group, const QString &key) const
 {
     qint64 total = 0;
     for (int i : group.rows) {
         const QVariantMap row = m_rows[i].toMap();
-        total += qstrcmp(key, "post_seconds") == 0 ? JRPostSeconds(row) : num(row, QLatin1String(key));
+        total += key == DraftKey::kPostSeconds ? JRPostSeconds(row) : num(row, key);
     }
     return total;
 }
@@ -272,8 +274,8 @@ QVariant ReviewModel::groupData(int group, int column, int role) const
         int tickable = 0, ticked = 0;
         for (const QVariant &child : children) {
             const QVariantMap row = child.toMap();
-            tickable += flag(row, QStringLiteral("can_tick")) ? 1 : 0;
-            ticked += flag(row, QStringLiteral("include")) ? 1 : 0;
+            tickable += flag(row, RowKey::kCanTick) ? 1 : 0;
+            ticked += flag(row, DraftKey::kInclude) ? 1 : 0;
         }
         if (ticked == 0)
             return Qt::Unchecked;
@@ -292,19 +294,19 @@ QVariant ReviewModel::groupData(int group, int column, int role) const
     case IssueColumn:
         return g.issue.isEmpty() ? QStringLiteral("Unassigned") : g.issue;
     case TitleColumn:
-        return str(first, QStringLiteral("display_title"));
+        return str(first, RowKey::kDisplayTitle);
     case TrackedColumn:
-        return review::durationCell(groupSum(g, "seconds"));
+        return review::durationCell(groupSum(g, DraftKey::kSeconds));
     case LoggedColumn:
-        return JRDurationText(groupSum(g, "logged_seconds"));
+        return JRDurationText(groupSum(g, DraftKey::kLoggedSeconds));
     case NotLoggedColumn:
-        return JRDurationText(groupSum(g, "remaining_seconds"));
+        return JRDurationText(groupSum(g, DraftKey::kRemainingSeconds));
     case ToPostColumn:
-        return review::durationCell(groupSum(g, "post_seconds"));
+        return review::durationCell(groupSum(g, DraftKey::kPostSeconds));
     case EstimateColumn:
-        return optionalDuration(first, "jira_estimate");
+        return optionalDuration(first, RowKey::kJiraEstimate);
     case JiraRemainingColumn:
-        return optionalDuration(first, "jira_remaining");
+        return optionalDuration(first, RowKey::kJiraRemaining);
     case StatusColumn:
         return g.rows.size() == 1 ? QStringLiteral("1 session") : QStringLiteral("%1 sessions").arg(g.rows.size());
     default:
@@ -323,17 +325,17 @@ QVariant ReviewModel::sessionData(int index, int column, int role) const
     case RowRole:
         return index;
     case SourceKeyRole:
-        return str(row, QStringLiteral("source_key"));
+        return str(row, DraftKey::kSourceKey);
     case UnavailableRole:
         return review::unavailable(row);
     case Qt::ForegroundRole:
         return review::unavailable(row) ? dimmedText() : QVariant();
     case BusyRole:
-        return flag(row, QStringLiteral("progress_active"));
+        return flag(row, RowKey::kProgressActive);
     case StatusTextRole:
     case StatusSymbolRole:
     case StatusTintRole: {
-        const QString progress = str(row, QStringLiteral("progress"));
+        const QString progress = str(row, RowKey::kProgress);
         const review::StatusLook look = progress.isEmpty() ? review::statusLook(row) : review::progressLook(progress);
         if (role == StatusTextRole)
             return look.text;
@@ -341,7 +343,7 @@ QVariant ReviewModel::sessionData(int index, int column, int role) const
     }
     case Qt::CheckStateRole:
         if (column == IncludeColumn)
-            return flag(row, QStringLiteral("include")) ? Qt::Checked : Qt::Unchecked;
+            return flag(row, DraftKey::kInclude) ? Qt::Checked : Qt::Unchecked;
         return {};
     case Qt::ToolTipRole:
         if (column == IncludeColumn)
@@ -362,28 +364,27 @@ QVariant ReviewModel::sessionData(int index, int column, int role) const
     switch (column) {
     case IncludeColumn:
         return role == Qt::AccessibleTextRole
-            ? QVariant(flag(row, QStringLiteral("include")) ? QStringLiteral("Ticked") : QStringLiteral("Not ticked"))
+            ? QVariant(flag(row, DraftKey::kInclude) ? QStringLiteral("Ticked") : QStringLiteral("Not ticked"))
             : QVariant();
     case IssueColumn:
         return {};
     case TitleColumn: {
-        const QString activity = str(row, QStringLiteral("activity"));
-        return activity.isEmpty() ? str(row.value(QStringLiteral("session")).toMap(), QStringLiteral("description"))
-                                  : activity;
+        const QString activity = str(row, DraftKey::kActivity);
+        return activity.isEmpty() ? str(row.value(DraftKey::kSession).toMap(), SessionKey::kDescription) : activity;
     }
     case TrackedColumn:
-        return review::durationCell(num(row, QStringLiteral("seconds")));
+        return review::durationCell(num(row, DraftKey::kSeconds));
     case LoggedColumn:
-        return JRDurationText(num(row, QStringLiteral("logged_seconds")));
+        return JRDurationText(num(row, DraftKey::kLoggedSeconds));
     case NotLoggedColumn:
-        return review::durationCell(num(row, QStringLiteral("remaining_seconds")));
+        return review::durationCell(num(row, DraftKey::kRemainingSeconds));
     case ToPostColumn:
         return review::durationCell(JRPostSeconds(row));
     case EstimateColumn:
     case JiraRemainingColumn:
         return {};
     case CommentColumn:
-        return str(row, QStringLiteral("comment"));
+        return str(row, DraftKey::kComment);
     case StatusColumn:
         return sessionData(index, column, StatusTextRole);
     default:
@@ -402,14 +403,14 @@ Qt::ItemFlags ReviewModel::flags(const QModelIndex &index) const
     if (k == Kind::Group) {
         if (index.column() == IncludeColumn)
             for (int i : m_groups[index.row() / 2].rows)
-                if (flag(m_rows[i].toMap(), QStringLiteral("can_tick")))
+                if (flag(m_rows[i].toMap(), RowKey::kCanTick))
                     return result | Qt::ItemIsUserCheckable;
         return result;
     }
     const QVariantMap row = m_rows[rowOf(index)].toMap();
-    if (index.column() == IncludeColumn && flag(row, QStringLiteral("can_tick")))
+    if (index.column() == IncludeColumn && flag(row, RowKey::kCanTick))
         result |= Qt::ItemIsUserCheckable;
-    if (index.column() == ToPostColumn && flag(row, QStringLiteral("can_edit_post")))
+    if (index.column() == ToPostColumn && flag(row, RowKey::kCanEditPost))
         result |= Qt::ItemIsEditable;
     return result;
 }
@@ -417,9 +418,9 @@ Qt::ItemFlags ReviewModel::flags(const QModelIndex &index) const
 void ReviewModel::setTick(int index, bool ticked)
 {
     QVariantMap row = m_rows[index].toMap();
-    if (!flag(row, QStringLiteral("can_tick")) || flag(row, QStringLiteral("include")) == ticked)
+    if (!flag(row, RowKey::kCanTick) || flag(row, DraftKey::kInclude) == ticked)
         return;
-    row.insert(QStringLiteral("include"), ticked);
+    row.insert(DraftKey::kInclude, ticked);
     updateRow(index, row);
 }
 
@@ -443,12 +444,12 @@ bool ReviewModel::setData(const QModelIndex &index, const QVariant &value, int r
         && (flags(index) & Qt::ItemIsEditable)) {
         const int i = rowOf(index);
         QVariantMap row = m_rows[i].toMap();
-        const qint64 seconds = review::toPostSeconds(value.toString(), num(row, QStringLiteral("remaining_seconds")));
+        const qint64 seconds = review::toPostSeconds(value.toString(), num(row, DraftKey::kRemainingSeconds));
         if (seconds < 0) {
             emit editRefused(review::toPostRefusal());
             return false;
         }
-        row.insert(QStringLiteral("post_seconds"), seconds);
+        row.insert(DraftKey::kPostSeconds, seconds);
         updateRow(i, row);
         emit choicesChanged();
         return true;

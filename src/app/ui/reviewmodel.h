@@ -89,7 +89,7 @@ private:
 
     QVariant sessionData(int row, int column, int role) const;
     QVariant groupData(int group, int column, int role) const;
-    qint64 groupSum(const Group &group, const char *key) const;
+    qint64 groupSum(const Group &group, const QString &key) const;
     void setTick(int row, bool ticked);
 
     QVariantList m_rows;

@@ -3,8 +3,10 @@
 // of a superseded operation is dropped.
 
 #include "app/ui/jirareviewwindow_p.h"
+#include "app/ui/rowkeys.h"
 #include "jira/connectionsettings.h"
 #include "platform/platformerror.h"
+#include "records/draft.h"
 #include "worklogs/engine.h"
 #include "worklogs/namedfailure.h"
 
@@ -45,7 +47,9 @@ void JiraReviewWindowController::Private::setBusy(bool isBusy, bool isPosting)
     busy = isBusy;
     posting = isPosting;
     tree->setSpinning(isBusy);
-    refreshDerivedKeys();
+    if (!isBusy && titlesChanged)
+        titleReload.start();
+    refreshOperationKeys();
     updatePostButton();
     updateConnectionControls();
     if (postingChanged)
@@ -55,6 +59,7 @@ void JiraReviewWindowController::Private::setBusy(bool isBusy, bool isPosting)
 
 void JiraReviewWindowController::Private::setRowProgress(const QStringList &keys, const QString &text, bool active)
 {
+    // Only the named rows change: a check of a heavy day sends several events per issue.
     for (const QString &key : keys) {
         if (text.isEmpty())
             progress.remove(key);
@@ -64,8 +69,13 @@ void JiraReviewWindowController::Private::setRowProgress(const QStringList &keys
             progressActive.insert(key);
         else
             progressActive.remove(key);
+        const int index = rowForSource(key);
+        if (index < 0)
+            continue;
+        QVariantMap row = model->row(index);
+        if (applyProgressKeys(row))
+            model->updateRow(index, row);
     }
-    refreshDerivedKeys();
 }
 
 void JiraReviewWindowController::Private::startCompare(bool automatic)
@@ -108,16 +118,71 @@ void JiraReviewWindowController::Private::startCompare(bool automatic)
     setBusy(true, false);
 
     const QString site = cloud;
+    const QString directory = store;
     QPointer<JiraReviewWindowController> self(q);
-    client->queue().async([this, self, operation, sent, site] {
-        const QVariantMap result
-            = service->compareDrafts(sent, site, [self, this, operation](const QVariantMap &event) {
-                  QMetaObject::invokeMethod(
-                      self, [self, this, operation, event] { progressEvent(operation, event); }, Qt::QueuedConnection);
-              });
+    rebuiltSinceCheck = false;
+    touchedSinceCheck.clear();
+    const std::optional<QHash<QString, bool>> wanted = intent;
+    client->queue().async([this, self, operation, sent, site, directory, wanted] {
+        QVariantMap result = service->compareDrafts(sent, site, [self, this, operation](const QVariantMap &event) {
+            QMetaObject::invokeMethod(
+                self, [self, this, operation, event] { progressEvent(operation, event); }, Qt::QueuedConnection);
+        });
+        // The outcome is stored, stamped and put into the rows as they were sent here, off the main thread:
+        // for a heavy day that is most of the work of a check after the network.
+        CheckedRows checked;
+        if (!result.contains(QStringLiteral("error"))) {
+            const QDateTime now = QDateTime::currentDateTime();
+            QVariantList drafts = result.value(QStringLiteral("drafts")).toList();
+            ComparisonCache(directory).saveDrafts(drafts, site, str(result, QStringLiteral("account")), now);
+            for (QVariant &item : drafts) {
+                QVariantMap draft = item.toMap();
+                draft.insert(QStringLiteral("comparison_at"), now);
+                draft.insert(QStringLiteral("comparison_current"), true);
+                draft.insert(RowKey::kFingerprint, JRComparisonFingerprint(draft));
+                item = draft;
+            }
+            result.insert(QStringLiteral("drafts"), drafts);
+            result.insert(RowKey::kCheckedAt, now);
+            checked = checkedRows(sent, drafts, wanted);
+        }
         QMetaObject::invokeMethod(
-            self, [this, operation, result, sent] { finishCompare(operation, result, sent); }, Qt::QueuedConnection);
+            self, [this, operation, result, checked] { finishCompare(operation, result, checked); },
+            Qt::QueuedConnection);
     });
+}
+
+JiraReviewWindowController::Private::CheckedRows JiraReviewWindowController::Private::checkedRows(
+    const QVariantList &sent, const QVariantList &drafts, const std::optional<QHash<QString, bool>> &wanted)
+{
+    QHash<QString, QVariantMap> compared;
+    for (const QVariant &item : drafts) {
+        const QVariantMap draft = item.toMap();
+        compared.insert(str(draft, QStringLiteral("source_key")), draft);
+    }
+    CheckedRows checked;
+    checked.rows = sent;
+    checked.valid = applyComparison(checked.rows, compared);
+    if (!checked.valid) {
+        checked.rows.clear();
+        return checked;
+    }
+    includeEligible(checked.rows);
+    checked.refused = review::settleSelectionIntent(checked.rows, wanted ? &*wanted : nullptr);
+    checked.intent = wanted;
+    return checked;
+}
+
+void JiraReviewWindowController::Private::includeEligible(QVariantList &rows)
+{
+    for (QVariant &item : rows) {
+        QVariantMap row = item.toMap();
+        const bool eligible = row.value(QStringLiteral("eligible")).toBool();
+        if (row.value(QStringLiteral("include")).toBool() != eligible) {
+            row.insert(QStringLiteral("include"), eligible);
+            item = row;
+        }
+    }
 }
 
 void JiraReviewWindowController::Private::progressEvent(qint64 operation, const QVariantMap &event)
@@ -170,7 +235,7 @@ void JiraReviewWindowController::Private::progressEvent(qint64 operation, const 
 }
 
 void JiraReviewWindowController::Private::finishCompare(
-    qint64 operation, const QVariantMap &result, const QVariantList &sent)
+    qint64 operation, const QVariantMap &result, const CheckedRows &checked)
 {
     if (operation != serial)
         return;
@@ -186,48 +251,79 @@ void JiraReviewWindowController::Private::finishCompare(
             error.isEmpty() ? QStringLiteral("Jira request failed.") : error, str(result, QStringLiteral("detail"))));
         return;
     }
-    const QDateTime now = QDateTime::currentDateTime();
     account = str(result, QStringLiteral("account"));
     QSettings settings;
     QVariantMap accounts = settings.value(kAccountsByCloud).toMap();
     accounts.insert(cloud, account);
     settings.setValue(kAccountsByCloud, accounts);
 
-    QVariantList drafts = result.value(QStringLiteral("drafts")).toList();
-    cache.saveDrafts(drafts, cloud, account, now);
     compared.clear();
     checkedDays.clear();
-    for (const QVariant &item : std::as_const(drafts)) {
-        QVariantMap draft = item.toMap();
-        draft.insert(QStringLiteral("comparison_at"), now);
-        draft.insert(QStringLiteral("comparison_current"), true);
-        draft.insert(QStringLiteral("fingerprint"), JRComparisonFingerprint(draft));
+    for (const QVariant &item : result.value(QStringLiteral("drafts")).toList()) {
+        const QVariantMap draft = item.toMap();
         compared.insert(str(draft, QStringLiteral("source_key")), draft);
         checkedDays.insert(str(draft, QStringLiteral("started")).left(10));
     }
-    Q_UNUSED(sent);
-    comparisonAt = now;
+    comparisonAt = result.value(RowKey::kCheckedAt).toDateTime();
     const std::optional<QHash<QString, bool>> wanted = intent;
     intent.reset();
     busy = false;
-    reload();
-    QVariantList rows = model->rows();
-    for (QVariant &item : rows) {
-        QVariantMap row = item.toMap();
-        row.insert(QStringLiteral("include"), row.value(QStringLiteral("eligible")).toBool());
-        item = row;
-    }
-    const int refused = review::settleSelectionIntent(rows, wanted ? &*wanted : nullptr);
-    model->setRows(rows);
     progress.clear();
     progressActive.clear();
+    QVariantList rows;
+    int refused = 0;
+    // The rows merged on the Jira queue still hold when nothing rebuilt or changed them since they were sent.
+    if (checked.valid && !rebuiltSinceCheck && touchedSinceCheck.isEmpty() && checked.intent == wanted
+        && checked.rows.size() == model->rows().size()) {
+        rows = checked.rows;
+        refused = checked.refused;
+    } else {
+        rows = model->rows();
+        if (rebuiltSinceCheck || !applyComparison(rows, compared)) {
+            reload();
+            rows = model->rows();
+        }
+        includeEligible(rows);
+        refused = review::settleSelectionIntent(rows, wanted ? &*wanted : nullptr);
+    }
+    refreshReceipts();
+    applyWindowKeys(rows, review::ReceiptIndex(receipts, cloud));
+    model->setRows(rows);
     setBusy(false, false);
     ticksChosen = true;
-    setStatus(refused > 0 ? review::untickedMessage(refused) : review::checkedText(comparisonAt, now));
+    setStatus(refused > 0 ? review::untickedMessage(refused)
+                          : review::checkedText(comparisonAt, QDateTime::currentDateTime()));
     if (postAfterCheck) {
         postAfterCheck = false;
         startPost();
     }
+}
+
+bool JiraReviewWindowController::Private::applyComparison(
+    QVariantList &rows, const QHash<QString, QVariantMap> &outcome)
+{
+    for (QVariant &item : rows) {
+        QVariantMap row = item.toMap();
+        const QString key = str(row, QStringLiteral("source_key"));
+        const auto found = outcome.constFind(key);
+        if (found == outcome.cend())
+            return false;
+        const QVariantMap &last = found.value();
+        // A title that arrived during the check changes the comment the engine would send; the row keeps the
+        // comment that was checked, as a rebuild does.
+        QVariantMap probe = row;
+        if (str(last, QStringLiteral("issue_title")) != str(row, QStringLiteral("issue_title"))) {
+            probe.insert(QStringLiteral("issue_title"), last.value(QStringLiteral("issue_title")));
+            probe.insert(QStringLiteral("comment"), last.value(QStringLiteral("comment")));
+        }
+        if (str(last, RowKey::kFingerprint) != JRComparisonFingerprint(probe))
+            return false;
+        row = probe;
+        for (const QString &field : kComparedKeys)
+            row.insert(field, last.value(field));
+        item = row;
+    }
+    return true;
 }
 
 void JiraReviewWindowController::Private::startPost()

@@ -1,5 +1,10 @@
 #include "app/ui/reviewrules.h"
 
+#include "app/ui/rowkeys.h"
+#include "records/draft.h"
+#include "records/receipt.h"
+#include "records/session.h"
+#include "records/worklog.h"
 #include "worklogs/engine.h"
 
 #include <QKeySequence>
@@ -38,7 +43,7 @@ QString plural(qint64 count)
 
 bool current(const QVariantMap &row)
 {
-    return flag(row, QStringLiteral("comparison_current"));
+    return flag(row, DraftKey::kComparisonCurrent);
 }
 
 } // namespace
@@ -79,28 +84,27 @@ QString daySignature(const QVariantList &sessions)
     for (const QVariant &item : sessions) {
         const QVariantMap session = item.toMap();
         signature += QStringLiteral("%1|%2|%3|%4|%5\n")
-                         .arg(num(session, QStringLiteral("start_ms")))
-                         .arg(num(session, QStringLiteral("end_ms")))
-                         .arg(flag(session, QStringLiteral("source_running")) ? 1 : 0)
-                         .arg(str(session, QStringLiteral("description")), str(session, QStringLiteral("issue")));
+                         .arg(num(session, SessionKey::kStartMs))
+                         .arg(num(session, SessionKey::kEndMs))
+                         .arg(flag(session, SessionKey::kSourceRunning) ? 1 : 0)
+                         .arg(str(session, SessionKey::kDescription), str(session, SessionKey::kIssue));
     }
     return signature;
 }
 
 StatusLook statusLook(const QVariantMap &row)
 {
-    const QString status = str(row, QStringLiteral("status"));
-    if (row.contains(QStringLiteral("combined_seconds"))) {
-        QString text
-            = QStringLiteral("Part of %1 worklog").arg(JRDurationText(num(row, QStringLiteral("combined_seconds"))));
-        const QString activity = str(row, QStringLiteral("activity"));
+    const QString status = str(row, DraftKey::kStatus);
+    if (row.contains(RowKey::kCombinedSeconds)) {
+        QString text = QStringLiteral("Part of %1 worklog").arg(JRDurationText(num(row, RowKey::kCombinedSeconds)));
+        const QString activity = str(row, DraftKey::kActivity);
         if (!activity.isEmpty())
             text += QStringLiteral(" · ") + activity;
         if (status != QStringLiteral("Ready"))
             text += QStringLiteral(" · ") + status;
         return {text, Symbol::Combined, Tint::Accent};
     }
-    if (flag(row, QStringLiteral("fragment")) && status == QStringLiteral("Ready"))
+    if (flag(row, DraftKey::kFragment) && status == QStringLiteral("Ready"))
         return {QStringLiteral("Under a minute · posts only combined"), Symbol::Ready, Tint::Accent};
     if (status == QStringLiteral("Ready"))
         return {status, Symbol::Ready, Tint::Accent};
@@ -124,13 +128,13 @@ StatusLook progressLook(const QString &progress)
 
 bool unavailable(const QVariantMap &row)
 {
-    if (flag(row, QStringLiteral("history_row")))
+    if (flag(row, RowKey::kHistoryRow))
         return false;
-    if (nonEmptyMap(row, QStringLiteral("jira_exclusion")) || flag(row, QStringLiteral("source_running")))
+    if (nonEmptyMap(row, DraftKey::kJiraExclusion) || flag(row, DraftKey::kSourceRunning))
         return true;
-    if (row.contains(QStringLiteral("remaining_seconds")) && num(row, QStringLiteral("remaining_seconds")) < 1)
+    if (row.contains(DraftKey::kRemainingSeconds) && num(row, DraftKey::kRemainingSeconds) < 1)
         return true;
-    return current(row) && !flag(row, QStringLiteral("eligible"));
+    return current(row) && !flag(row, DraftKey::kEligible);
 }
 
 bool groupUnavailable(const QVariantList &children)
@@ -147,14 +151,14 @@ ReceiptIndex::ReceiptIndex(const QVariantMap &receipts, const QString &cloud)
 {
     for (auto it = receipts.cbegin(); it != receipts.cend(); ++it) {
         QVariantMap receipt = it.value().toMap();
-        if (str(receipt, QStringLiteral("cloud")) != cloud)
+        if (str(receipt, ReceiptKey::kCloud) != cloud)
             continue;
-        receipt.insert(QStringLiteral("marker"), it.key());
+        receipt.insert(ReceiptKey::kMarker, it.key());
         QSet<QString> named;
-        const QString direct = str(receipt, QStringLiteral("source_key"));
+        const QString direct = str(receipt, ReceiptKey::kSourceKey);
         if (!direct.isEmpty())
             named.insert(direct);
-        const QVariantMap coverage = receipt.value(QStringLiteral("coverage")).toMap();
+        const QVariantMap coverage = receipt.value(ReceiptKey::kCoverage).toMap();
         for (auto key = coverage.cbegin(); key != coverage.cend(); ++key)
             named.insert(key.key());
         for (const QString &key : std::as_const(named))
@@ -165,30 +169,29 @@ ReceiptIndex::ReceiptIndex(const QVariantMap &receipts, const QString &cloud)
 Lock lockedSession(const QVariantMap &row, const QString &cloud, const QString &account, const QSet<QString> &lockedSet,
     const ReceiptIndex &receipts)
 {
-    const QVariantMap session = row.value(QStringLiteral("session")).toMap();
-    const QString sourceKey = str(row, QStringLiteral("source_key"));
+    const QVariantMap session = row.value(DraftKey::kSession).toMap();
+    const QString sourceKey = str(row, DraftKey::kSourceKey);
     const QVariantList named = receipts.receiptsFor(sourceKey);
     if (!named.isEmpty()) {
-        const qint64 ownSeconds
-            = (num(session, QStringLiteral("end_ms")) - num(session, QStringLiteral("start_ms"))) / 1000;
+        const qint64 ownSeconds = (num(session, SessionKey::kEndMs) - num(session, SessionKey::kStartMs)) / 1000;
         QString marker;
         for (const QVariant &item : named) {
             const QVariantMap receipt = item.toMap();
-            if (str(receipt, QStringLiteral("state")) != QStringLiteral("posted"))
+            if (str(receipt, ReceiptKey::kState) != ReceiptKey::kPosted)
                 return Lock::Recorded;
-            const QVariantMap payload = receipt.value(QStringLiteral("payload")).toMap();
+            const QVariantMap payload = receipt.value(ReceiptKey::kPayload).toMap();
             if (num(payload, QStringLiteral("timeSpentSeconds")) >= ownSeconds)
                 return Lock::Recorded;
             if (marker.isNull())
                 marker = JRMarker(row, cloud, account);
-            if (str(receipt, QStringLiteral("marker")) == marker)
+            if (str(receipt, ReceiptKey::kMarker) == marker)
                 return Lock::Recorded;
-            for (const QVariant &property : payload.value(QStringLiteral("properties")).toList())
-                if (JRText(property.toMap().value(QStringLiteral("value"))).contains(marker))
+            for (const QVariant &property : payload.value(WorklogKey::kProperties).toList())
+                if (JRText(property.toMap().value(WorklogKey::kPropertyValue)).contains(marker))
                     return Lock::Recorded;
         }
     }
-    if (flag(session, QStringLiteral("assignment_locked")) || flag(row, QStringLiteral("assignment_locked")))
+    if (flag(session, SessionKey::kAssignmentLocked) || flag(row, SessionKey::kAssignmentLocked))
         return Lock::Assignment;
     if (lockedSet.contains(cloud + QLatin1Char('|') + sourceKey))
         return Lock::Assignment;
@@ -197,19 +200,19 @@ Lock lockedSession(const QVariantMap &row, const QString &cloud, const QString &
 
 bool canSelectDraft(const QVariantMap &row, bool busy, bool locked, const QHash<QString, bool> *intent)
 {
-    if (flag(row, QStringLiteral("history_row")) || unavailable(row) || locked)
+    if (flag(row, RowKey::kHistoryRow) || unavailable(row) || locked)
         return false;
     if (busy && !intent)
         return false;
-    if (intent && intent->contains(str(row, QStringLiteral("source_key"))))
+    if (intent && intent->contains(str(row, DraftKey::kSourceKey)))
         return true;
-    return current(row) && flag(row, QStringLiteral("eligible"));
+    return current(row) && flag(row, DraftKey::kEligible);
 }
 
 bool toPostEditable(const QVariantMap &row, bool busy, bool lockedBySubmission)
 {
-    return !flag(row, QStringLiteral("history_row")) && !flag(row, QStringLiteral("fragment")) && !busy
-        && !nonEmptyMap(row, QStringLiteral("jira_exclusion")) && !lockedBySubmission;
+    return !flag(row, RowKey::kHistoryRow) && !flag(row, DraftKey::kFragment) && !busy
+        && !nonEmptyMap(row, DraftKey::kJiraExclusion) && !lockedBySubmission;
 }
 
 qint64 toPostSeconds(const QString &text, qint64 remaining)
@@ -230,11 +233,11 @@ int settleSelectionIntent(QVariantList &rows, const QHash<QString, bool> *intent
     int refused = 0;
     for (QVariant &item : rows) {
         QVariantMap row = item.toMap();
-        const bool ready = current(row) && flag(row, QStringLiteral("eligible"));
-        bool include = flag(row, QStringLiteral("include"));
+        const bool ready = current(row) && flag(row, DraftKey::kEligible);
+        bool include = flag(row, DraftKey::kInclude);
         if (intent) {
             // Rows the intent does not know (another day, a new session) keep the check's own choice.
-            const QString key = str(row, QStringLiteral("source_key"));
+            const QString key = str(row, DraftKey::kSourceKey);
             const bool wanted = intent->contains(key) ? intent->value(key) : include;
             if (wanted && !ready)
                 ++refused;
@@ -243,8 +246,8 @@ int settleSelectionIntent(QVariantList &rows, const QHash<QString, bool> *intent
             ++refused;
             include = false;
         }
-        if (include != flag(row, QStringLiteral("include"))) {
-            row.insert(QStringLiteral("include"), include);
+        if (include != flag(row, DraftKey::kInclude)) {
+            row.insert(DraftKey::kInclude, include);
             item = row;
         }
     }
@@ -263,9 +266,9 @@ QString footerText(const QVariantList &rows, bool history, int hiddenShort)
     qint64 tracked = 0, logged = 0, remaining = 0;
     for (const QVariant &item : rows) {
         const QVariantMap row = item.toMap();
-        tracked += num(row, QStringLiteral("seconds"));
-        logged += num(row, QStringLiteral("logged_seconds"));
-        remaining += num(row, QStringLiteral("remaining_seconds"));
+        tracked += num(row, DraftKey::kSeconds);
+        logged += num(row, DraftKey::kLoggedSeconds);
+        remaining += num(row, DraftKey::kRemainingSeconds);
     }
     if (history) {
         QString hidden;
@@ -284,8 +287,8 @@ QVariantList worklogsToPost(const QVariantList &rows)
     QVariantList ticked;
     for (const QVariant &item : rows) {
         const QVariantMap row = item.toMap();
-        if (flag(row, QStringLiteral("include")) && current(row) && flag(row, QStringLiteral("eligible"))
-            && !flag(row, QStringLiteral("history_row")))
+        if (flag(row, DraftKey::kInclude) && current(row) && flag(row, DraftKey::kEligible)
+            && !flag(row, RowKey::kHistoryRow))
             ticked.append(item);
     }
     return JRWorklogsToPost(ticked);
@@ -319,10 +322,10 @@ PostStep postStep(const QDateTime &comparisonAt, const QDateTime &now, const QVa
     bool ticked = false, allFragments = true;
     for (const QVariant &item : rows) {
         const QVariantMap row = item.toMap();
-        if (!flag(row, QStringLiteral("include")))
+        if (!flag(row, DraftKey::kInclude))
             continue;
         ticked = true;
-        allFragments = allFragments && num(row, QStringLiteral("seconds")) < 60;
+        allFragments = allFragments && num(row, DraftKey::kSeconds) < 60;
     }
     return ticked && allFragments ? PostStep::OnlyFragments : PostStep::NothingEligible;
 }
@@ -351,7 +354,7 @@ Confirmation confirmation(const QVariantList &worklogs, const QString &site, boo
     for (const QVariant &item : worklogs) {
         const QVariantMap worklog = item.toMap();
         total += JRPostSeconds(worklog);
-        const qint64 combined = num(worklog, QStringLiteral("combined_count"));
+        const qint64 combined = num(worklog, DraftKey::kCombinedCount);
         sessions += combined > 0 ? combined : 1;
         combines = combines || combined > 1;
     }

@@ -219,6 +219,14 @@ void ReviewTreeView::setSpinning(bool spinning)
         m_spinner.stop();
 }
 
+void ReviewTreeView::dataChanged(const QModelIndex &topLeft, const QModelIndex &bottomRight, const QList<int> &roles)
+{
+    // A row's height never follows its values (sessions share one height, spacers another), so the tree's
+    // size-hint refresh of every changed row is skipped: when a check updates a few hundred rows it was most of
+    // the main thread's work. Groups gain or lose children only through a reset.
+    QAbstractItemView::dataChanged(topLeft, bottomRight, roles);
+}
+
 bool ReviewTreeView::isSpacer(const QModelIndex &index) const
 {
     return index.data(ReviewModel::KindRole).toInt() == int(ReviewModel::Kind::Spacer);

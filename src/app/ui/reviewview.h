@@ -44,6 +44,7 @@ signals:
     void activatedRow(const QModelIndex &index);
 
 protected:
+    void dataChanged(const QModelIndex &topLeft, const QModelIndex &bottomRight, const QList<int> &roles = {}) override;
     void drawRow(QPainter *painter, const QStyleOptionViewItem &option, const QModelIndex &index) const override;
     void drawBranches(QPainter *painter, const QRect &rect, const QModelIndex &index) const override;
     void mousePressEvent(QMouseEvent *event) override;
