@@ -86,7 +86,7 @@ bench-window: deps
 		-DHOURLOOM_TEST_HOOKS=ON
 	cmake --build $(BENCH_BUILD) --parallel --target hourloom hourloom-simtracker bench_ui
 	scripts/with-tray.sh bench/ui/measure-window.sh $(BENCH_BUILD)
-	bench/ui/with-keyring.sh $(BENCH_BUILD)/bench/ui/bench_ui --benchmark_filter=CheckHeavyDay
+	scripts/with-keyring.sh $(BENCH_BUILD)/bench/ui/bench_ui --benchmark_filter=CheckHeavyDay
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i

@@ -169,7 +169,7 @@ void runCheck(benchmark::State &state, int drafts, int issues)
 {
     // The sign-in lives in the secret store; without a session bus there is none.
     if (qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS")) {
-        state.SkipWithError("needs a secret store: run it through bench/ui/with-keyring.sh");
+        state.SkipWithError("needs a secret store: run it through scripts/with-keyring.sh");
         return;
     }
     CheckEnvironment environment;
