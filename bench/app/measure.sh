@@ -5,8 +5,9 @@
 #     untimed launch), median and best of LAUNCHES runs; floor: exec of the same binary for a command that
 #     ends before any Qt start (dynamic loading alone);
 #   - idle: a tracker with 100,000 activities and a session sending heartbeats every 5 s; peak RSS after
-#     start-up, RSS growth and average CPU over IDLE_SECONDS (default 600); floor: the peak RSS of the
-#     Worklogs smoke window, a bare Qt window without monitor or tray.
+#     start-up, RSS growth and average CPU over IDLE_SECONDS (default 600); floors: the peak RSS of the
+#     Worklogs smoke window, a bare Qt window without monitor or tray, and of hourloom-baretray, a tray icon
+#     with a menu through the same toolkit and nothing else.
 # Needs a build with -DHOURLOOM_TEST_HOOKS=ON (the launch figure is printed by the program itself).
 # Usage: bench/app/measure.sh <build-dir>   (env: LAUNCHES=10 IDLE_SECONDS=600 ACTIVITIES=100000)
 set -euo pipefail
@@ -14,6 +15,7 @@ set -euo pipefail
 build=$(cd "${1:-build-bench}" && pwd)
 export HOURLOOM_BIN="$build/src/app/hourloom"
 export SIMTRACKER_BIN="$build/tools/simtracker/hourloom-simtracker"
+export BARETRAY_BIN="$build/bench/hourloom-baretray"
 export LAUNCHES=${LAUNCHES:-10} IDLE_SECONDS=${IDLE_SECONDS:-600} ACTIVITIES=${ACTIVITIES:-100000}
 [[ -n "${DISPLAY:-}" ]] || { echo "run under scripts/with-tray.sh" >&2; exit 1; }
 
@@ -22,6 +24,7 @@ import os, signal, statistics, subprocess, tempfile, time, shutil
 
 hourloom = os.environ["HOURLOOM_BIN"]
 simtracker = os.environ["SIMTRACKER_BIN"]
+baretray = os.environ["BARETRAY_BIN"]
 launches = int(os.environ["LAUNCHES"])
 idle_seconds = int(os.environ["IDLE_SECONDS"])
 activities = int(os.environ["ACTIVITIES"])
@@ -88,6 +91,9 @@ try:
         except (FileNotFoundError, ProcessLookupError):
             pass
         time.sleep(0.1)
+    # Floor: the bare tray icon, which prints its own resident memory after ten seconds in the tray.
+    bare = subprocess.run([baretray, "10"], env=env, capture_output=True, text=True, check=True).stdout
+    bare_peak = next(int(line.split()[1]) for line in bare.splitlines() if line.startswith("VmHWM:"))
     app = subprocess.Popen([hourloom], env=env, stdout=subprocess.DEVNULL)
     children.append(app)
     sim("start", "12", "ED-1 Idle measurement")
@@ -108,6 +114,7 @@ try:
           f"(growth {(rss1 - rss0) / 1024:+.2f} MiB, highest 30 s sample after start-up {max(samples) / 1024:.1f} MiB; at the end "
           f"{anon / 1024:.1f} MiB own heap, {shared / 1024:.1f} MiB mapped libraries), CPU {cpu:.2f} %")
     print(f"floor (the same binary showing only a Qt window: no monitor, no tray): peak RSS {floor_peak / 1024:.1f} MiB")
+    print(f"floor (a bare tray icon with a menu, the same toolkit, nothing else): peak RSS {bare_peak / 1024:.1f} MiB")
 finally:
     for child in children:
         child.send_signal(signal.SIGTERM)
