@@ -250,6 +250,11 @@ using monitordetail::ExtendedById;
 using monitordetail::ScanTime;
 using monitordetail::Seen;
 
+namespace
+{
+struct ImportRun;
+} // namespace
+
 // Everything the scan body owns; touched only on the monitor's queue.
 struct StintwatchMonitor::Reader {
     QMap<QString, QString> fingerprints;
@@ -284,6 +289,9 @@ struct StintwatchMonitor::Reader {
         const std::vector<int64_t> &named, ScanResult &result, ExtendedById &extended, int &damage);
     bool importTrackerDatabase(const QString &folder, const QString &historyPath, const QMap<QString, QString> &prints,
         bool whole, const ScanTime &now, const std::vector<int64_t> &named, ScanResult &result, ExtendedById &extended);
+    Seen importTable(tracker::ActivityReader &source, size_t t, bool whole, bool sweep, const ScanTime &now,
+        const std::vector<int64_t> &named, ImportRun &run, ExtendedById &extended);
+    void rememberRead(bool whole, bool sweep, const ScanTime &now, std::unordered_map<std::string, Seen> seenNow);
     void learnStore(const std::string &historyPath);
     bool readHistory(const QString &historyPath, const QDateTime &now, ScanResult &result);
     QString setAside(const QString &historyPath, const QDateTime &now);
@@ -415,102 +423,48 @@ void settle(Digests &digests)
     digests.resize(out);
 }
 
-} // namespace
-
-// Copies the tracker's changed activities into the store, reading the whole database or only what can have
-// changed since the last read, and finds the activities that this scan's heartbeats (`named`, sorted) extend.
-// False when the store failed; a tracker database that cannot be read only sets the error.
-bool StintwatchMonitor::Reader::importTrackerDatabase(const QString &folder, const QString &historyPath,
-    const QMap<QString, QString> &prints, bool whole, const ScanTime &now, const std::vector<int64_t> &named,
-    ScanResult &result, ExtendedById &extended)
-{
-    const std::string storePath = QFile::encodeName(historyPath).toStdString();
+// One import's writes into the store: changed activities go in batches of at most kSaveBatch, so a first scan
+// never holds them all. `inStore` is set while the store is being touched, so that a failure there is told
+// from one of the tracker's database.
+struct ImportRun {
+    std::string storePath;
     bool inStore = false;
-    try {
-        ++sourceReads;
-        if (!savedKnown) {
-            inStore = true;
-            learnStore(storePath);
-            inStore = false;
-        }
-        tracker::ActivityReader reader(QFile::encodeName(folder + QStringLiteral("/Stintwatch.db")).toStdString());
-        std::unique_ptr<tracker::HistoryWriter> writer;
-        std::vector<tracker::Activity> batch;
-        Digests written; // what the batch holds, for a partial read's digests once it is stored
-        const auto flush = [&](Digests *digests) {
-            if (batch.empty())
-                return;
-            inStore = true;
-            if (!writer)
-                writer = std::make_unique<tracker::HistoryWriter>(storePath);
-            writer->save(batch);
-            inStore = false;
-            if (digests) {
-                for (const auto &[id, value] : written)
-                    setDigest(*digests, id, value);
-            }
-            batch.clear();
-            written.clear();
-        };
-        const int64_t wallMs = now.wall.toMSecsSinceEpoch();
-        std::unordered_map<std::string, Seen> seenNow;
-        const bool sweep = whole || !heartbeatsOnly || !lastSweep || now.monotonicMs - *lastSweep >= kSweepIntervalMs;
-        for (size_t t = 0; t < reader.tables().size(); ++t) {
-            const std::string &name = reader.tables()[t];
-            const auto known = seen.find(name);
-            const bool partial = !whole && known != seen.end();
-            tracker::RowFilter filter;
-            Seen table;
-            if (partial) {
-                filter.sweep = sweep;
-                table = known->second;
-                // A change stamped in the future must not hide the edits of the next minutes.
-                const int64_t newest = std::min<int64_t>(table.changedMs, wallMs);
-                filter.changedSince = newest < INT64_MIN + kChangeMarginMs ? INT64_MIN : newest - kChangeMarginMs;
-                filter.idAbove = table.id;
-                filter.ids = named;
-            }
-            Digests &digests = saved[name];
-            Digests fresh;
-            if (!partial)
-                fresh.reserve(digests.size() + 64);
-            size_t hint = 0;
-            for (tracker::ActivityRows rows(reader, t, partial ? &filter : nullptr); rows.next();) {
-                const tracker::ActivityView &row = rows.view();
-                table.changedMs = std::max(table.changedMs, row.changed_ms);
-                table.id = std::max(table.id, row.id);
-                if (row.active != 0 && std::binary_search(named.begin(), named.end(), row.id)) {
-                    auto [slot, inserted] = extended.try_emplace(row.id);
-                    if (inserted || row.changed_ms > slot->second.changedMs)
-                        slot->second
-                            = Extended {row.changed_ms, row.start_ms, row.project, std::string(row.description)};
-                }
-                const quint64 value = digest(row);
-                const auto found = findDigest(digests, row.id, hint);
-                if (found != digests.end())
-                    hint = size_t(found - digests.begin()) + 1;
-                if (found == digests.end() || found->second != value) {
-                    batch.push_back(row.activity());
-                    written.emplace_back(row.id, value);
-                }
-                if (!partial)
-                    fresh.emplace_back(row.id, value);
-                if (batch.size() >= kSaveBatch)
-                    flush(partial ? &digests : nullptr);
-            }
-            flush(partial ? &digests : nullptr);
-            if (!partial) {
-                settle(fresh);
-                digests = std::move(fresh);
-            }
-            seenNow[name] = table;
-        }
-        // The store is created on the first scan even when the tracker has nothing yet.
-        if (!writer && ::access(storePath.c_str(), F_OK) != 0) {
-            inStore = true;
-            tracker::HistoryWriter created(storePath);
-        }
+    std::unique_ptr<tracker::HistoryWriter> writer;
+    std::vector<tracker::Activity> batch;
+    Digests written; // what the batch holds, for a partial read's digests once it is stored
+
+    void add(const tracker::ActivityView &row, quint64 value, Digests *digests)
+    {
+        batch.push_back(row.activity());
+        written.emplace_back(row.id, value);
+        if (batch.size() >= kSaveBatch)
+            flush(digests);
+    }
+
+    // Stores the batch; `digests` (null: a whole read, which replaces them at its end) learns what it holds.
+    void flush(Digests *digests)
+    {
+        if (batch.empty())
+            return;
         inStore = true;
+        if (!writer)
+            writer = std::make_unique<tracker::HistoryWriter>(storePath);
+        writer->save(batch);
+        inStore = false;
+        if (digests) {
+            for (const auto &[id, value] : written)
+                setDigest(*digests, id, value);
+        }
+        batch.clear();
+        written.clear();
+    }
+
+    // Closes the store, creating it on the first scan even when the tracker has nothing yet, and indexes it once.
+    void finish(bool &indexed)
+    {
+        inStore = true;
+        if (!writer && ::access(storePath.c_str(), F_OK) != 0)
+            tracker::HistoryWriter created(storePath);
         writer.reset();
         if (!indexed) {
             // The summary asks for rows ending or starting after a date; with both columns indexed that
@@ -520,25 +474,116 @@ bool StintwatchMonitor::Reader::importTrackerDatabase(const QString &folder, con
             indexed = true;
         }
         inStore = false;
-        if (sweep)
-            lastSweep = now.monotonicMs;
-        if (whole) {
-            seen = std::move(seenNow);
-            lastFullRead = now.monotonicMs;
-            partialSinceFull = false;
-        } else {
-            for (auto &[name, table] : seenNow)
-                seen[name] = table;
-            partialSinceFull = true;
+    }
+};
+
+// Notes the newest activity of a heartbeat's id (the one that changed last, the first read on a tie).
+void noteExtended(const tracker::ActivityView &row, const std::vector<int64_t> &named, ExtendedById &extended)
+{
+    if (row.active == 0 || !std::binary_search(named.begin(), named.end(), row.id))
+        return;
+    auto [slot, inserted] = extended.try_emplace(row.id);
+    if (inserted || row.changed_ms > slot->second.changedMs)
+        slot->second = Extended {row.changed_ms, row.start_ms, row.project, std::string(row.description)};
+}
+
+} // namespace
+
+// The rows of one table that can have changed since the last read (all of them for a whole read or a table not
+// seen before) into the store; returns what the table holds now for the next read.
+Seen StintwatchMonitor::Reader::importTable(tracker::ActivityReader &source, size_t t, bool whole, bool sweep,
+    const ScanTime &now, const std::vector<int64_t> &named, ImportRun &run, ExtendedById &extended)
+{
+    const std::string &name = source.tables()[t];
+    const auto known = seen.find(name);
+    const bool partial = !whole && known != seen.end();
+    tracker::RowFilter filter;
+    Seen table;
+    if (partial) {
+        filter.sweep = sweep;
+        table = known->second;
+        // A change stamped in the future must not hide the edits of the next minutes.
+        const int64_t newest = std::min<int64_t>(table.changedMs, now.wall.toMSecsSinceEpoch());
+        filter.changedSince = newest < INT64_MIN + kChangeMarginMs ? INT64_MIN : newest - kChangeMarginMs;
+        filter.idAbove = table.id;
+        filter.ids = named;
+    }
+    Digests &digests = saved[name];
+    Digests *learns = partial ? &digests : nullptr;
+    Digests fresh;
+    if (!partial)
+        fresh.reserve(digests.size() + 64);
+    size_t hint = 0;
+    for (tracker::ActivityRows rows(source, t, partial ? &filter : nullptr); rows.next();) {
+        const tracker::ActivityView &row = rows.view();
+        table.changedMs = std::max(table.changedMs, row.changed_ms);
+        table.id = std::max(table.id, row.id);
+        noteExtended(row, named, extended);
+        const quint64 value = digest(row);
+        const auto found = findDigest(digests, row.id, hint);
+        if (found != digests.end())
+            hint = size_t(found - digests.begin()) + 1;
+        if (found == digests.end() || found->second != value)
+            run.add(row, value, learns);
+        if (!partial)
+            fresh.emplace_back(row.id, value);
+    }
+    run.flush(learns);
+    if (!partial) {
+        settle(fresh);
+        digests = std::move(fresh);
+    }
+    return table;
+}
+
+// Copies the tracker's changed activities into the store, reading the whole database or only what can have
+// changed since the last read, and finds the activities that this scan's heartbeats (`named`, sorted) extend.
+// False when the store failed; a tracker database that cannot be read only sets the error.
+bool StintwatchMonitor::Reader::importTrackerDatabase(const QString &folder, const QString &historyPath,
+    const QMap<QString, QString> &prints, bool whole, const ScanTime &now, const std::vector<int64_t> &named,
+    ScanResult &result, ExtendedById &extended)
+{
+    ImportRun run;
+    run.storePath = QFile::encodeName(historyPath).toStdString();
+    try {
+        ++sourceReads;
+        if (!savedKnown) {
+            run.inStore = true;
+            learnStore(run.storePath);
+            run.inStore = false;
         }
+        tracker::ActivityReader source(QFile::encodeName(folder + QStringLiteral("/Stintwatch.db")).toStdString());
+        const bool sweep = whole || !heartbeatsOnly || !lastSweep || now.monotonicMs - *lastSweep >= kSweepIntervalMs;
+        std::unordered_map<std::string, Seen> seenNow;
+        for (size_t t = 0; t < source.tables().size(); ++t)
+            seenNow[source.tables()[t]] = importTable(source, t, whole, sweep, now, named, run, extended);
+        run.finish(indexed);
+        rememberRead(whole, sweep, now, std::move(seenNow));
         savedStore = statusText(historyPath);
         fingerprints = prints;
     } catch (const std::exception &failure) {
         result.error = QStringLiteral("Source unavailable: %1. Showing retained history.")
                            .arg(QString::fromUtf8(failure.what()));
-        return !inStore;
+        return !run.inStore;
     }
     return true;
+}
+
+// Notes what a read of the tracker's database saw and when, for the reads that follow.
+void StintwatchMonitor::Reader::rememberRead(
+    bool whole, bool sweep, const ScanTime &now, std::unordered_map<std::string, Seen> seenNow)
+{
+    if (sweep)
+        lastSweep = now.monotonicMs;
+    if (whole) {
+        seen = std::move(seenNow);
+        lastFullRead = now.monotonicMs;
+        partialSinceFull = false;
+        return;
+    }
+    for (auto &[name, table] : seenNow)
+        seen[name] = table;
+    partialSinceFull = true;
 }
 
 // Reads the rows and the summary from the store, reusing the last read while neither the store nor the period
