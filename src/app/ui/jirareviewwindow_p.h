@@ -17,6 +17,8 @@
 #include <QDate>
 #include <QDateTime>
 #include <QHash>
+#include <QList>
+#include <QMap>
 #include <QSet>
 #include <QStringList>
 #include <QTimer>
@@ -28,6 +30,7 @@
 
 class QComboBox;
 class QDateEdit;
+class QHBoxLayout;
 class QLabel;
 class QMainWindow;
 class QMenu;
@@ -46,6 +49,15 @@ struct JiraReviewWindowController::Private {
 
     // Window and rows (jirareviewwindowcontroller.cpp).
     void buildWindow();
+    QHBoxLayout *buildToolbar(QWidget *central);
+    QList<QWidget *> buildPeriodControls(QWidget *central);
+    QList<QWidget *> buildJiraControls(QWidget *central);
+    QLabel *buildStatusLine(QWidget *central);
+    QHBoxLayout *buildFooter(QWidget *central);
+    void restoreGeometry();
+    void wirePeriodControls();
+    void wireCommands();
+    void wireTree();
     void buildColumnsMenu();
     void restoreColumns();
     void saveColumns() const;
@@ -55,6 +67,19 @@ struct JiraReviewWindowController::Private {
     void reload();
     bool liveUpdate(const QVariantList &fresh);
     QVariantList buildRows();
+    // The period's sessions, resolved, by the day they start on; short ones are counted in `hiddenShort` when
+    // hidden.
+    QMap<QDate, QVariantList> sessionsByDay(
+        const QDateTime &from, const QDateTime &to, const review::ReceiptIndex &receipts);
+    // One day's drafts with what is known of them put back: their last check or the cached comparison, and
+    // the choices made on their rows (`choices`: source key -> row before the rebuild), which apply only while
+    // the day's sessions are unchanged.
+    QVariantList dayRows(const QDate &day, const QVariantList &daySessions, const QHash<QString, QVariantMap> &choices);
+    // Puts the draft's last check back when it still fits the draft; false when it does not.
+    bool reuseComparison(QVariantMap &draft) const;
+    // Carries the tick and amounts of the draft's earlier row (`kept`: source key -> row) into the draft.
+    static void keepChoices(QVariantMap &draft, const QHash<QString, QVariantMap> &kept);
+    void applyCachedComparisons(QVariantList &drafts, QVariantList uncached, const QHash<QString, QVariantMap> &kept);
     QVariantMap resolvedSession(const QVariantMap &session, const review::ReceiptIndex &receipts);
     void applyWindowKeys(QVariantList &rows, const review::ReceiptIndex &receipts);
     void refreshDerivedKeys();

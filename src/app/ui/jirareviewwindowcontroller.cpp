@@ -116,8 +116,40 @@ void JiraReviewWindowController::Private::buildWindow()
     window->setObjectName(QStringLiteral("JiraReviewWindow"));
     auto *central = new QWidget(window);
     auto *layout = new QVBoxLayout(central);
+    layout->addLayout(buildToolbar(central));
+    tree = new ReviewTreeView(central);
+    model = new ReviewModel(tree);
+    tree->setModel(model);
+    layout->addWidget(tree, 1);
+    layout->addWidget(buildStatusLine(central));
+    layout->addLayout(buildFooter(central));
+    window->setCentralWidget(central);
+    window->resize(1040, 600);
+    restoreGeometry();
+    window->installEventFilter(q);
 
+    buildColumnsMenu();
+    restoreColumns();
+    wirePeriodControls();
+    wireCommands();
+    wireTree();
+    updatePeriodControls();
+    updatePostButton();
+}
+
+QHBoxLayout *JiraReviewWindowController::Private::buildToolbar(QWidget *central)
+{
     auto *bar = new QHBoxLayout;
+    for (QWidget *widget : buildPeriodControls(central))
+        bar->addWidget(widget);
+    bar->addStretch(1);
+    for (QWidget *widget : buildJiraControls(central))
+        bar->addWidget(widget);
+    return bar;
+}
+
+QList<QWidget *> JiraReviewWindowController::Private::buildPeriodControls(QWidget *central)
+{
     periodBox = new QComboBox(central);
     periodBox->addItems({QStringLiteral("Day"), QStringLiteral("Last 7 Days"), QStringLiteral("Custom Range")});
     periodBox->setAccessibleName(QStringLiteral("Period"));
@@ -144,32 +176,31 @@ void JiraReviewWindowController::Private::buildWindow()
     toEdit->setCalendarPopup(true);
     toEdit->setAccessibleName(QStringLiteral("Range end"));
     toLabel->setBuddy(toEdit);
+    return {periodBox, previousDay, nextDay, todayButton, dateEdit, fromLabel, fromEdit, toLabel, toEdit};
+}
+
+QList<QWidget *> JiraReviewWindowController::Private::buildJiraControls(QWidget *central)
+{
     siteBox = new QComboBox(central);
     siteBox->setAccessibleName(QStringLiteral("Jira site"));
     connectButton = new QPushButton(QStringLiteral("Connect Jira…"), central);
     checkButton = new QPushButton(QStringLiteral("Check Jira"), central);
     checkButton->setToolTip(QKeySequence(Qt::CTRL | Qt::Key_R).toString(QKeySequence::NativeText));
-    for (QWidget *widget : std::initializer_list<QWidget *> {
-             periodBox, previousDay, nextDay, todayButton, dateEdit, fromLabel, fromEdit, toLabel, toEdit})
-        bar->addWidget(widget);
-    bar->addStretch(1);
-    bar->addWidget(siteBox);
-    bar->addWidget(connectButton);
-    bar->addWidget(checkButton);
-    layout->addLayout(bar);
+    return {siteBox, connectButton, checkButton};
+}
 
-    tree = new ReviewTreeView(central);
-    model = new ReviewModel(tree);
-    tree->setModel(model);
-    layout->addWidget(tree, 1);
-
+QLabel *JiraReviewWindowController::Private::buildStatusLine(QWidget *central)
+{
     statusLabel = new QLabel(central);
     statusLabel->setObjectName(QStringLiteral("status"));
     statusLabel->setWordWrap(true);
     statusLabel->setTextInteractionFlags(Qt::TextSelectableByMouse);
     statusLabel->setAccessibleName(QStringLiteral("Status"));
-    layout->addWidget(statusLabel);
+    return statusLabel;
+}
 
+QHBoxLayout *JiraReviewWindowController::Private::buildFooter(QWidget *central)
+{
     auto *bottom = new QHBoxLayout;
     footerLabel = new QLabel(central);
     footerLabel->setObjectName(QStringLiteral("footer"));
@@ -185,18 +216,18 @@ void JiraReviewWindowController::Private::buildWindow()
     bottom->addStretch(1);
     bottom->addWidget(progressLabel);
     bottom->addWidget(postButton);
-    layout->addLayout(bottom);
-    window->setCentralWidget(central);
-    window->resize(1040, 600);
+    return bottom;
+}
 
+void JiraReviewWindowController::Private::restoreGeometry()
+{
     QSettings settings;
     if (settings.contains(kGeometryKey))
         window->restoreGeometry(settings.value(kGeometryKey).toByteArray());
-    window->installEventFilter(q);
+}
 
-    buildColumnsMenu();
-    restoreColumns();
-
+void JiraReviewWindowController::Private::wirePeriodControls()
+{
     QObject::connect(periodBox, &QComboBox::currentIndexChanged, q, [this](int index) {
         period = Period(index);
         updatePeriodControls();
@@ -215,6 +246,10 @@ void JiraReviewWindowController::Private::buildWindow()
         rangeTo = date;
         reload();
     });
+}
+
+void JiraReviewWindowController::Private::wireCommands()
+{
     QObject::connect(
         siteBox, &QComboBox::activated, q, [this](int index) { selectSite(siteBox->itemData(index).toString()); });
     QObject::connect(connectButton, &QPushButton::clicked, q, [this] { q->connectJira(); });
@@ -222,6 +257,10 @@ void JiraReviewWindowController::Private::buildWindow()
     QObject::connect(postButton, &QPushButton::clicked, q, [this] { q->post(); });
     auto *refresh = new QShortcut(QKeySequence(Qt::CTRL | Qt::Key_R), window);
     QObject::connect(refresh, &QShortcut::activated, q, [this] { q->checkJira(); });
+}
+
+void JiraReviewWindowController::Private::wireTree()
+{
     auto *menuKey = new QShortcut(QKeySequence(Qt::SHIFT | Qt::Key_F10), tree);
     QObject::connect(menuKey, &QShortcut::activated, q, [this] {
         const QRect rect = tree->visualRect(tree->currentIndex());
@@ -250,8 +289,6 @@ void JiraReviewWindowController::Private::buildWindow()
     tree->header()->setContextMenuPolicy(Qt::CustomContextMenu);
     QObject::connect(tree->header(), &QHeaderView::customContextMenuRequested, q,
         [this](const QPoint &point) { columns->popup(tree->header()->mapToGlobal(point)); });
-    updatePeriodControls();
-    updatePostButton();
 }
 
 void JiraReviewWindowController::Private::updatePeriodControls()
@@ -363,9 +400,28 @@ QVariantList JiraReviewWindowController::Private::buildRows()
 {
     QDateTime from, to;
     interval(from, to);
-    const qint64 fromMs = from.toMSecsSinceEpoch(), toMs = to.toMSecsSinceEpoch();
     refreshReceipts();
     const review::ReceiptIndex index(receipts, cloud);
+    const QMap<QDate, QVariantList> byDay = sessionsByDay(from, to, index);
+
+    // Choices made on the rows survive a rebuild while their day's sessions are unchanged.
+    QHash<QString, QVariantMap> choices;
+    for (const QVariant &item : model->rows()) {
+        const QVariantMap row = item.toMap();
+        choices.insert(str(row, QStringLiteral("source_key")), row);
+    }
+
+    QVariantList rows;
+    for (auto day = byDay.cbegin(); day != byDay.cend(); ++day)
+        rows.append(dayRows(day.key(), day.value(), choices));
+    applyWindowKeys(rows, index);
+    return rows;
+}
+
+QMap<QDate, QVariantList> JiraReviewWindowController::Private::sessionsByDay(
+    const QDateTime &from, const QDateTime &to, const review::ReceiptIndex &index)
+{
+    const qint64 fromMs = from.toMSecsSinceEpoch(), toMs = to.toMSecsSinceEpoch();
     const bool hideShort = JRHideShortSessions();
 
     // Day boundaries computed once: a local-time conversion per session costs a time-zone lookup each.
@@ -391,75 +447,82 @@ QVariantList JiraReviewWindowController::Private::buildRows()
         const auto day = std::upper_bound(dayStarts.cbegin(), dayStarts.cend(), start) - 1;
         byDay[dayDates[day - dayStarts.cbegin()]].append(resolvedSession(session, index));
     }
+    return byDay;
+}
 
-    // Choices made on the rows survive a rebuild while their day's sessions are unchanged.
-    QHash<QString, QVariantMap> choices;
-    for (const QVariant &item : model->rows()) {
-        const QVariantMap row = item.toMap();
-        choices.insert(str(row, QStringLiteral("source_key")), row);
+QVariantList JiraReviewWindowController::Private::dayRows(
+    const QDate &day, const QVariantList &daySessions, const QHash<QString, QVariantMap> &choices)
+{
+    const QString dayKey = day.toString(Qt::ISODate);
+    const QString signature = review::daySignature(daySessions);
+    const bool unchanged = signatures.value(dayKey) == signature;
+    signatures.insert(dayKey, signature);
+    // The earlier choices apply only to a day whose sessions are unchanged.
+    const QHash<QString, QVariantMap> kept = unchanged ? choices : QHash<QString, QVariantMap>();
+    QVariantList drafts = JRBuildDrafts(daySessions, day.startOfDay());
+    QVariantList uncached;
+    for (QVariant &item : drafts) {
+        QVariantMap draft = item.toMap();
+        if (str(draft, QStringLiteral("jira_receipt_state")) == QStringLiteral("posted"))
+            draft.insert(QStringLiteral("status"), QStringLiteral("Submission recorded"));
+        const bool applies = reuseComparison(draft);
+        keepChoices(draft, kept);
+        item = draft;
+        if (!applies)
+            uncached.append(item);
     }
+    if (!uncached.isEmpty() && !account.isEmpty())
+        applyCachedComparisons(drafts, std::move(uncached), kept);
+    return drafts;
+}
 
-    QVariantList rows;
-    for (auto day = byDay.cbegin(); day != byDay.cend(); ++day) {
-        const QString dayKey = day.key().toString(Qt::ISODate);
-        const QString signature = review::daySignature(day.value());
-        const bool unchanged = signatures.value(dayKey) == signature;
-        signatures.insert(dayKey, signature);
-        QVariantList drafts = JRBuildDrafts(day.value(), day.key().startOfDay());
-        QVariantList uncached;
-        for (QVariant &item : drafts) {
-            QVariantMap draft = item.toMap();
-            const QString key = str(draft, QStringLiteral("source_key"));
-            if (str(draft, QStringLiteral("jira_receipt_state")) == QStringLiteral("posted"))
-                draft.insert(QStringLiteral("status"), QStringLiteral("Submission recorded"));
-            const QVariantMap last = compared.value(key);
-            // A title that arrived after the check changes the comment the engine would send; the row keeps
-            // the comment that was checked instead of losing the check.
-            QVariantMap probe = draft;
-            if (!last.isEmpty()
-                && str(last, QStringLiteral("issue_title")) != str(draft, QStringLiteral("issue_title"))) {
-                probe.insert(QStringLiteral("issue_title"), last.value(QStringLiteral("issue_title")));
-                probe.insert(QStringLiteral("comment"), last.value(QStringLiteral("comment")));
-            }
-            const bool applies = !last.isEmpty() && str(last, RowKey::kFingerprint) == JRComparisonFingerprint(probe);
-            if (applies) {
-                draft = probe;
-                for (const QString &field : kComparedKeys)
-                    draft.insert(field, last.value(field));
-                draft.insert(QStringLiteral("include"), false);
-            }
-            // Time that reached Jira meanwhile changes what remains: earlier amounts no longer apply.
-            if (unchanged && choices.contains(key)
-                && choices.value(key).value(QStringLiteral("logged_seconds"))
-                    == draft.value(QStringLiteral("logged_seconds"))) {
-                const QVariantMap earlier = choices.value(key);
-                for (const QString &field : {DraftKey::kInclude, DraftKey::kPostSeconds, DraftKey::kRemainingSeconds})
-                    if (earlier.contains(field))
-                        draft.insert(field, earlier.value(field));
-            }
+bool JiraReviewWindowController::Private::reuseComparison(QVariantMap &draft) const
+{
+    const QVariantMap last = compared.value(str(draft, QStringLiteral("source_key")));
+    // A title that arrived after the check changes the comment the engine would send; the row keeps the comment
+    // that was checked instead of losing the check.
+    QVariantMap probe = draft;
+    if (!last.isEmpty() && str(last, QStringLiteral("issue_title")) != str(draft, QStringLiteral("issue_title"))) {
+        probe.insert(QStringLiteral("issue_title"), last.value(QStringLiteral("issue_title")));
+        probe.insert(QStringLiteral("comment"), last.value(QStringLiteral("comment")));
+    }
+    if (last.isEmpty() || str(last, RowKey::kFingerprint) != JRComparisonFingerprint(probe))
+        return false;
+    draft = probe;
+    for (const QString &field : kComparedKeys)
+        draft.insert(field, last.value(field));
+    draft.insert(QStringLiteral("include"), false);
+    return true;
+}
+
+void JiraReviewWindowController::Private::keepChoices(QVariantMap &draft, const QHash<QString, QVariantMap> &kept)
+{
+    const auto earlier = kept.constFind(str(draft, QStringLiteral("source_key")));
+    // Time that reached Jira meanwhile changes what remains: earlier amounts no longer apply.
+    if (earlier == kept.cend()
+        || earlier->value(QStringLiteral("logged_seconds")) != draft.value(QStringLiteral("logged_seconds")))
+        return;
+    for (const QString &field : {DraftKey::kInclude, DraftKey::kPostSeconds, DraftKey::kRemainingSeconds})
+        if (earlier->contains(field))
+            draft.insert(field, earlier->value(field));
+}
+
+void JiraReviewWindowController::Private::applyCachedComparisons(
+    QVariantList &drafts, QVariantList uncached, const QHash<QString, QVariantMap> &kept)
+{
+    cache.applyToDrafts(uncached, cloud, account, QDateTime::currentDateTime(), 300.0);
+    QHash<QString, QVariant> applied;
+    for (const QVariant &item : std::as_const(uncached))
+        applied.insert(str(item.toMap(), QStringLiteral("source_key")), item);
+    for (QVariant &item : drafts) {
+        const QString key = str(item.toMap(), QStringLiteral("source_key"));
+        if (applied.contains(key)) {
+            QVariantMap draft = applied.value(key).toMap();
+            if (kept.contains(key))
+                draft.insert(QStringLiteral("include"), kept.value(key).value(QStringLiteral("include")));
             item = draft;
-            if (!applies)
-                uncached.append(item);
         }
-        if (!uncached.isEmpty() && !account.isEmpty()) {
-            cache.applyToDrafts(uncached, cloud, account, QDateTime::currentDateTime(), 300.0);
-            QHash<QString, QVariant> applied;
-            for (const QVariant &item : std::as_const(uncached))
-                applied.insert(str(item.toMap(), QStringLiteral("source_key")), item);
-            for (QVariant &item : drafts) {
-                const QString key = str(item.toMap(), QStringLiteral("source_key"));
-                if (applied.contains(key)) {
-                    QVariantMap draft = applied.value(key).toMap();
-                    if (unchanged && choices.contains(key))
-                        draft.insert(QStringLiteral("include"), choices.value(key).value(QStringLiteral("include")));
-                    item = draft;
-                }
-            }
-        }
-        rows.append(drafts);
     }
-    applyWindowKeys(rows, index);
-    return rows;
 }
 
 void JiraReviewWindowController::Private::applyWindowKeys(QVariantList &rows, const review::ReceiptIndex &index)

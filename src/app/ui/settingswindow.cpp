@@ -68,6 +68,8 @@ QLabel *helpLabel(const QString &text, QWidget *parent)
     return label;
 }
 
+} // namespace
+
 // One pane: rows of a right-aligned label, the controls beneath each other, and grey help text under them.
 class HLPaneView : public QWidget
 {
@@ -121,6 +123,9 @@ public:
 private:
     QGridLayout *m_grid;
 };
+
+namespace
+{
 
 QWidget *hbox(QWidget *parent, const QList<QWidget *> &widgets)
 {
@@ -316,8 +321,16 @@ QWidget *SettingsWindow::buildGeneral()
 QWidget *SettingsWindow::buildJira()
 {
     auto *pane = new HLPaneView;
-    QSettings settings;
+    addAccountRow(pane);
+    addCheckingRow(pane);
+    addPostingRow(pane);
+    addRulesRow(pane);
+    pane->finish();
+    return pane;
+}
 
+void SettingsWindow::addAccountRow(HLPaneView *pane)
+{
     m_account = new QLabel(pane);
     m_account->setObjectName(QStringLiteral("accountState"));
     m_accountButton = new QPushButton(pane);
@@ -330,7 +343,10 @@ QWidget *SettingsWindow::buildJira()
         }
     });
     pane->addRow(QStringLiteral("Account:"), {hbox(pane, {m_account, m_accountButton})});
+}
 
+void SettingsWindow::addCheckingRow(HLPaneView *pane)
+{
     auto *autoCompare = checkBox(QStringLiteral("Check Jira automatically"), JRAutoCompareOnOpen(), pane);
     autoCompare->setObjectName(QStringLiteral("AutoCompareOnReviewOpen"));
     connect(autoCompare, &QCheckBox::toggled, this, [](bool on) { JRSetAutoCompareOnOpen(on); });
@@ -339,7 +355,10 @@ QWidget *SettingsWindow::buildJira()
             helpLabel(QStringLiteral("When Worklogs opens, when the day changes and when you come back to it. View → "
                                      "Check Jira Again (Ctrl+R) checks any time."),
                 pane)});
+}
 
+void SettingsWindow::addPostingRow(HLPaneView *pane)
+{
     m_combine = checkBox(
         QStringLiteral("Post a day's sessions on one issue as a single worklog"), JRCombineDailyByIssue(), pane);
     m_combine->setObjectName(QStringLiteral("CombineDailyByIssue"));
@@ -348,8 +367,8 @@ QWidget *SettingsWindow::buildJira()
         = checkBox(QStringLiteral("Reduce the Jira estimate by the time posted"), JRReduceEstimateOnPost(), pane);
     reduce->setObjectName(QStringLiteral("ReduceEstimateOnPost"));
     connect(reduce, &QCheckBox::toggled, this, [](bool on) { JRSetReduceEstimateOnPost(on); });
-    m_fetchTitles
-        = checkBox(QStringLiteral("Fetch issue titles from Jira"), settings.value(kFetchTitles, true).toBool(), pane);
+    m_fetchTitles = checkBox(
+        QStringLiteral("Fetch issue titles from Jira"), QSettings().value(kFetchTitles, true).toBool(), pane);
     m_fetchTitles->setObjectName(kFetchTitles);
     connect(m_fetchTitles, &QCheckBox::toggled, this, [](bool on) { QSettings().setValue(kFetchTitles, on); });
     m_fetchTitlesHelp = helpLabel(QStringLiteral("Titles are kept on this computer for 24 hours."), pane);
@@ -365,46 +384,21 @@ QWidget *SettingsWindow::buildJira()
                                      "can't undo it."),
                 pane),
             m_fetchTitles, m_fetchTitlesHelp});
+}
 
+void SettingsWindow::addRulesRow(HLPaneView *pane)
+{
     m_rules = new IssueRulesTable(pane);
     m_rules->siteName = [this](const QString &site) { return siteName ? siteName(site) : QString(); };
     m_rules->confirm = [this](const QString &question, const QString &detail) { return ask(question, detail); };
     m_rules->changeIssue = [this](const QVariantMap &rule, const QString &issue) {
-        if (!m_assignments)
-            return false;
-        try {
-            m_assignments->updateRule(rule, issue);
-        } catch (const std::exception &) {
-            return false;
-        }
-        if (assignmentsDidChange)
-            assignmentsDidChange();
-        return true;
+        return changeRules([&] { m_assignments->updateRule(rule, issue); }, false);
     };
     m_rules->changeCombine = [this](const QVariantMap &rule, bool combine) {
-        if (!m_assignments)
-            return false;
-        try {
-            m_assignments->updateRule(rule, combine);
-        } catch (const std::exception &) {
-            return false;
-        }
-        if (assignmentsDidChange)
-            assignmentsDidChange();
-        return true;
+        return changeRules([&] { m_assignments->updateRule(rule, combine); }, false);
     };
-    m_rules->deleteRule = [this](const QVariantMap &rule) {
-        if (!m_assignments)
-            return;
-        try {
-            m_assignments->deleteRule(rule);
-        } catch (const std::exception &) {
-            return;
-        }
-        reloadRules();
-        if (assignmentsDidChange)
-            assignmentsDidChange();
-    };
+    m_rules->deleteRule
+        = [this](const QVariantMap &rule) { changeRules([&] { m_assignments->deleteRule(rule); }, true); };
     connect(m_rules, &IssueRulesTable::heightDidChange, this, &SettingsWindow::fitToPane);
     pane->addRow(QStringLiteral("Issue rules:"),
         {m_rules,
@@ -412,8 +406,22 @@ QWidget *SettingsWindow::buildJira()
                                      "that names its own issue, or was given one, keeps it. Double-click a rule to "
                                      "change its issue."),
                 pane)});
-    pane->finish();
-    return pane;
+}
+
+bool SettingsWindow::changeRules(const std::function<void()> &change, bool reload)
+{
+    if (!m_assignments)
+        return false;
+    try {
+        change();
+    } catch (const std::exception &) {
+        return false;
+    }
+    if (reload)
+        reloadRules();
+    if (assignmentsDidChange)
+        assignmentsDidChange();
+    return true;
 }
 
 QWidget *SettingsWindow::buildReminders()
@@ -474,26 +482,38 @@ QWidget *SettingsWindow::buildReminders()
 QWidget *SettingsWindow::buildSummary()
 {
     auto *pane = new HLPaneView;
-    QSettings settings;
-    const auto changed = [this] { Q_EMIT summaryChanged(); };
+    addSummaryMenuRow(pane);
+    addSummaryPeriodRows(pane);
+    addEarningsRow(pane);
+    addRateRow(pane);
+    addConversionRow(pane);
+    pane->finish();
+    return pane;
+}
 
-    auto *show = checkBox(QStringLiteral("Show the work summary"), settings.value(kShowSummary, true).toBool(), pane);
+void SettingsWindow::addSummaryMenuRow(HLPaneView *pane)
+{
+    auto *show
+        = checkBox(QStringLiteral("Show the work summary"), QSettings().value(kShowSummary, true).toBool(), pane);
     show->setObjectName(kShowSummary);
-    connect(show, &QCheckBox::toggled, this, [changed](bool on) {
+    connect(show, &QCheckBox::toggled, this, [this](bool on) {
         QSettings().setValue(kShowSummary, on);
-        changed();
+        Q_EMIT summaryChanged();
     });
     pane->addRow(QStringLiteral("Menu:"), {show});
+}
 
+void SettingsWindow::addSummaryPeriodRows(HLPaneView *pane)
+{
     auto *period = new QComboBox(pane);
     period->setObjectName(QStringLiteral("SummaryPeriod"));
     period->setAccessibleName(QStringLiteral("Summary period"));
     for (int kind = 0; kind <= 2; ++kind)
         period->addItem(TimeSummary::periodLabel(kind), kind);
     period->setCurrentIndex(period->findData(TimeSummary::configuredPeriod()));
-    connect(period, &QComboBox::currentIndexChanged, this, [period, changed] {
+    connect(period, &QComboBox::currentIndexChanged, this, [this, period] {
         TimeSummary::setConfiguredPeriod(period->currentData().toInt());
-        changed();
+        Q_EMIT summaryChanged();
     });
     pane->addRow(QStringLiteral("Period:"), {hbox(pane, {period})});
 
@@ -508,25 +528,32 @@ QWidget *SettingsWindow::buildSummary()
     weekStart->addItem(QStringLiteral("Sunday"), 2);
     weekStart->addItem(QStringLiteral("Saturday"), 3);
     weekStart->setCurrentIndex(std::max(0, weekStart->findData(TimeSummary::configuredWeekStart())));
-    connect(weekStart, &QComboBox::currentIndexChanged, this, [weekStart, changed] {
+    connect(weekStart, &QComboBox::currentIndexChanged, this, [this, weekStart] {
         TimeSummary::setConfiguredWeekStart(weekStart->currentData().toInt());
-        changed();
+        Q_EMIT summaryChanged();
     });
     pane->addRow(QStringLiteral("Week starts:"), {hbox(pane, {weekStart})});
+}
 
+void SettingsWindow::addEarningsRow(HLPaneView *pane)
+{
     auto *earnings
-        = checkBox(QStringLiteral("Show estimated earnings"), settings.value(kShowEarnings, true).toBool(), pane);
+        = checkBox(QStringLiteral("Show estimated earnings"), QSettings().value(kShowEarnings, true).toBool(), pane);
     earnings->setObjectName(kShowEarnings);
-    connect(earnings, &QCheckBox::toggled, this, [changed](bool on) {
+    connect(earnings, &QCheckBox::toggled, this, [this](bool on) {
         QSettings().setValue(kShowEarnings, on);
-        changed();
+        Q_EMIT summaryChanged();
     });
     pane->addRow(QStringLiteral("Earnings:"),
         {earnings,
             helpLabel(QStringLiteral("Totals count every session tracked on this computer, including ones kept out of "
                                      "Jira."),
                 pane)});
+}
 
+void SettingsWindow::addRateRow(HLPaneView *pane)
+{
+    QSettings settings;
     m_rate = new QLineEdit(settings.value(kHourlyRate).toString(), pane);
     m_rate->setObjectName(kHourlyRate);
     m_rate->setAccessibleName(QStringLiteral("Hourly rate"));
@@ -538,11 +565,9 @@ QWidget *SettingsWindow::buildSummary()
     currency->setAccessibleName(QStringLiteral("Earnings currency"));
     currency->addItems(kCurrencies);
     currency->setCurrentText(settings.value(kHourlyCurrency, QStringLiteral("USD")).toString());
-    connect(currency, &QComboBox::currentTextChanged, this, [this, changed](const QString &code) {
+    connect(currency, &QComboBox::currentTextChanged, this, [this](const QString &code) {
         QSettings().setValue(kHourlyCurrency, code);
-        ExchangeRate::shared().refresh(false);
-        refreshRate();
-        changed();
+        ratePreferenceChanged();
     });
     m_rateMessage = helpLabel(QString(), pane);
     m_rateMessage->setObjectName(QStringLiteral("rateMessage"));
@@ -550,7 +575,11 @@ QWidget *SettingsWindow::buildSummary()
         {hbox(pane, {m_rate, currency}), m_rateMessage,
             helpLabel(QStringLiteral("The current rate applies to the whole period. Leave it blank to hide earnings."),
                 pane)});
+}
 
+void SettingsWindow::addConversionRow(HLPaneView *pane)
+{
+    QSettings settings;
     auto *convert = checkBox(QStringLiteral("Also show in"), settings.value(kConvert, false).toBool(), pane);
     convert->setObjectName(kConvert);
     auto *target = new QComboBox(pane);
@@ -562,17 +591,13 @@ QWidget *SettingsWindow::buildSummary()
     m_rateLine = new QLabel(pane);
     m_rateLine->setObjectName(QStringLiteral("rateLine"));
     m_rateLine->setWordWrap(true);
-    connect(convert, &QCheckBox::toggled, this, [this, changed](bool on) {
+    connect(convert, &QCheckBox::toggled, this, [this](bool on) {
         QSettings().setValue(kConvert, on);
-        ExchangeRate::shared().refresh(false);
-        refreshRate();
-        changed();
+        ratePreferenceChanged();
     });
-    connect(target, &QComboBox::currentTextChanged, this, [this, changed](const QString &code) {
+    connect(target, &QComboBox::currentTextChanged, this, [this](const QString &code) {
         QSettings().setValue(kEstimateCurrency, code);
-        ExchangeRate::shared().refresh(false);
-        refreshRate();
-        changed();
+        ratePreferenceChanged();
     });
     connect(update, &QPushButton::clicked, this, [this] {
         ExchangeRate::shared().refresh(true);
@@ -583,8 +608,13 @@ QWidget *SettingsWindow::buildSummary()
             helpLabel(QStringLiteral("Rates come from Frankfurter, which publishes the ECB's reference rates, once a "
                                      "day. Only the two currency codes are sent."),
                 pane)});
-    pane->finish();
-    return pane;
+}
+
+void SettingsWindow::ratePreferenceChanged()
+{
+    ExchangeRate::shared().refresh(false);
+    refreshRate();
+    Q_EMIT summaryChanged();
 }
 
 QWidget *SettingsWindow::buildAdvanced()

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 
+class HLPaneView;
 class IssueAssignments;
 class IssueRulesTable;
 class QAbstractButton;
@@ -66,8 +67,22 @@ Q_SIGNALS:
 private:
     QWidget *buildGeneral();
     QWidget *buildJira();
+    void addAccountRow(HLPaneView *pane);
+    void addCheckingRow(HLPaneView *pane);
+    void addPostingRow(HLPaneView *pane);
+    void addRulesRow(HLPaneView *pane);
+    // Runs one change of the issue rules; false when there is no rules file or the change failed. `reload`
+    // reads the rules again before the rest of the application is told.
+    bool changeRules(const std::function<void()> &change, bool reload);
     QWidget *buildReminders();
     QWidget *buildSummary();
+    void addSummaryMenuRow(HLPaneView *pane);
+    void addSummaryPeriodRows(HLPaneView *pane);
+    void addEarningsRow(HLPaneView *pane);
+    void addRateRow(HLPaneView *pane);
+    void addConversionRow(HLPaneView *pane);
+    // After a currency or the conversion changed: the rate is fetched again if due, and the summary redrawn.
+    void ratePreferenceChanged();
     QWidget *buildAdvanced();
     void fitToPane();
     void refreshJira();
