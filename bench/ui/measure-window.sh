@@ -16,7 +16,6 @@ export HOURLOOM_BIN="$build/src/app/hourloom"
 export SIMTRACKER_BIN="$build/tools/simtracker/hourloom-simtracker"
 export SESSIONS=${SESSIONS:-1000} ISSUES=${ISSUES:-23} SETTLE_SECONDS=${SETTLE_SECONDS:-5}
 [[ -n "${DISPLAY:-}" ]] || { echo "run under scripts/with-tray.sh" >&2; exit 1; }
-command -v xdotool >/dev/null || { echo "xdotool is needed to see the window appear" >&2; exit 1; }
 
 exec python3 - <<'PY'
 import datetime, glob, os, signal, sqlite3, subprocess, tempfile, time, shutil
@@ -59,11 +58,6 @@ def status_kib(pid, key):
 def memory(pid):
     return {key: status_kib(pid, key) / 1024 for key in ("VmHWM", "VmRSS", "RssAnon", "RssFile")}
 
-def window_shown():
-    found = subprocess.run(["xdotool", "search", "--onlyvisible", "--name", "^Worklogs$"], env=env,
-                           stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
-    return found.returncode == 0 and found.stdout.strip() != ""
-
 try:
     sim("init")
     database = glob.glob(tracker + "/*.db")[0]
@@ -85,8 +79,8 @@ try:
     print(f"tracker: {sessions} sessions on {issues} issues today ({zone}, local {local:%H:%M}), "
           f"{step / 1000:.0f} s apart, and one running session")
 
-    app = subprocess.Popen([hourloom], env=dict(env, HOURLOOM_TEST_TRAY_TIMING="1"), stdout=subprocess.PIPE,
-                           text=True)
+    app = subprocess.Popen([hourloom], env=dict(env, HOURLOOM_TEST_TRAY_TIMING="1", HOURLOOM_TEST_WINDOW_TIMING="1"),
+                           stdout=subprocess.PIPE, text=True)
     children.append(app)
     line = app.stdout.readline().split()
     if len(line) != 2 or line[0] != "tray-icon-shown":
@@ -95,11 +89,8 @@ try:
     floor = memory(app.pid)
 
     subprocess.run([hourloom], env=env, stdout=subprocess.DEVNULL, timeout=60)
-    deadline = time.time() + 60
-    while not window_shown():
-        if time.time() > deadline:
-            raise SystemExit("the Worklogs window never appeared")
-        time.sleep(0.1)
+    if app.stdout.readline().strip() != "worklogs-shown":  # the program prints it once the window is on screen
+        raise SystemExit("the Worklogs window never appeared")
     time.sleep(settle)  # first paint, and a few one-second live updates of the running session
     shown = memory(app.pid)
     print(f"with the Worklogs window open: peak RSS (VmHWM) {shown['VmHWM']:.1f} MiB, RSS {shown['VmRSS']:.1f} MiB "

@@ -13,7 +13,9 @@
 #include <QScreen>
 #include <QSystemTrayIcon>
 #include <QTimer>
+#include <QWindow>
 
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <memory>
@@ -97,4 +99,22 @@ void HLReportTrayShown(AppDelegate &delegate)
         poll->deleteLater();
     });
     poll->start(2);
+}
+
+void HLReportWorklogsShown(AppDelegate &delegate)
+{
+    auto *poll = new QTimer(&delegate);
+    QObject::connect(poll, &QTimer::timeout, &delegate, [poll] {
+        const auto widgets = QApplication::topLevelWidgets();
+        const bool shown = std::any_of(widgets.cbegin(), widgets.cend(), [](const QWidget *widget) {
+            return widget->isVisible() && widget->windowTitle() == QLatin1String("Worklogs") && widget->windowHandle()
+                && widget->windowHandle()->isExposed();
+        });
+        if (!shown)
+            return;
+        std::printf("worklogs-shown\n");
+        std::fflush(stdout);
+        poll->deleteLater();
+    });
+    poll->start(20);
 }

@@ -11,3 +11,5 @@ void HLTakeDemoSnapshots(AppDelegate &delegate, const QString &folder);
 // For the launch measurement (a build with the test hooks only): prints "tray-icon-shown <ns>" with the
 // CLOCK_REALTIME instant at which the tray first gave the icon a place.
 void HLReportTrayShown(AppDelegate &delegate);
+// Prints "worklogs-shown" once the Worklogs window is on screen (for measurements of the open window).
+void HLReportWorklogsShown(AppDelegate &delegate);

@@ -111,6 +111,8 @@ int main(int argc, char **argv)
         HLTakeDemoSnapshots(delegate, folder);
     if (qEnvironmentVariableIsSet("HOURLOOM_TEST_TRAY_TIMING"))
         HLReportTrayShown(delegate);
+    if (qEnvironmentVariableIsSet("HOURLOOM_TEST_WINDOW_TIMING"))
+        HLReportWorklogsShown(delegate);
 #endif
     app.exec();
     return 0;
