@@ -241,7 +241,7 @@ void AppDelegate::showNoTrayHint()
 
 QDateTime AppDelegate::now() const
 {
-    return clock ? clock() : QDateTime::currentDateTime();
+    return Clock::shared().wallNow();
 }
 
 QVariantList AppDelegate::sessionsMarkingRunning() const
@@ -502,7 +502,7 @@ void AppDelegate::setUpPrompts()
     host.siteName = [review] { return review->siteName(); };
     host.openWorklogs = [this] { jira(); };
 
-    m_prompts = new LogPromptCoordinator(std::move(host), [this] { return now(); });
+    m_prompts = new LogPromptCoordinator(std::move(host));
     connect(m_prompts, &LogPromptCoordinator::sessionEnded, this, [this](const QVariantMap &session) {
         if (switchOffered)
             switchOffered(session);

@@ -93,8 +93,6 @@ public:
     // The secret-store service of the Jira credentials; the standard one unless set before start-up (tests
     // that run side by side).
     QString credentialService;
-    // The instant status texts are measured at; the system clock unless set.
-    std::function<QDateTime()> clock;
 
 protected:
     bool eventFilter(QObject *watched, QEvent *event) override;

@@ -108,10 +108,10 @@ WorkdaySummary HLWorkdaySummary(const QVariantList &resolvedSessions, const QDat
     return summary;
 }
 
-LogPromptCoordinator::LogPromptCoordinator(LogPromptHost host, Clock clock, QObject *parent)
+LogPromptCoordinator::LogPromptCoordinator(LogPromptHost host, const Clock *clock, QObject *parent)
     : QObject(parent)
     , m_host(std::move(host))
-    , m_clock(std::move(clock))
+    , m_clock(clock)
 {
     m_timer.setSingleShot(true);
     connect(&m_timer, &QTimer::timeout, this, [this] { observeSwitch(m_sessions, m_tracking); });
@@ -136,7 +136,7 @@ void LogPromptCoordinator::setPresenters(PromptPresenter *popup, PromptPresenter
 
 QDateTime LogPromptCoordinator::now() const
 {
-    return m_clock ? m_clock() : QDateTime::currentDateTime();
+    return (m_clock ? *m_clock : Clock::shared()).wallNow();
 }
 
 PromptPresenter *LogPromptCoordinator::presenter() const

@@ -4,6 +4,7 @@
 // prompt says, when "Log now" is refused, and the once-a-day reminder of time not yet in Jira. Widgets (the
 // popup at the tray icon) and desktop notifications only present what this decides.
 
+#include "platform/clock.h"
 #include "source/taskswitchobserver.h"
 
 #include <QDateTime>
@@ -106,11 +107,10 @@ class LogPromptCoordinator : public QObject
     Q_OBJECT
 
 public:
-    using Clock = std::function<QDateTime()>;
-
     static constexpr qint64 kMaxWaitSeconds = 60;
 
-    explicit LogPromptCoordinator(LogPromptHost host, Clock clock = {}, QObject *parent = nullptr);
+    // `clock` (not owned; null: the shared clock) gives the instants the prompts and the reminder are timed at.
+    explicit LogPromptCoordinator(LogPromptHost host, const Clock *clock = nullptr, QObject *parent = nullptr);
 
     // The popup, and the notification sender used instead when "PromptsAsNotifications" is on. Not owned;
     // either may be null.
@@ -155,7 +155,7 @@ private:
     QVariantMap currentSession(const QVariantMap &session) const;
 
     LogPromptHost m_host;
-    Clock m_clock;
+    const Clock *m_clock = nullptr;
     PromptPresenter *m_popup = nullptr;
     PromptPresenter *m_notification = nullptr;
     TaskSwitchObserver m_observer;

@@ -93,7 +93,7 @@ public:
         };
         host.resolveSession = [this](const QVariantMap &s) { return edit ? edit(s) : s; };
         host.siteName = [] { return QStringLiteral("Acme"); };
-        coordinator = std::make_unique<LogPromptCoordinator>(host, [this] { return now; });
+        coordinator = std::make_unique<LogPromptCoordinator>(host, &clock);
         coordinator->setPresenters(&popup, nullptr);
     }
 
