@@ -100,4 +100,19 @@ void BM_DecodeWorklogPage(benchmark::State &state)
 }
 BENCHMARK(BM_DecodeWorklogPage)->Unit(benchmark::kMillisecond);
 
+// The floor of decoding: parsing the same bytes into Qt's JSON document, no records built.
+void BM_ParseWorklogPage(benchmark::State &state)
+{
+    const Stand &target = stand();
+    HTTPTransport transport;
+    qint64 status = 0;
+    const QByteArray body
+        = QJsonDocument::fromVariant(transport.request(target.url, QStringLiteral("GET"), {}, target.token, status))
+              .toJson(QJsonDocument::Compact);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(QJsonDocument::fromJson(body));
+    state.SetBytesProcessed(qint64(state.iterations()) * body.size());
+}
+BENCHMARK(BM_ParseWorklogPage)->Unit(benchmark::kMillisecond);
+
 } // namespace
