@@ -1,5 +1,7 @@
 #include "invoice/invoice.h"
 
+#include "records/invoice.h"
+
 #include <QCollator>
 #include <QFile>
 #include <QFileInfo>
@@ -73,8 +75,8 @@ std::optional<QRegularExpressionMatch> FirstMatch(const QString &text, const QSt
 
 QVariantMap Failure(const QString &message)
 {
-    return {{QStringLiteral("problem"), message}, {QStringLiteral("row_count"), QVariant::fromValue<qulonglong>(0)},
-        {QStringLiteral("descriptions"), QStringList()}};
+    return {{InvoiceKey::kProblem, message}, {InvoiceKey::kRowCount, QVariant::fromValue<qulonglong>(0)},
+        {InvoiceKey::kDescriptions, QStringList()}};
 }
 
 qint64 digitsValue(QStringView digits)
@@ -301,10 +303,9 @@ QVariantMap parseText(const QString &text, QHash<QString, qint64> *secondsByName
     std::sort(descriptions.begin(), descriptions.end(),
         [&collator](const QString &a, const QString &b) { return collator.compare(a, b) < 0; });
 
-    return {{QStringLiteral("total_seconds"), rows[*total].seconds},
-        {QStringLiteral("total_amount"), rows[*total].amount},
-        {QStringLiteral("row_count"), QVariant::fromValue<qulonglong>(rows.size() - 1)},
-        {QStringLiteral("descriptions"), descriptions}};
+    return {{InvoiceKey::kTotalSeconds, rows[*total].seconds}, {InvoiceKey::kTotalAmount, rows[*total].amount},
+        {InvoiceKey::kRowCount, QVariant::fromValue<qulonglong>(rows.size() - 1)},
+        {InvoiceKey::kDescriptions, descriptions}};
 }
 
 // Where the PDF text module is looked for: where the installed program keeps it relative to its own folder,
@@ -392,7 +393,7 @@ Reading readPDF(const QString &path)
     reading.result = pdfText(path, text);
     if (reading.result.isEmpty())
         reading.result = parseText(text, &reading.secondsByDescription);
-    if (reading.result.contains(QStringLiteral("problem")))
+    if (reading.result.contains(InvoiceKey::kProblem))
         reading.secondsByDescription.clear();
     return reading;
 }

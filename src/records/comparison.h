@@ -29,8 +29,10 @@ inline const QString kDrafts = QStringLiteral("drafts");
 inline const QString kAccount = QStringLiteral("account");
 // Pending receipts whose worklog Jira holds: {"marker", "id", "issue", "cloud", "account"} (records/receipt.h).
 inline const QString kReceiptsFound = QStringLiteral("receipts_found");
-// Only from `compareDrafts`: the sentence for the user when the check failed.
+// Only from `compareDrafts`: the sentence for the user when the check failed, and Jira's own explanation under
+// it when there is one.
 inline const QString kError = QStringLiteral("error");
+inline const QString kDetail = QStringLiteral("detail");
 
 } // namespace CheckKey
 
@@ -53,8 +55,9 @@ inline const QString kItems = QStringLiteral("items");
 // "page" only: the page fetched and the number of pages.
 inline const QString kPage = QStringLiteral("page");
 inline const QString kPages = QStringLiteral("pages");
-// "failed" only: the sentence for the user.
+// "failed" only: the sentence for the user, and Jira's own explanation under it when there is one.
 inline const QString kError = QStringLiteral("error");
+inline const QString kDetail = QStringLiteral("detail");
 
 } // namespace ProgressKey
 

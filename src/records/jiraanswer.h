@@ -13,6 +13,8 @@ namespace JiraSiteKey
 inline const QString kId = QStringLiteral("id");
 inline const QString kUrl = QStringLiteral("url");
 inline const QString kName = QStringLiteral("name");
+// The permissions the sign-in holds on the site ("read:jira-work", ...).
+inline const QString kScopes = QStringLiteral("scopes");
 
 } // namespace JiraSiteKey
 

@@ -1,6 +1,8 @@
 #include "app/ui/invoicewindow.h"
 
 #include "invoice/invoice.h"
+#include "records/invoice.h"
+#include "records/session.h"
 #include "summary/timesummary.h"
 
 #include <QApplication>
@@ -214,7 +216,7 @@ QList<qint64> InvoiceWindow::trackedSeconds() const
 
 QString InvoiceWindow::copyText() const
 {
-    const QStringList descriptions = m_result.value(QStringLiteral("descriptions")).toStringList();
+    const QStringList descriptions = m_result.value(InvoiceKey::kDescriptions).toStringList();
     return descriptions.isEmpty() ? QString() : descriptions.join(QLatin1Char('\n')) + QLatin1Char('\n');
 }
 
@@ -249,15 +251,15 @@ void InvoiceWindow::showResult(const QString &path, const invoice::Reading &read
     m_result = result;
     m_invoiced = reading.secondsByDescription;
     m_path = path;
-    if (result.contains(QStringLiteral("problem"))) {
-        m_summary->setText(result.value(QStringLiteral("problem")).toString());
+    if (result.contains(InvoiceKey::kProblem)) {
+        m_summary->setText(result.value(InvoiceKey::kProblem).toString());
         m_copy->setEnabled(false);
     } else {
-        const qint64 seconds = result.value(QStringLiteral("total_seconds")).toLongLong();
-        const qulonglong rows = result.value(QStringLiteral("row_count")).toULongLong();
-        const qsizetype unique = result.value(QStringLiteral("descriptions")).toStringList().size();
+        const qint64 seconds = result.value(InvoiceKey::kTotalSeconds).toLongLong();
+        const qulonglong rows = result.value(InvoiceKey::kRowCount).toULongLong();
+        const qsizetype unique = result.value(InvoiceKey::kDescriptions).toStringList().size();
         const auto amount
-            = Decimal::fromText(QString::number(result.value(QStringLiteral("total_amount")).toDouble(), 'f', 2));
+            = Decimal::fromText(QString::number(result.value(InvoiceKey::kTotalAmount).toDouble(), 'f', 2));
         m_summary->setText(QStringLiteral("Total %1 (%2) · %3 · %4 %5 · %6 %7")
                                .arg(INVFormatDuration(seconds), INVFormatHoursMinutes(seconds),
                                    amount ? TimeSummary::money(*amount, QStringLiteral("USD")) : QString())
@@ -276,7 +278,7 @@ void InvoiceWindow::refreshTracked()
     m_tracked.clear();
     m_table->clear();
     m_comparison->clear();
-    const QStringList descriptions = m_result.value(QStringLiteral("descriptions")).toStringList();
+    const QStringList descriptions = m_result.value(InvoiceKey::kDescriptions).toStringList();
     if (descriptions.isEmpty())
         return;
 
@@ -287,14 +289,14 @@ void InvoiceWindow::refreshTracked()
     QHash<QString, QList<QPair<qint64, qint64>>> spans;
     for (const QVariant &value : std::as_const(m_sessions)) {
         const QVariantMap session = value.toMap();
-        const qint64 start = session.value(QStringLiteral("start_ms")).toLongLong();
-        qint64 end = session.value(QStringLiteral("end_ms")).toLongLong();
+        const qint64 start = session.value(SessionKey::kStartMs).toLongLong();
+        qint64 end = session.value(SessionKey::kEndMs).toLongLong();
         if (end < start)
             end = nowMs;
         const qint64 from = std::max(start, weekStartMs);
         const qint64 to = std::min(end, weekEndMs);
         if (to > from)
-            spans[normalized(session.value(QStringLiteral("description")).toString())].append({from, to});
+            spans[normalized(session.value(SessionKey::kDescription).toString())].append({from, to});
     }
     auto covered = [](QList<QPair<qint64, qint64>> list) {
         std::sort(list.begin(), list.end());
@@ -332,7 +334,7 @@ void InvoiceWindow::refreshTracked()
             item->setTextAlignment(column, Qt::AlignRight | Qt::AlignVCenter);
         item->setToolTip(0, description);
     }
-    const qint64 invoiced = m_result.value(QStringLiteral("total_seconds")).toLongLong();
+    const qint64 invoiced = m_result.value(InvoiceKey::kTotalSeconds).toLongLong();
     const qint64 difference = trackedTotal - invoiced;
     QString text = QStringLiteral("Tracked %1 · invoiced %2 · difference %3 (%4)")
                        .arg(INVFormatDuration(trackedTotal), INVFormatDuration(invoiced), signedDuration(difference),

@@ -1,5 +1,6 @@
 #include "app/ui/issuerulestable.h"
 
+#include "records/assignment.h"
 #include "worklogs/issueassignments.h"
 
 #include <QHBoxLayout>
@@ -16,9 +17,9 @@ namespace
 
 constexpr int kVisibleRows = 6;
 
-QString text(const QVariantMap &rule, const char *key)
+QString text(const QVariantMap &rule, const QString &key)
 {
-    return rule.value(QString::fromLatin1(key)).toString();
+    return rule.value(key).toString();
 }
 
 } // namespace
@@ -58,26 +59,26 @@ QVariant IssueRulesModel::data(const QModelIndex &index, int role) const
     switch (index.column()) {
     case DescriptionColumn:
         if (role == Qt::DisplayRole || role == Qt::ToolTipRole) {
-            const QString label = text(r, "label");
-            return label.isEmpty() ? text(r, "description") : label;
+            const QString label = text(r, RuleKey::kLabel);
+            return label.isEmpty() ? text(r, RuleKey::kDescription) : label;
         }
         break;
     case IssueColumn:
         if (role == Qt::DisplayRole || role == Qt::EditRole)
-            return text(r, "issue");
+            return text(r, RuleKey::kIssue);
         if (role == Qt::ToolTipRole)
             return QStringLiteral(
                 "Double-click a rule to change its issue. Sessions with this description post there.");
         break;
     case CombineColumn:
         if (role == Qt::CheckStateRole)
-            return r.value(QStringLiteral("aggregate_daily")).toBool() ? Qt::Checked : Qt::Unchecked;
+            return r.value(RuleKey::kAggregateDaily).toBool() ? Qt::Checked : Qt::Unchecked;
         if (role == Qt::ToolTipRole)
             return QStringLiteral("Post the day's sessions with this description as one worklog.");
         break;
     case SiteColumn:
         if (role == Qt::DisplayRole || role == Qt::ToolTipRole) {
-            const QString name = siteName ? siteName(text(r, "site")) : QString();
+            const QString name = siteName ? siteName(text(r, RuleKey::kSite)) : QString();
             return name.isEmpty() ? QStringLiteral("Unknown site") : name;
         }
         break;
@@ -124,15 +125,15 @@ bool IssueRulesModel::setData(const QModelIndex &index, const QVariant &value, i
     QVariantMap r = rule(index.row());
     if (index.column() == IssueColumn && role == Qt::EditRole) {
         // Typed keys and pasted browse addresses of the rule's site are both accepted.
-        const QString issue = IssueAssignments::issueFromInput(value.toString(), text(r, "site"));
-        if (issue.isNull() || issue == text(r, "issue") || !changeIssue || !changeIssue(r, issue))
+        const QString issue = IssueAssignments::issueFromInput(value.toString(), text(r, RuleKey::kSite));
+        if (issue.isNull() || issue == text(r, RuleKey::kIssue) || !changeIssue || !changeIssue(r, issue))
             return false;
-        r.insert(QStringLiteral("issue"), issue);
+        r.insert(RuleKey::kIssue, issue);
     } else if (index.column() == CombineColumn && role == Qt::CheckStateRole) {
         const bool combine = value.toInt() == Qt::Checked;
         if (!changeCombine || !changeCombine(r, combine))
             return false;
-        r.insert(QStringLiteral("aggregate_daily"), combine);
+        r.insert(RuleKey::kAggregateDaily, combine);
     } else {
         return false;
     }

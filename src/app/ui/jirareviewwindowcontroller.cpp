@@ -3,6 +3,10 @@
 #include "app/ui/jirareviewwindow_p.h"
 #include "app/ui/rowkeys.h"
 #include "records/draft.h"
+#include "records/issuedetails.h"
+#include "records/receipt.h"
+#include "records/session.h"
+#include "records/worklog.h"
 #include "worklogs/engine.h"
 #include "worklogs/namedfailure.h"
 
@@ -42,7 +46,7 @@ qint64 num(const QVariantMap &map, const QString &key)
 
 QDate sessionDate(const QVariantMap &session)
 {
-    return QDateTime::fromMSecsSinceEpoch(num(session, QStringLiteral("start_ms"))).date();
+    return QDateTime::fromMSecsSinceEpoch(num(session, SessionKey::kStartMs)).date();
 }
 
 } // namespace
@@ -359,39 +363,37 @@ QVariantMap JiraReviewWindowController::Private::resolvedSession(
     const QVariantMap &session, const review::ReceiptIndex &index)
 {
     QVariantMap resolved = assignments ? assignments->resolve(session, cloud) : session;
-    if (!assignments && !resolved.contains(QStringLiteral("issue")))
-        resolved.insert(QStringLiteral("issue"), QStringLiteral("Unassigned"));
+    if (!assignments && !resolved.contains(SessionKey::kIssue))
+        resolved.insert(SessionKey::kIssue, SessionKey::kUnassigned);
     if (!index.isEmpty()) {
         const QString key = JRSourceKey(session);
         for (const QVariant &item : index.receiptsFor(key)) {
             const QVariantMap receipt = item.toMap();
-            if (str(receipt, QStringLiteral("source_key")) != key)
+            if (str(receipt, ReceiptKey::kSourceKey) != key)
                 continue;
-            if (str(receipt, QStringLiteral("state")) == QStringLiteral("posted")) {
-                const QVariantMap payload = receipt.value(QStringLiteral("payload")).toMap();
-                QString comment = JRText(payload.value(QStringLiteral("comment")));
+            if (str(receipt, ReceiptKey::kState) == ReceiptKey::kPosted) {
+                const QVariantMap payload = receipt.value(ReceiptKey::kPayload).toMap();
+                QString comment = JRText(payload.value(WorklogKey::kComment));
                 const qsizetype tag = comment.indexOf(QStringLiteral("\n[Hourloom:"));
                 if (tag >= 0)
                     comment.truncate(tag);
-                resolved.insert(QStringLiteral("issue"), str(receipt, QStringLiteral("issue")));
-                resolved.insert(QStringLiteral("comment"), comment);
-                resolved.insert(
-                    QStringLiteral("jira_logged_seconds"), num(payload, QStringLiteral("timeSpentSeconds")));
-                resolved.insert(QStringLiteral("jira_receipt_state"), QStringLiteral("posted"));
-                resolved.insert(QStringLiteral("assignment_locked"), true);
+                resolved.insert(SessionKey::kIssue, str(receipt, ReceiptKey::kIssue));
+                resolved.insert(SessionKey::kComment, comment);
+                resolved.insert(SessionKey::kJiraLoggedSeconds, num(payload, WorklogKey::kTimeSpentSeconds));
+                resolved.insert(SessionKey::kJiraReceiptState, ReceiptKey::kPosted);
+                resolved.insert(SessionKey::kAssignmentLocked, true);
             } else {
-                resolved.insert(QStringLiteral("jira_receipt_state"), QStringLiteral("pending"));
+                resolved.insert(SessionKey::kJiraReceiptState, ReceiptKey::kPending);
             }
         }
     }
-    const QString issue = str(resolved, QStringLiteral("issue"));
-    if (!issue.isEmpty() && issue != QStringLiteral("Unassigned")
-        && str(resolved, QStringLiteral("issue_title")).isEmpty()) {
+    const QString issue = str(resolved, SessionKey::kIssue);
+    if (!issue.isEmpty() && issue != SessionKey::kUnassigned && str(resolved, SessionKey::kIssueTitle).isEmpty()) {
         QString title = q->titleForIssue ? q->titleForIssue(issue) : QString();
         if (title.isEmpty() && !cloud.isEmpty())
             title = titles->title(issue, cloud, true);
         if (!title.isEmpty())
-            resolved.insert(QStringLiteral("issue_title"), title);
+            resolved.insert(SessionKey::kIssueTitle, title);
     }
     return resolved;
 }
@@ -408,7 +410,7 @@ QVariantList JiraReviewWindowController::Private::buildRows()
     QHash<QString, QVariantMap> choices;
     for (const QVariant &item : model->rows()) {
         const QVariantMap row = item.toMap();
-        choices.insert(str(row, QStringLiteral("source_key")), row);
+        choices.insert(str(row, DraftKey::kSourceKey), row);
     }
 
     QVariantList rows;
@@ -435,11 +437,11 @@ QMap<QDate, QVariantList> JiraReviewWindowController::Private::sessionsByDay(
     hiddenShort = 0;
     for (const QVariant &item : std::as_const(sessions)) {
         const QVariantMap session = item.toMap();
-        const qint64 start = num(session, QStringLiteral("start_ms"));
+        const qint64 start = num(session, SessionKey::kStartMs);
         if (start < fromMs || start >= toMs)
             continue;
-        const qint64 end = num(session, QStringLiteral("end_ms"));
-        const bool running = session.value(QStringLiteral("source_running")).toBool();
+        const qint64 end = num(session, SessionKey::kEndMs);
+        const bool running = session.value(SessionKey::kSourceRunning).toBool();
         if (hideShort && !running && end >= start && end - start < 60000) {
             ++hiddenShort;
             continue;
@@ -463,8 +465,8 @@ QVariantList JiraReviewWindowController::Private::dayRows(
     QVariantList uncached;
     for (QVariant &item : drafts) {
         QVariantMap draft = item.toMap();
-        if (str(draft, QStringLiteral("jira_receipt_state")) == QStringLiteral("posted"))
-            draft.insert(QStringLiteral("status"), QStringLiteral("Submission recorded"));
+        if (str(draft, DraftKey::kJiraReceiptState) == ReceiptKey::kPosted)
+            draft.insert(DraftKey::kStatus, QStringLiteral("Submission recorded"));
         const bool applies = reuseComparison(draft);
         keepChoices(draft, kept);
         item = draft;
@@ -478,29 +480,28 @@ QVariantList JiraReviewWindowController::Private::dayRows(
 
 bool JiraReviewWindowController::Private::reuseComparison(QVariantMap &draft) const
 {
-    const QVariantMap last = compared.value(str(draft, QStringLiteral("source_key")));
+    const QVariantMap last = compared.value(str(draft, DraftKey::kSourceKey));
     // A title that arrived after the check changes the comment the engine would send; the row keeps the comment
     // that was checked instead of losing the check.
     QVariantMap probe = draft;
-    if (!last.isEmpty() && str(last, QStringLiteral("issue_title")) != str(draft, QStringLiteral("issue_title"))) {
-        probe.insert(QStringLiteral("issue_title"), last.value(QStringLiteral("issue_title")));
-        probe.insert(QStringLiteral("comment"), last.value(QStringLiteral("comment")));
+    if (!last.isEmpty() && str(last, DraftKey::kIssueTitle) != str(draft, DraftKey::kIssueTitle)) {
+        probe.insert(DraftKey::kIssueTitle, last.value(DraftKey::kIssueTitle));
+        probe.insert(DraftKey::kComment, last.value(DraftKey::kComment));
     }
     if (last.isEmpty() || str(last, RowKey::kFingerprint) != JRComparisonFingerprint(probe))
         return false;
     draft = probe;
     for (const QString &field : kComparedKeys)
         draft.insert(field, last.value(field));
-    draft.insert(QStringLiteral("include"), false);
+    draft.insert(DraftKey::kInclude, false);
     return true;
 }
 
 void JiraReviewWindowController::Private::keepChoices(QVariantMap &draft, const QHash<QString, QVariantMap> &kept)
 {
-    const auto earlier = kept.constFind(str(draft, QStringLiteral("source_key")));
+    const auto earlier = kept.constFind(str(draft, DraftKey::kSourceKey));
     // Time that reached Jira meanwhile changes what remains: earlier amounts no longer apply.
-    if (earlier == kept.cend()
-        || earlier->value(QStringLiteral("logged_seconds")) != draft.value(QStringLiteral("logged_seconds")))
+    if (earlier == kept.cend() || earlier->value(DraftKey::kLoggedSeconds) != draft.value(DraftKey::kLoggedSeconds))
         return;
     for (const QString &field : {DraftKey::kInclude, DraftKey::kPostSeconds, DraftKey::kRemainingSeconds})
         if (earlier->contains(field))
@@ -513,13 +514,13 @@ void JiraReviewWindowController::Private::applyCachedComparisons(
     cache.applyToDrafts(uncached, cloud, account, QDateTime::currentDateTime(), 300.0);
     QHash<QString, QVariant> applied;
     for (const QVariant &item : std::as_const(uncached))
-        applied.insert(str(item.toMap(), QStringLiteral("source_key")), item);
+        applied.insert(str(item.toMap(), DraftKey::kSourceKey), item);
     for (QVariant &item : drafts) {
-        const QString key = str(item.toMap(), QStringLiteral("source_key"));
+        const QString key = str(item.toMap(), DraftKey::kSourceKey);
         if (applied.contains(key)) {
             QVariantMap draft = applied.value(key).toMap();
             if (kept.contains(key))
-                draft.insert(QStringLiteral("include"), kept.value(key).value(QStringLiteral("include")));
+                draft.insert(DraftKey::kInclude, kept.value(key).value(DraftKey::kInclude));
             item = draft;
         }
     }
@@ -533,7 +534,7 @@ void JiraReviewWindowController::Private::applyWindowKeys(QVariantList &rows, co
         if (keys[i].isNull())
             continue;
         const QVariantMap row = rows[i].toMap();
-        auto &entry = combine[keys[i] + QLatin1Char('|') + str(row, QStringLiteral("started")).left(10)];
+        auto &entry = combine[keys[i] + QLatin1Char('|') + str(row, DraftKey::kStarted).left(10)];
         entry.first += 1;
         entry.second += JRPostSeconds(row);
     }
@@ -545,7 +546,7 @@ void JiraReviewWindowController::Private::applyWindowKeys(QVariantList &rows, co
         const QString &key = keys[i];
         const auto combined = key.isNull()
             ? QPair<int, qint64>()
-            : combine.value(key + QLatin1Char('|') + str(row, QStringLiteral("started")).left(10));
+            : combine.value(key + QLatin1Char('|') + str(row, DraftKey::kStarted).left(10));
         if (combined.first > 1)
             row.insert(RowKey::kCombinedSeconds, JRRoundedSeconds(combined.second));
         else
@@ -553,15 +554,15 @@ void JiraReviewWindowController::Private::applyWindowKeys(QVariantList &rows, co
         const review::Lock lock
             = history() ? review::Lock::None : review::lockedSession(row, cloud, account, lockedSet, index);
         row.insert(RowKey::kLocked, int(lock));
-        const QString issue = str(row, QStringLiteral("issue"));
-        QString title = str(row, QStringLiteral("issue_title"));
+        const QString issue = str(row, DraftKey::kIssue);
+        QString title = str(row, DraftKey::kIssueTitle);
         if (title.isEmpty() && !cloud.isEmpty() && !issue.isEmpty())
             title = titles->cachedTitle(issue, cloud);
         row.insert(RowKey::kDisplayTitle, title);
         if (!cloud.isEmpty() && !issue.isEmpty()) {
             const QVariantMap details = titles->cachedDetails(issue, cloud);
-            for (const auto &[from, into] : {std::pair {QStringLiteral("estimate_seconds"), RowKey::kJiraEstimate},
-                     std::pair {QStringLiteral("remaining_seconds"), RowKey::kJiraRemaining}}) {
+            for (const auto &[from, into] : {std::pair {IssueDetailsKey::kEstimateSeconds, RowKey::kJiraEstimate},
+                     std::pair {IssueDetailsKey::kRemainingSeconds, RowKey::kJiraRemaining}}) {
                 if (details.contains(from))
                     row.insert(into, details.value(from));
             }
@@ -600,13 +601,13 @@ bool JiraReviewWindowController::Private::applyOperationKeys(
     changed
         |= setIfChanged(row, RowKey::kCanEditPost, review::toPostEditable(row, busy, lock == review::Lock::Recorded));
     if (!canTick && !pending && !busy)
-        changed |= setIfChanged(row, QStringLiteral("include"), false);
+        changed |= setIfChanged(row, DraftKey::kInclude, false);
     return applyProgressKeys(row) || changed;
 }
 
 bool JiraReviewWindowController::Private::applyProgressKeys(QVariantMap &row) const
 {
-    const QString sourceKey = str(row, QStringLiteral("source_key"));
+    const QString sourceKey = str(row, DraftKey::kSourceKey);
     const auto found = progress.constFind(sourceKey);
     if (found == progress.cend())
         return removeIfPresent(row, RowKey::kProgress) | removeIfPresent(row, RowKey::kProgressActive);
@@ -635,7 +636,7 @@ int JiraReviewWindowController::Private::rowForSource(const QString &sourceKey)
     if (rowBySource.size() != model->rows().size()) {
         rowBySource.clear();
         for (int row = 0; row < model->rows().size(); ++row)
-            rowBySource.insert(str(model->row(row), QStringLiteral("source_key")), row);
+            rowBySource.insert(str(model->row(row), DraftKey::kSourceKey), row);
     }
     return rowBySource.value(sourceKey, -1);
 }
@@ -663,7 +664,7 @@ void JiraReviewWindowController::Private::reload()
         restoreViewState(selected);
         if (!current.isEmpty())
             for (int row = 0; row < model->rows().size(); ++row)
-                if (str(model->row(row), QStringLiteral("source_key")) == current)
+                if (str(model->row(row), DraftKey::kSourceKey) == current)
                     tree->selectionModel()->setCurrentIndex(model->indexOfRow(row), QItemSelectionModel::NoUpdate);
         tree->verticalScrollBar()->setValue(scroll);
     }
@@ -675,7 +676,7 @@ void JiraReviewWindowController::Private::restoreViewState(const QSet<QString> &
     tree->expandAll();
     QItemSelection selection;
     for (int row = 0; row < model->rows().size(); ++row) {
-        if (!selected.contains(str(model->row(row), QStringLiteral("source_key"))))
+        if (!selected.contains(str(model->row(row), DraftKey::kSourceKey)))
             continue;
         const QModelIndex index = model->indexOfRow(row);
         selection.select(index, index.siblingAtColumn(ReviewModel::ColumnCount - 1));
@@ -747,15 +748,14 @@ bool JiraReviewWindowController::Private::liveUpdate(const QVariantList &fresh)
     // day's other sessions combine, so its own row is rebuilt and nothing else is touched.
     if (fresh.size() != sessions.size())
         return false;
-    static const QSet<QString> growing {
-        QStringLiteral("end_ms"), QStringLiteral("duration"), QStringLiteral("source_seconds")};
+    static const QSet<QString> growing {SessionKey::kEndMs, SessionKey::kDuration, SessionKey::kSourceSeconds};
     QList<int> changed;
     for (int i = 0; i < fresh.size(); ++i) {
         if (fresh[i] == sessions[i])
             continue;
         const QVariantMap before = sessions[i].toMap(), after = fresh[i].toMap();
-        if (!before.value(QStringLiteral("source_running")).toBool()
-            || !after.value(QStringLiteral("source_running")).toBool() || before.size() != after.size())
+        if (!before.value(SessionKey::kSourceRunning).toBool() || !after.value(SessionKey::kSourceRunning).toBool()
+            || before.size() != after.size())
             return false;
         for (auto it = after.cbegin(); it != after.cend(); ++it)
             if (!growing.contains(it.key()) && before.value(it.key()) != it.value())
@@ -778,7 +778,7 @@ bool JiraReviewWindowController::Private::liveUpdate(const QVariantList &fresh)
                  DraftKey::kRemainingSeconds, DraftKey::kPostSeconds, DraftKey::kSession})
             row.insert(key, draft.value(key));
         if (row != model->row(found)) {
-            touchedSinceCheck.insert(str(row, QStringLiteral("source_key")));
+            touchedSinceCheck.insert(str(row, DraftKey::kSourceKey));
             model->updateRow(found, row);
             rowsChanged = true;
         }

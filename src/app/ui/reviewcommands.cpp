@@ -4,6 +4,9 @@
 #include "app/ui/rowkeys.h"
 #include "app/ui/sessioneditor.h"
 #include "app/ui/worklogpicker.h"
+#include "records/draft.h"
+#include "records/exclusion.h"
+#include "records/session.h"
 #include "worklogs/engine.h"
 #include "worklogs/namedfailure.h"
 
@@ -47,7 +50,7 @@ QString JiraReviewWindowController::Private::refusalForEdit(const QVariantMap &r
     if (busy)
         return QStringLiteral("Wait for the current Jira operation to finish.");
     if (review::Lock(row.value(RowKey::kLocked).toInt()) == review::Lock::Recorded
-        || !str(row, QStringLiteral("jira_receipt_state")).isEmpty()) {
+        || !str(row, DraftKey::kJiraReceiptState).isEmpty()) {
         return reset ? QStringLiteral("This session has a recorded or uncertain submission. Review it in Jira.")
                      : QStringLiteral("This session has a recorded or uncertain submission. Review it in Jira; local "
                                       "editing will not change that worklog.");
@@ -64,7 +67,7 @@ QMenu *JiraReviewWindowController::Private::contextMenu(const QModelIndex &index
     if (row < 0)
         return menu;
     const QVariantMap draft = model->row(row);
-    const bool unassigned = str(draft, QStringLiteral("issue")).isEmpty();
+    const bool unassigned = str(draft, DraftKey::kIssue).isEmpty();
     auto add = [&](const QString &title, auto handler) {
         QAction *action = menu->addAction(title);
         QObject::connect(action, &QAction::triggered, q, handler);
@@ -77,8 +80,8 @@ QMenu *JiraReviewWindowController::Private::contextMenu(const QModelIndex &index
     add(QStringLiteral("Use Automatic Assignment"), [this, row] { useAutomaticAssignment(row); });
     menu->addSeparator();
     add(QStringLiteral("Mark as Already Logged in Jira…"), [this, row] { markAsLogged(row); });
-    const bool excluded = !draft.value(QStringLiteral("jira_exclusion")).toMap().isEmpty()
-        || !draft.value(QStringLiteral("session")).toMap().value(QStringLiteral("jira_exclusion")).toMap().isEmpty();
+    const bool excluded = !draft.value(DraftKey::kJiraExclusion).toMap().isEmpty()
+        || !draft.value(DraftKey::kSession).toMap().value(SessionKey::kJiraExclusion).toMap().isEmpty();
     if (excluded)
         add(QStringLiteral("Undo Jira Exclusion"), [this, row] { undoExclusion(row); });
     else
@@ -87,7 +90,7 @@ QMenu *JiraReviewWindowController::Private::contextMenu(const QModelIndex &index
     QAction *open = add(QStringLiteral("Open Item in Jira"), [this, row] { openInJira(row); });
     const QString site = siteURL();
     open->setEnabled(site.startsWith(QStringLiteral("https://"))
-        && !IssueAssignments::issueFromInput(str(draft, QStringLiteral("issue")), site).isNull());
+        && !IssueAssignments::issueFromInput(str(draft, DraftKey::kIssue), site).isNull());
     return menu;
 }
 
@@ -99,20 +102,19 @@ void JiraReviewWindowController::Private::editRow(int row, bool commentOnly)
         setStatus(refusal);
         return;
     }
-    QVariantMap session = draft.value(QStringLiteral("session")).toMap();
-    session.insert(QStringLiteral("issue"),
-        str(draft, QStringLiteral("issue")).isEmpty() ? QStringLiteral("Unassigned")
-                                                      : str(draft, QStringLiteral("issue")));
-    session.insert(QStringLiteral("comment"), str(draft, QStringLiteral("comment")));
+    QVariantMap session = draft.value(DraftKey::kSession).toMap();
+    session.insert(SessionKey::kIssue,
+        str(draft, DraftKey::kIssue).isEmpty() ? SessionKey::kUnassigned : str(draft, DraftKey::kIssue));
+    session.insert(SessionKey::kComment, str(draft, DraftKey::kComment));
     const QVariantMap result = q->editSession ? q->editSession(session, commentOnly)
                                               : SessionEditor::edit(session, siteURL(), commentOnly, window);
     if (result.isEmpty())
         return;
-    const bool all = str(result, QStringLiteral("scope")) == QStringLiteral("all");
-    const QString issue = commentOnly ? QString() : str(result, QStringLiteral("issue"));
+    const bool all = str(result, SessionEditKey::kScope) == SessionEditKey::kAllSessions;
+    const QString issue = commentOnly ? QString() : str(result, SessionEditKey::kIssue);
     if (!changeAssignments([&] {
-            assignments->saveSession(session, cloud, issue, str(result, QStringLiteral("comment")), all,
-                result.value(QStringLiteral("aggregate_daily")).toBool());
+            assignments->saveSession(session, cloud, issue, str(result, SessionEditKey::kComment), all,
+                result.value(SessionEditKey::kAggregateDaily).toBool());
         }))
         return;
     assignmentsChanged();
@@ -126,7 +128,7 @@ void JiraReviewWindowController::Private::useAutomaticAssignment(int row)
         setStatus(refusal);
         return;
     }
-    if (!changeAssignments([&] { assignments->removeOverride(draft.value(QStringLiteral("session")).toMap(), cloud); }))
+    if (!changeAssignments([&] { assignments->removeOverride(draft.value(DraftKey::kSession).toMap(), cloud); }))
         return;
     assignmentsChanged();
 }
@@ -139,14 +141,14 @@ void JiraReviewWindowController::Private::markAsLogged(int row)
         setStatus(refusal);
         return;
     }
-    const QString issue = str(draft, QStringLiteral("issue"));
+    const QString issue = str(draft, DraftKey::kIssue);
     if (issue.isEmpty()) {
         setStatus(QStringLiteral("Assign a Jira issue to this session first, then check Jira again. Matching reads "
                                  "the worklogs of that one issue, so it cannot run while the session is unassigned."));
         return;
     }
-    const QString day = str(draft, QStringLiteral("started")).left(10);
-    const QVariantMap checked = compared.value(str(draft, QStringLiteral("source_key")));
+    const QString day = str(draft, DraftKey::kStarted).left(10);
+    const QVariantMap checked = compared.value(str(draft, DraftKey::kSourceKey));
     if (checked.isEmpty()) {
         if (!checkedDays.isEmpty() && !checkedDays.contains(day)) {
             setStatus(QStringLiteral("This session started on %1, and Worklogs checked a different day. Set the date "
@@ -158,16 +160,15 @@ void JiraReviewWindowController::Private::markAsLogged(int row)
                       .arg(refreshShortcut()));
         return;
     }
-    if (num(draft, QStringLiteral("seconds")) < 60 && JRIgnoreShortSessions()) {
+    if (num(draft, DraftKey::kSeconds) < 60 && JRIgnoreShortSessions()) {
         setStatus(QStringLiteral("This session is shorter than a minute, so Worklogs leaves it out. Turn off “Keep "
                                  "sessions under a minute out of Jira” in Settings → General, check Jira again, then "
                                  "mark it."));
         return;
     }
-    const QVariantList candidates = checked.value(QStringLiteral("manual_matches")).toList();
-    if (!checked.value(QStringLiteral("eligible")).toBool() && candidates.isEmpty()) {
-        setStatus(
-            QStringLiteral("This session is not open for matching: %1.").arg(str(checked, QStringLiteral("status"))));
+    const QVariantList candidates = checked.value(DraftKey::kManualMatches).toList();
+    if (!checked.value(DraftKey::kEligible).toBool() && candidates.isEmpty()) {
+        setStatus(QStringLiteral("This session is not open for matching: %1.").arg(str(checked, DraftKey::kStatus)));
         return;
     }
     if (candidates.isEmpty()) {
@@ -176,15 +177,15 @@ void JiraReviewWindowController::Private::markAsLogged(int row)
                       .arg(day, issue));
         return;
     }
-    const qint64 seconds = num(draft, QStringLiteral("seconds"));
+    const qint64 seconds = num(draft, DraftKey::kSeconds);
     const QVariantMap chosen = q->chooseMatch ? q->chooseMatch(candidates, issue, seconds)
                                               : ManualWorklogPicker::chooseMatch(candidates, issue, seconds, window);
     if (chosen.isEmpty())
         return;
-    const QVariantMap exclusion {{QStringLiteral("kind"), QStringLiteral("manual")},
-        {QStringLiteral("worklog_id"), str(chosen, QStringLiteral("id"))},
-        {QStringLiteral("seconds"), num(chosen, QStringLiteral("seconds"))}, {QStringLiteral("issue"), issue},
-        {QStringLiteral("account"), account}, {QStringLiteral("confirmed_at"), JRISO(QDateTime::currentDateTime())}};
+    const QVariantMap exclusion {{ExclusionKey::kKind, ExclusionKey::kManual},
+        {ExclusionKey::kWorklogId, str(chosen, ManualMatchKey::kId)},
+        {ExclusionKey::kSeconds, num(chosen, ManualMatchKey::kSeconds)}, {ExclusionKey::kIssue, issue},
+        {ExclusionKey::kAccount, account}, {ExclusionKey::kConfirmedAt, JRISO(QDateTime::currentDateTime())}};
     if (!setExclusion(draft, exclusion))
         return;
     assignmentsChanged();
@@ -200,9 +201,9 @@ void JiraReviewWindowController::Private::ignoreForJira(int row)
         setStatus(refusal);
         return;
     }
-    const QVariantMap exclusion {{QStringLiteral("kind"), QStringLiteral("ignore")},
-        {QStringLiteral("worklog_id"), QString()}, {QStringLiteral("seconds"), num(draft, QStringLiteral("seconds"))},
-        {QStringLiteral("account"), account}, {QStringLiteral("confirmed_at"), JRISO(QDateTime::currentDateTime())}};
+    const QVariantMap exclusion {{ExclusionKey::kKind, ExclusionKey::kIgnore}, {ExclusionKey::kWorklogId, QString()},
+        {ExclusionKey::kSeconds, num(draft, DraftKey::kSeconds)}, {ExclusionKey::kAccount, account},
+        {ExclusionKey::kConfirmedAt, JRISO(QDateTime::currentDateTime())}};
     if (!setExclusion(draft, exclusion))
         return;
     assignmentsChanged();
@@ -232,7 +233,7 @@ void JiraReviewWindowController::Private::undoExclusion(int row)
 void JiraReviewWindowController::Private::openInJira(int row)
 {
     const QString site = siteURL();
-    const QString issue = IssueAssignments::issueFromInput(str(model->row(row), QStringLiteral("issue")), site);
+    const QString issue = IssueAssignments::issueFromInput(str(model->row(row), DraftKey::kIssue), site);
     if (!site.startsWith(QStringLiteral("https://")) || issue.isNull())
         return;
     QDesktopServices::openUrl(QUrl(site + QStringLiteral("/browse/") + issue));
@@ -288,9 +289,9 @@ bool JiraReviewWindowController::Private::changeAssignments(const std::function<
 bool JiraReviewWindowController::Private::setExclusion(const QVariantMap &draft, const QVariantMap &exclusion)
 {
     if (!changeAssignments(
-            [&] { assignments->setExclusion(exclusion, draft.value(QStringLiteral("session")).toMap(), cloud); }))
+            [&] { assignments->setExclusion(exclusion, draft.value(DraftKey::kSession).toMap(), cloud); }))
         return false;
     // The session's last comparison was made under the old exclusion.
-    compared.remove(str(draft, QStringLiteral("source_key")));
+    compared.remove(str(draft, DraftKey::kSourceKey));
     return true;
 }

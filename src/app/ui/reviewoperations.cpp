@@ -6,7 +6,11 @@
 #include "app/ui/rowkeys.h"
 #include "jira/connectionsettings.h"
 #include "platform/platformerror.h"
+#include "records/comparison.h"
 #include "records/draft.h"
+#include "records/jiraanswer.h"
+#include "records/promptresult.h"
+#include "records/session.h"
 #include "worklogs/engine.h"
 #include "worklogs/namedfailure.h"
 
@@ -36,7 +40,7 @@ qint64 num(const QVariantMap &map, const QString &key)
 
 QStringList keysOf(const QVariantMap &event)
 {
-    return event.value(QStringLiteral("source_keys")).toStringList();
+    return event.value(ProgressKey::kSourceKeys).toStringList();
 }
 
 } // namespace
@@ -103,7 +107,7 @@ void JiraReviewWindowController::Private::startCompare(bool automatic)
         QHash<QString, bool> wanted;
         for (const QVariant &item : sent) {
             const QVariantMap row = item.toMap();
-            wanted.insert(str(row, QStringLiteral("source_key")), row.value(QStringLiteral("include")).toBool());
+            wanted.insert(str(row, DraftKey::kSourceKey), row.value(DraftKey::kInclude).toBool());
         }
         intent = wanted;
     } else {
@@ -131,18 +135,18 @@ void JiraReviewWindowController::Private::startCompare(bool automatic)
         // The outcome is stored, stamped and put into the rows as they were sent here, off the main thread:
         // for a heavy day that is most of the work of a check after the network.
         CheckedRows checked;
-        if (!result.contains(QStringLiteral("error"))) {
+        if (!result.contains(CheckKey::kError)) {
             const QDateTime now = QDateTime::currentDateTime();
-            QVariantList drafts = result.value(QStringLiteral("drafts")).toList();
-            ComparisonCache(directory).saveDrafts(drafts, site, str(result, QStringLiteral("account")), now);
+            QVariantList drafts = result.value(CheckKey::kDrafts).toList();
+            ComparisonCache(directory).saveDrafts(drafts, site, str(result, CheckKey::kAccount), now);
             for (QVariant &item : drafts) {
                 QVariantMap draft = item.toMap();
-                draft.insert(QStringLiteral("comparison_at"), now);
-                draft.insert(QStringLiteral("comparison_current"), true);
+                draft.insert(DraftKey::kComparisonAt, now);
+                draft.insert(DraftKey::kComparisonCurrent, true);
                 draft.insert(RowKey::kFingerprint, JRComparisonFingerprint(draft));
                 item = draft;
             }
-            result.insert(QStringLiteral("drafts"), drafts);
+            result.insert(CheckKey::kDrafts, drafts);
             result.insert(RowKey::kCheckedAt, now);
             checked = checkedRows(sent, drafts, wanted);
         }
@@ -158,7 +162,7 @@ JiraReviewWindowController::Private::CheckedRows JiraReviewWindowController::Pri
     QHash<QString, QVariantMap> compared;
     for (const QVariant &item : drafts) {
         const QVariantMap draft = item.toMap();
-        compared.insert(str(draft, QStringLiteral("source_key")), draft);
+        compared.insert(str(draft, DraftKey::kSourceKey), draft);
     }
     CheckedRows checked;
     checked.rows = sent;
@@ -177,9 +181,9 @@ void JiraReviewWindowController::Private::includeEligible(QVariantList &rows)
 {
     for (QVariant &item : rows) {
         QVariantMap row = item.toMap();
-        const bool eligible = row.value(QStringLiteral("eligible")).toBool();
-        if (row.value(QStringLiteral("include")).toBool() != eligible) {
-            row.insert(QStringLiteral("include"), eligible);
+        const bool eligible = row.value(DraftKey::kEligible).toBool();
+        if (row.value(DraftKey::kInclude).toBool() != eligible) {
+            row.insert(DraftKey::kInclude, eligible);
             item = row;
         }
     }
@@ -189,14 +193,14 @@ void JiraReviewWindowController::Private::progressEvent(qint64 operation, const 
 {
     if (operation != serial)
         return;
-    const QString state = str(event, QStringLiteral("state"));
-    const bool post = str(event, QStringLiteral("phase")) == QStringLiteral("post");
-    const qint64 completed = num(event, QStringLiteral("completed")), total = num(event, QStringLiteral("total"));
-    const QString issue = str(event, QStringLiteral("issue"));
+    const QString state = str(event, ProgressKey::kState);
+    const bool post = str(event, ProgressKey::kPhase) == QStringLiteral("post");
+    const qint64 completed = num(event, ProgressKey::kCompleted), total = num(event, ProgressKey::kTotal);
+    const QString issue = str(event, ProgressKey::kIssue);
     const QString count = review::progressCount(completed, total, post);
     if (!post) {
         if (state == QStringLiteral("start")) {
-            const QVariantList items = event.value(QStringLiteral("items")).toList();
+            const QVariantList items = event.value(ProgressKey::kItems).toList();
             for (int i = 0; i < items.size(); ++i)
                 setRowProgress(keysOf(items[i].toMap()), QStringLiteral("Waiting · %1 in queue").arg(i + 1), false);
             const qint64 drafts = model->rows().size();
@@ -209,13 +213,13 @@ void JiraReviewWindowController::Private::progressEvent(qint64 operation, const 
         } else if (state == QStringLiteral("page")) {
             setRowProgress(keysOf(event),
                 QStringLiteral("Checking… · page %1/%2")
-                    .arg(num(event, QStringLiteral("page")))
-                    .arg(num(event, QStringLiteral("pages"))),
+                    .arg(num(event, ProgressKey::kPage))
+                    .arg(num(event, ProgressKey::kPages)),
                 true);
             progressText = QStringLiteral("%1 · Fetching worklogs, page %2 of %3")
                                .arg(issue)
-                               .arg(num(event, QStringLiteral("page")))
-                               .arg(num(event, QStringLiteral("pages")));
+                               .arg(num(event, ProgressKey::kPage))
+                               .arg(num(event, ProgressKey::kPages));
         } else if (state == QStringLiteral("complete")) {
             setRowProgress(keysOf(event), QStringLiteral("Checked"), false);
         } else if (state == QStringLiteral("failed")) {
@@ -240,18 +244,18 @@ void JiraReviewWindowController::Private::finishCompare(
     if (operation != serial)
         return;
     progressLabel->clear();
-    if (result.contains(QStringLiteral("error"))) {
+    if (result.contains(CheckKey::kError)) {
         intent.reset();
         progress.clear();
         progressActive.clear();
         postAfterCheck = false;
         setBusy(false, false);
-        const QString error = str(result, QStringLiteral("error"));
+        const QString error = str(result, CheckKey::kError);
         setStatus(withDetail(
-            error.isEmpty() ? QStringLiteral("Jira request failed.") : error, str(result, QStringLiteral("detail"))));
+            error.isEmpty() ? QStringLiteral("Jira request failed.") : error, str(result, CheckKey::kDetail)));
         return;
     }
-    account = str(result, QStringLiteral("account"));
+    account = str(result, CheckKey::kAccount);
     QSettings settings;
     QVariantMap accounts = settings.value(kAccountsByCloud).toMap();
     accounts.insert(cloud, account);
@@ -259,10 +263,10 @@ void JiraReviewWindowController::Private::finishCompare(
 
     compared.clear();
     checkedDays.clear();
-    for (const QVariant &item : result.value(QStringLiteral("drafts")).toList()) {
+    for (const QVariant &item : result.value(CheckKey::kDrafts).toList()) {
         const QVariantMap draft = item.toMap();
-        compared.insert(str(draft, QStringLiteral("source_key")), draft);
-        checkedDays.insert(str(draft, QStringLiteral("started")).left(10));
+        compared.insert(str(draft, DraftKey::kSourceKey), draft);
+        checkedDays.insert(str(draft, DraftKey::kStarted).left(10));
     }
     comparisonAt = result.value(RowKey::kCheckedAt).toDateTime();
     const std::optional<QHash<QString, bool>> wanted = intent;
@@ -304,7 +308,7 @@ bool JiraReviewWindowController::Private::applyComparison(
 {
     for (QVariant &item : rows) {
         QVariantMap row = item.toMap();
-        const QString key = str(row, QStringLiteral("source_key"));
+        const QString key = str(row, DraftKey::kSourceKey);
         const auto found = outcome.constFind(key);
         if (found == outcome.cend())
             return false;
@@ -312,9 +316,9 @@ bool JiraReviewWindowController::Private::applyComparison(
         // A title that arrived during the check changes the comment the engine would send; the row keeps the
         // comment that was checked, as a rebuild does.
         QVariantMap probe = row;
-        if (str(last, QStringLiteral("issue_title")) != str(row, QStringLiteral("issue_title"))) {
-            probe.insert(QStringLiteral("issue_title"), last.value(QStringLiteral("issue_title")));
-            probe.insert(QStringLiteral("comment"), last.value(QStringLiteral("comment")));
+        if (str(last, DraftKey::kIssueTitle) != str(row, DraftKey::kIssueTitle)) {
+            probe.insert(DraftKey::kIssueTitle, last.value(DraftKey::kIssueTitle));
+            probe.insert(DraftKey::kComment, last.value(DraftKey::kComment));
         }
         if (str(last, RowKey::kFingerprint) != JRComparisonFingerprint(probe))
             return false;
@@ -439,7 +443,7 @@ void JiraReviewWindowController::Private::finishPost(
     progressLabel->clear();
     // What was just posted stays locked even before the ledger is read again.
     for (const QVariant &item : posted)
-        for (const QString &key : item.toMap().value(QStringLiteral("source_keys")).toStringList())
+        for (const QString &key : item.toMap().value(PostedKey::kSourceKeys).toStringList())
             lockedSet.insert(cloud + QLatin1Char('|') + key);
     compared.clear();
     comparisonAt = QDateTime();
@@ -468,8 +472,8 @@ QString JiraReviewWindowController::Private::siteURL() const
 {
     for (const QVariant &item : sites) {
         const QVariantMap site = item.toMap();
-        if (str(site, QStringLiteral("id")) == cloud)
-            return str(site, QStringLiteral("url"));
+        if (str(site, JiraSiteKey::kId) == cloud)
+            return str(site, JiraSiteKey::kUrl);
     }
     return {};
 }
@@ -504,16 +508,16 @@ void JiraReviewWindowController::Private::sitesLoaded(
     sites.clear();
     for (const QVariant &item : resources) {
         const QVariantMap resource = item.toMap();
-        const QStringList scopes = resource.value(QStringLiteral("scopes")).toStringList();
+        const QStringList scopes = resource.value(JiraSiteKey::kScopes).toStringList();
         if (scopes.contains(QStringLiteral("read:jira-work")) && scopes.contains(QStringLiteral("write:jira-work")))
             sites.append(resource);
     }
     siteBox->clear();
     for (const QVariant &item : std::as_const(sites)) {
         const QVariantMap site = item.toMap();
-        const QString name = str(site, QStringLiteral("name")).isEmpty() ? str(site, QStringLiteral("url"))
-                                                                         : str(site, QStringLiteral("name"));
-        siteBox->addItem(name, str(site, QStringLiteral("id")));
+        const QString name
+            = str(site, JiraSiteKey::kName).isEmpty() ? str(site, JiraSiteKey::kUrl) : str(site, JiraSiteKey::kName);
+        siteBox->addItem(name, str(site, JiraSiteKey::kId));
     }
     if (sites.isEmpty()) {
         selectSite({});
@@ -522,11 +526,11 @@ void JiraReviewWindowController::Private::sitesLoaded(
     }
     const QString stored = QSettings().value(kSelectedCloud).toString();
     if (sites.size() == 1) {
-        selectSite(str(sites.first().toMap(), QStringLiteral("id")));
+        selectSite(str(sites.first().toMap(), JiraSiteKey::kId));
         return;
     }
     for (const QVariant &item : std::as_const(sites))
-        if (str(item.toMap(), QStringLiteral("id")) == stored) {
+        if (str(item.toMap(), JiraSiteKey::kId) == stored) {
             selectSite(stored);
             return;
         }
@@ -540,7 +544,7 @@ void JiraReviewWindowController::Private::selectSite(const QString &cloudId)
         return;
     bool offered = cloudId.isEmpty();
     for (const QVariant &item : std::as_const(sites))
-        offered = offered || str(item.toMap(), QStringLiteral("id")) == cloudId;
+        offered = offered || str(item.toMap(), JiraSiteKey::kId) == cloudId;
     if (!offered)
         return;
     ++serial; // results for the former site are dropped
@@ -679,10 +683,10 @@ QString JiraReviewWindowController::siteName() const
 {
     for (const QVariant &item : std::as_const(d->sites)) {
         const QVariantMap site = item.toMap();
-        if (str(site, QStringLiteral("id")) != d->cloud)
+        if (str(site, JiraSiteKey::kId) != d->cloud)
             continue;
-        const QString name = str(site, QStringLiteral("name"));
-        return name.isEmpty() ? str(site, QStringLiteral("url")) : name;
+        const QString name = str(site, JiraSiteKey::kName);
+        return name.isEmpty() ? str(site, JiraSiteKey::kUrl) : name;
     }
     return {};
 }
@@ -703,19 +707,19 @@ void JiraReviewWindowController::comparePromptSession(
             this, [completion, result] { completion(result); }, Qt::QueuedConnection);
     };
     if (!readyForPrompt())
-        return answer({{QStringLiteral("error"), QStringLiteral("Connect Jira to check and post these worklogs.")}});
+        return answer({{PromptResultKey::kError, QStringLiteral("Connect Jira to check and post these worklogs.")}});
 
     // The day's sessions as the window would resolve them; only the ended session's issue is compared, which
     // is all the prompt offers and all that a combined worklog of that issue needs.
     d->refreshReceipts();
     const review::ReceiptIndex index(d->receipts, d->cloud);
-    const QDate day = QDateTime::fromMSecsSinceEpoch(num(session, QStringLiteral("start_ms"))).date();
+    const QDate day = QDateTime::fromMSecsSinceEpoch(num(session, SessionKey::kStartMs)).date();
     const QString key = JRSourceKey(session);
     QVariantList resolved;
     QVariantMap ended;
     for (const QVariant &item : daySessions) {
         const QVariantMap record = item.toMap();
-        if (QDateTime::fromMSecsSinceEpoch(num(record, QStringLiteral("start_ms"))).date() != day)
+        if (QDateTime::fromMSecsSinceEpoch(num(record, SessionKey::kStartMs)).date() != day)
             continue;
         const QVariantMap resolvedRecord = d->resolvedSession(record, index);
         if (JRSourceKey(record) == key) {
@@ -729,10 +733,10 @@ void JiraReviewWindowController::comparePromptSession(
         ended = d->resolvedSession(session, index);
         resolved.append(ended);
     }
-    const QString issue = str(ended, QStringLiteral("issue"));
+    const QString issue = str(ended, SessionKey::kIssue);
     QVariantList drafts;
     for (const QVariant &item : JRBuildDrafts(resolved, day.startOfDay()))
-        if (str(item.toMap(), QStringLiteral("issue")) == issue)
+        if (str(item.toMap(), DraftKey::kIssue) == issue)
             drafts.append(item);
 
     const QString site = d->cloud;
@@ -752,41 +756,41 @@ void JiraReviewWindowController::comparePromptSession(
 QVariantMap JiraReviewWindowController::Private::promptResult(const QVariantMap &checked, const QVariantMap &ended,
     const QDate &day, const QString &site, qint64 generation) const
 {
-    QVariantMap result {{QStringLiteral("session"), ended}, {QStringLiteral("date"), day.toString(Qt::ISODate)},
-        {QStringLiteral("cloud"), site}, {QStringLiteral("generation"), generation}};
-    if (checked.contains(QStringLiteral("error"))) {
-        result.insert(QStringLiteral("error"), checked.value(QStringLiteral("error")));
-        if (checked.contains(QStringLiteral("detail")))
-            result.insert(QStringLiteral("detail"), checked.value(QStringLiteral("detail")));
+    QVariantMap result {{PromptResultKey::kSession, ended}, {PromptResultKey::kDate, day.toString(Qt::ISODate)},
+        {PromptResultKey::kCloud, site}, {PromptResultKey::kGeneration, generation}};
+    if (checked.contains(CheckKey::kError)) {
+        result.insert(PromptResultKey::kError, checked.value(CheckKey::kError));
+        if (checked.contains(CheckKey::kDetail))
+            result.insert(PromptResultKey::kDetail, checked.value(CheckKey::kDetail));
         return result;
     }
     const QString key = JRSourceKey(ended);
-    const QVariantList drafts = checked.value(QStringLiteral("drafts")).toList();
+    const QVariantList drafts = checked.value(CheckKey::kDrafts).toList();
     QVariantList eligible;
     for (const QVariant &item : drafts) {
         QVariantMap draft = item.toMap();
-        if (!draft.value(QStringLiteral("eligible")).toBool())
+        if (!draft.value(DraftKey::kEligible).toBool())
             continue;
-        draft.insert(QStringLiteral("include"), true);
+        draft.insert(DraftKey::kInclude, true);
         eligible.append(draft);
     }
     QVariantMap post;
     for (const QVariant &item : JRWorklogsToPost(eligible)) {
         const QVariantMap worklog = item.toMap();
-        QStringList keys = worklog.value(QStringLiteral("source_keys")).toStringList();
+        QStringList keys = worklog.value(DraftKey::kSourceKeys).toStringList();
         if (keys.isEmpty())
-            keys.append(str(worklog, QStringLiteral("source_key")));
+            keys.append(str(worklog, DraftKey::kSourceKey));
         if (keys.contains(key))
             post = worklog;
     }
     const bool endedEligible = !post.isEmpty() && JRPostSeconds(post) > 0;
-    result.insert(QStringLiteral("account"), checked.value(QStringLiteral("account")));
-    result.insert(QStringLiteral("drafts"), drafts);
-    result.insert(QStringLiteral("eligible"), eligible);
-    result.insert(QStringLiteral("ended_eligible"), endedEligible);
+    result.insert(PromptResultKey::kAccount, checked.value(CheckKey::kAccount));
+    result.insert(PromptResultKey::kDrafts, drafts);
+    result.insert(PromptResultKey::kEligible, eligible);
+    result.insert(PromptResultKey::kEndedEligible, endedEligible);
     if (endedEligible) {
-        result.insert(QStringLiteral("post"), post);
-        result.insert(QStringLiteral("manual_matches"), post.value(QStringLiteral("manual_matches")).toList());
+        result.insert(PromptResultKey::kPost, post);
+        result.insert(PromptResultKey::kManualMatches, post.value(DraftKey::kManualMatches).toList());
     }
     return result;
 }
@@ -798,17 +802,17 @@ void JiraReviewWindowController::postPrompt(const QVariantMap &result, PromptPos
             QMetaObject::invokeMethod(
                 this, [completion, error] { completion(false, error); }, Qt::QueuedConnection);
     };
-    const QVariantMap worklog = result.value(QStringLiteral("post")).toMap();
-    if (worklog.isEmpty() || result.contains(QStringLiteral("error")))
+    const QVariantMap worklog = result.value(PromptResultKey::kPost).toMap();
+    if (worklog.isEmpty() || result.contains(PromptResultKey::kError))
         return refuse(QStringLiteral("Nothing to post."));
     if (d->busy)
         return refuse(QStringLiteral("Wait for the current Jira operation to finish."));
     // The post belongs to the comparison the user saw: another site, or a sign-in since, refuses it.
-    const QString site = str(result, QStringLiteral("cloud"));
+    const QString site = str(result, PromptResultKey::kCloud);
     if (site.isEmpty() || site != d->cloud || !isConnected())
         return refuse(QStringLiteral("Jira connection changed. Check Jira again."));
     const auto estimate = JRReduceEstimateOnPost() ? WorklogService::Estimate::Reduce : WorklogService::Estimate::Leave;
-    d->runPost({worklog}, site, str(result, QStringLiteral("account")), num(result, QStringLiteral("generation")),
+    d->runPost({worklog}, site, str(result, PromptResultKey::kAccount), num(result, PromptResultKey::kGeneration),
         estimate, [completion](bool ok, const QString &error) {
             if (completion)
                 completion(ok, error);

@@ -180,7 +180,7 @@ Lock lockedSession(const QVariantMap &row, const QString &cloud, const QString &
             if (str(receipt, ReceiptKey::kState) != ReceiptKey::kPosted)
                 return Lock::Recorded;
             const QVariantMap payload = receipt.value(ReceiptKey::kPayload).toMap();
-            if (num(payload, QStringLiteral("timeSpentSeconds")) >= ownSeconds)
+            if (num(payload, WorklogKey::kTimeSpentSeconds) >= ownSeconds)
                 return Lock::Recorded;
             if (marker.isNull())
                 marker = JRMarker(row, cloud, account);

@@ -1,7 +1,8 @@
 #pragma once
 
-// The keys the Worklogs window adds to its draft rows (records/draft.h) for the model and the view, and the
-// window's own keys on a check's outcome. They never leave the window.
+// The keys the Worklogs window adds to its draft rows (records/draft.h) for the model and the view, the
+// window's own keys on a check's outcome, and the keys of its session editor's answer. They never leave the
+// window.
 
 #include <QString>
 
@@ -30,3 +31,25 @@ inline const QString kFingerprint = QStringLiteral("fingerprint");
 inline const QString kCheckedAt = QStringLiteral("checked_at");
 
 } // namespace RowKey
+
+// The answer of the session editor (`SessionEditor::edit`): the user's changes to one session. Empty when the
+// user cancelled.
+//
+// When you add a key, also change `SessionEditor::save`, which builds the answer, and `editRow` in
+// app/ui/reviewcommands.cpp, which saves it.
+namespace SessionEditKey
+{
+
+// The issue key ("" to clear the issue) and the worklog comment.
+inline const QString kIssue = QStringLiteral("issue");
+inline const QString kComment = QStringLiteral("comment");
+// kThisSession, or kAllSessions for a description rule over every session with this description.
+inline const QString kScope = QStringLiteral("scope");
+// A description rule posts a day's matching sessions as one worklog.
+inline const QString kAggregateDaily = QStringLiteral("aggregate_daily");
+
+// The values of "scope".
+inline const QString kThisSession = QStringLiteral("session");
+inline const QString kAllSessions = QStringLiteral("all");
+
+} // namespace SessionEditKey

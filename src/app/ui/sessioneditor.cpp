@@ -1,5 +1,7 @@
 #include "app/ui/sessioneditor.h"
 
+#include "app/ui/rowkeys.h"
+#include "records/session.h"
 #include "worklogs/issueassignments.h"
 
 #include <QCheckBox>
@@ -20,7 +22,7 @@ SessionEditor::SessionEditor(const QVariantMap &session, const QString &siteURL,
     setModal(true);
     auto *layout = new QVBoxLayout(this);
     auto *text = new QLabel(QStringLiteral("%1\nChanges are saved locally. Nothing is posted to Jira.")
-                                .arg(session.value(QStringLiteral("description")).toString()),
+                                .arg(session.value(SessionKey::kDescription).toString()),
         this);
     text->setWordWrap(true);
     layout->addWidget(text);
@@ -29,12 +31,12 @@ SessionEditor::SessionEditor(const QVariantMap &session, const QString &siteURL,
     m_issue = new QLineEdit(this);
     m_issue->setPlaceholderText(QStringLiteral("DEMO-42"));
     m_issue->setAccessibleName(QStringLiteral("Jira issue key or URL"));
-    const QString issue = session.value(QStringLiteral("issue")).toString();
-    if (issue != QStringLiteral("Unassigned"))
+    const QString issue = session.value(SessionKey::kIssue).toString();
+    if (issue != SessionKey::kUnassigned)
         m_issue->setText(issue);
     m_issue->setEnabled(!commentOnly);
     form->addRow(QStringLiteral("Jira issue key or URL"), m_issue);
-    m_comment = new QLineEdit(session.value(QStringLiteral("comment")).toString(), this);
+    m_comment = new QLineEdit(session.value(SessionKey::kComment).toString(), this);
     m_comment->setAccessibleName(QStringLiteral("Worklog comment (this session only)"));
     form->addRow(QStringLiteral("Worklog comment (this session only)"), m_comment);
     layout->addLayout(form);
@@ -97,9 +99,9 @@ void SessionEditor::save()
             issue = QStringLiteral("");
         }
     }
-    m_result = {{QStringLiteral("issue"), issue}, {QStringLiteral("comment"), m_comment->text()},
-        {QStringLiteral("scope"), m_all->isChecked() ? QStringLiteral("all") : QStringLiteral("session")},
-        {QStringLiteral("aggregate_daily"), m_all->isChecked() && m_combine->isChecked()}};
+    m_result = {{SessionEditKey::kIssue, issue}, {SessionEditKey::kComment, m_comment->text()},
+        {SessionEditKey::kScope, m_all->isChecked() ? SessionEditKey::kAllSessions : SessionEditKey::kThisSession},
+        {SessionEditKey::kAggregateDaily, m_all->isChecked() && m_combine->isChecked()}};
     accept();
 }
 

@@ -1,5 +1,7 @@
 #include "app/ui/worklogpicker.h"
 
+#include "records/draft.h"
+
 #include <QDialogButtonBox>
 #include <QLabel>
 #include <QListWidget>
@@ -9,9 +11,9 @@
 namespace
 {
 
-QString field(const QVariantMap &candidate, const char *key)
+QString field(const QVariantMap &candidate, const QString &key)
 {
-    return candidate.value(QLatin1String(key)).toString();
+    return candidate.value(key).toString();
 }
 
 } // namespace
@@ -40,7 +42,8 @@ ManualWorklogPicker::ManualWorklogPicker(
     for (const QVariant &item : candidates) {
         const QVariantMap candidate = item.toMap();
         m_list->addItem(QStringLiteral("Worklog %1 · %2 s · %3")
-                            .arg(field(candidate, "id"), field(candidate, "seconds"), field(candidate, "started")));
+                            .arg(field(candidate, ManualMatchKey::kId), field(candidate, ManualMatchKey::kSeconds),
+                                field(candidate, ManualMatchKey::kStarted)));
     }
     layout->addWidget(m_list);
     m_detail = new QLabel(this);
@@ -73,8 +76,8 @@ void ManualWorklogPicker::showDetail()
         return;
     }
     m_detail->setText(QStringLiteral("%1\nStarted: %2\nDuration: %3 seconds\n\n%4")
-                          .arg(field(candidate, "reason"), field(candidate, "started"), field(candidate, "seconds"),
-                              field(candidate, "comment")));
+                          .arg(field(candidate, ManualMatchKey::kReason), field(candidate, ManualMatchKey::kStarted),
+                              field(candidate, ManualMatchKey::kSeconds), field(candidate, ManualMatchKey::kComment)));
 }
 
 QString ManualWorklogPicker::detailText() const
