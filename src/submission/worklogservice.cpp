@@ -475,7 +475,7 @@ QVariantMap WorklogService::checkDrafts(const QVariantList &drafts, const QStrin
         failed.insert(ProgressKey::kError, failure.reason());
         // Jira's own explanation travels beside the sentence, for the user to read under it.
         if (!failure.detail().isEmpty())
-            failed.insert(QStringLiteral("detail"), failure.detail());
+            failed.insert(ProgressKey::kDetail, failure.detail());
         notify(progress, failed);
         recordCompletion(DiagnosticEvent::kJiraCompareCompleted, run.result.size(), true);
         throw failure;
@@ -493,7 +493,7 @@ QVariantMap WorklogService::compareDrafts(const QVariantList &drafts, const QStr
     } catch (const NamedFailure &failure) {
         QVariantMap answer {{CheckKey::kError, failure.reason()}};
         if (!failure.detail().isEmpty())
-            answer.insert(QStringLiteral("detail"), failure.detail());
+            answer.insert(CheckKey::kDetail, failure.detail());
         return answer;
     }
 }
@@ -528,7 +528,7 @@ QVariantList WorklogService::postDrafts(const QVariantList &drafts, const QStrin
             {ProgressKey::kSourceKeys, sourceKeys}, {ProgressKey::kCompleted, completed},
             {ProgressKey::kTotal, qint64(drafts.size())}, {ProgressKey::kError, failure.reason()}};
         if (!failure.detail().isEmpty())
-            failed.insert(QStringLiteral("detail"), failure.detail());
+            failed.insert(ProgressKey::kDetail, failure.detail());
         notify(progress, failed);
         recordCompletion(DiagnosticEvent::kJiraPostCompleted, completed, true);
         throw failure;
