@@ -4,6 +4,7 @@
 #include "app/ui/jirareviewwindowcontroller.h"
 #include "invoice/invoice.h"
 #include "platform/appidentity.h"
+#include "platform/clock.h"
 #include "records/invoice.h"
 #include "records/session.h"
 #include "source/stintwatchsourceaccess.h"
@@ -109,7 +110,7 @@ int runJiraSmokeTest(int argc, char **argv)
     const QString store = QDir::current().filePath(QStringLiteral("build/jira-preview-data"));
     QDir().mkpath(store);
     JiraReviewWindowController controller(store);
-    const qint64 now = QDateTime::currentMSecsSinceEpoch();
+    const qint64 now = Clock::shared().wallMs();
     const QVariantMap session {
         {SessionKey::kStartMs, now - 3'600'000},
         {SessionKey::kEndMs, now - 1'800'000},

@@ -1,6 +1,7 @@
 #include "app/updatecontroller.h"
 
 #include "jira/httptransport.h"
+#include "platform/clock.h"
 #include "platform/serialqueue.h"
 
 #include <QCoreApplication>
@@ -172,7 +173,7 @@ void UpdateController::checkDue()
 {
     const QDateTime last = lastUpdateCheckDate();
     if (automaticallyChecksForUpdates() && canCheckForUpdates()
-        && (!last.isValid() || last.secsTo(QDateTime::currentDateTimeUtc()) >= kCheckIntervalSeconds))
+        && (!last.isValid() || last.secsTo(Clock::shared().wallNow().toUTC()) >= kCheckIntervalSeconds))
         checkForUpdates();
 }
 
@@ -266,7 +267,7 @@ void UpdateController::checkForUpdates()
 void UpdateController::finishCheck(const FeedOutcome &outcome)
 {
     if (outcome.state != State::Failed)
-        QSettings().setValue(kLastCheckKey, QDateTime::currentDateTimeUtc());
+        QSettings().setValue(kLastCheckKey, Clock::shared().wallNow().toUTC());
     m_offer = outcome.offer;
     setState(outcome.state, outcome.reason);
 }

@@ -1,6 +1,7 @@
 #include "app/ui/invoicewindow.h"
 
 #include "invoice/invoice.h"
+#include "platform/clock.h"
 #include "records/invoice.h"
 #include "records/session.h"
 #include "summary/timesummary.h"
@@ -285,7 +286,7 @@ void InvoiceWindow::refreshTracked()
     // Each activity's sessions within the week, overlapping ones counted once, running ones up to now.
     const qint64 weekStartMs = QDateTime(m_weekStart, QTime(0, 0)).toMSecsSinceEpoch();
     const qint64 weekEndMs = QDateTime(m_weekStart.addDays(7), QTime(0, 0)).toMSecsSinceEpoch();
-    const qint64 nowMs = QDateTime::currentMSecsSinceEpoch();
+    const qint64 nowMs = Clock::shared().wallMs();
     QHash<QString, QList<QPair<qint64, qint64>>> spans;
     for (const QVariant &value : std::as_const(m_sessions)) {
         const QVariantMap session = value.toMap();

@@ -2,6 +2,7 @@
 
 #include "app/ui/jirareviewwindow_p.h"
 #include "app/ui/rowkeys.h"
+#include "platform/clock.h"
 #include "records/draft.h"
 #include "records/issuedetails.h"
 #include "records/receipt.h"
@@ -511,7 +512,7 @@ void JiraReviewWindowController::Private::keepChoices(QVariantMap &draft, const 
 void JiraReviewWindowController::Private::applyCachedComparisons(
     QVariantList &drafts, QVariantList uncached, const QHash<QString, QVariantMap> &kept)
 {
-    cache.applyToDrafts(uncached, cloud, account, QDateTime::currentDateTime(), 300.0);
+    cache.applyToDrafts(uncached, cloud, account, Clock::shared().wallNow(), 300.0);
     QHash<QString, QVariant> applied;
     for (const QVariant &item : std::as_const(uncached))
         applied.insert(str(item.toMap(), DraftKey::kSourceKey), item);

@@ -4,6 +4,7 @@
 #include "app/ui/rowkeys.h"
 #include "app/ui/sessioneditor.h"
 #include "app/ui/worklogpicker.h"
+#include "platform/clock.h"
 #include "records/draft.h"
 #include "records/exclusion.h"
 #include "records/session.h"
@@ -185,7 +186,7 @@ void JiraReviewWindowController::Private::markAsLogged(int row)
     const QVariantMap exclusion {{ExclusionKey::kKind, ExclusionKey::kManual},
         {ExclusionKey::kWorklogId, str(chosen, ManualMatchKey::kId)},
         {ExclusionKey::kSeconds, num(chosen, ManualMatchKey::kSeconds)}, {ExclusionKey::kIssue, issue},
-        {ExclusionKey::kAccount, account}, {ExclusionKey::kConfirmedAt, JRISO(QDateTime::currentDateTime())}};
+        {ExclusionKey::kAccount, account}, {ExclusionKey::kConfirmedAt, JRISO(Clock::shared().wallNow())}};
     if (!setExclusion(draft, exclusion))
         return;
     assignmentsChanged();
@@ -203,7 +204,7 @@ void JiraReviewWindowController::Private::ignoreForJira(int row)
     }
     const QVariantMap exclusion {{ExclusionKey::kKind, ExclusionKey::kIgnore}, {ExclusionKey::kWorklogId, QString()},
         {ExclusionKey::kSeconds, num(draft, DraftKey::kSeconds)}, {ExclusionKey::kAccount, account},
-        {ExclusionKey::kConfirmedAt, JRISO(QDateTime::currentDateTime())}};
+        {ExclusionKey::kConfirmedAt, JRISO(Clock::shared().wallNow())}};
     if (!setExclusion(draft, exclusion))
         return;
     assignmentsChanged();

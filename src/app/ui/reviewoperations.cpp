@@ -5,6 +5,7 @@
 #include "app/ui/jirareviewwindow_p.h"
 #include "app/ui/rowkeys.h"
 #include "jira/connectionsettings.h"
+#include "platform/clock.h"
 #include "platform/platformerror.h"
 #include "records/comparison.h"
 #include "records/draft.h"
@@ -136,7 +137,7 @@ void JiraReviewWindowController::Private::startCompare(bool automatic)
         // for a heavy day that is most of the work of a check after the network.
         CheckedRows checked;
         if (!result.contains(CheckKey::kError)) {
-            const QDateTime now = QDateTime::currentDateTime();
+            const QDateTime now = Clock::shared().wallNow();
             QVariantList drafts = result.value(CheckKey::kDrafts).toList();
             ComparisonCache(directory).saveDrafts(drafts, site, str(result, CheckKey::kAccount), now);
             for (QVariant &item : drafts) {
@@ -295,8 +296,8 @@ void JiraReviewWindowController::Private::finishCompare(
     model->setRows(rows);
     setBusy(false, false);
     ticksChosen = true;
-    setStatus(refused > 0 ? review::untickedMessage(refused)
-                          : review::checkedText(comparisonAt, QDateTime::currentDateTime()));
+    setStatus(
+        refused > 0 ? review::untickedMessage(refused) : review::checkedText(comparisonAt, Clock::shared().wallNow()));
     if (postAfterCheck) {
         postAfterCheck = false;
         startPost();
@@ -341,7 +342,7 @@ void JiraReviewWindowController::Private::startPost()
         return;
     }
     const QVariantList rows = model->rows();
-    const review::PostStep step = review::postStep(comparisonAt, QDateTime::currentDateTime(), rows);
+    const review::PostStep step = review::postStep(comparisonAt, Clock::shared().wallNow(), rows);
     if (step == review::PostStep::Recheck) {
         setStatus(review::postStepText(step));
         postAfterCheck = true;
