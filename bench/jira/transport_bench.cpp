@@ -84,14 +84,19 @@ void BM_WorklogPageOverTLS(benchmark::State &state)
 }
 BENCHMARK(BM_WorklogPageOverTLS)->Unit(benchmark::kMillisecond);
 
-void BM_DecodeWorklogPage(benchmark::State &state)
+// The bytes of one worklog page as the stand-in sends them.
+QByteArray pageBody()
 {
     const Stand &target = stand();
     HTTPTransport transport;
     qint64 status = 0;
-    const QByteArray body
-        = QJsonDocument::fromVariant(transport.request(target.url, QStringLiteral("GET"), {}, target.token, status))
-              .toJson(QJsonDocument::Compact);
+    return QJsonDocument::fromVariant(transport.request(target.url, QStringLiteral("GET"), {}, target.token, status))
+        .toJson(QJsonDocument::Compact);
+}
+
+void BM_DecodeWorklogPage(benchmark::State &state)
+{
+    const QByteArray body = pageBody();
     for (auto _ : state) {
         const QVariant page = QJsonDocument::fromJson(body).toVariant();
         benchmark::DoNotOptimize(page);
@@ -103,12 +108,7 @@ BENCHMARK(BM_DecodeWorklogPage)->Unit(benchmark::kMillisecond);
 // The floor of decoding: parsing the same bytes into Qt's JSON document, no records built.
 void BM_ParseWorklogPage(benchmark::State &state)
 {
-    const Stand &target = stand();
-    HTTPTransport transport;
-    qint64 status = 0;
-    const QByteArray body
-        = QJsonDocument::fromVariant(transport.request(target.url, QStringLiteral("GET"), {}, target.token, status))
-              .toJson(QJsonDocument::Compact);
+    const QByteArray body = pageBody();
     for (auto _ : state)
         benchmark::DoNotOptimize(QJsonDocument::fromJson(body));
     state.SetBytesProcessed(qint64(state.iterations()) * body.size());

@@ -5,6 +5,7 @@
 #include "jira/jiraclient.h"
 #include "standin/server.h"
 #include "submission/worklogservice.h"
+#include "support/standinsite.h"
 #include "worklogs/engine.h"
 
 #include <QCoreApplication>
@@ -21,9 +22,9 @@
 namespace
 {
 
-const QString kAccount = QStringLiteral("5b10aa0000000000000000aa");
-const QString kColleague = QStringLiteral("5b10bb0000000000000000bb");
-const QString kCloud = QStringLiteral("11111111-2222-3333-4444-555555555555");
+using bench::kAccount;
+using bench::kCloud;
+using bench::kColleague;
 const QDate kDay(2026, 3, 2);
 
 double threadCpuMs()
@@ -46,13 +47,8 @@ struct Environment {
         qputenv("HOME", home.path().toUtf8());
         qputenv("XDG_CONFIG_HOME", (home.path() + QStringLiteral("/.config")).toUtf8());
         qputenv("XDG_STATE_HOME", (home.path() + QStringLiteral("/.state")).toUtf8());
-        const QStringList scopes {QStringLiteral("read:jira-work"), QStringLiteral("write:jira-work"),
-            QStringLiteral("read:jira-user"), QStringLiteral("offline_access")};
-        server.addUser(
-            {kAccount, QStringLiteral("Ada Example"), QStringLiteral("Europe/Berlin"), {}, QStringLiteral("en_US")});
-        server.addUser(
-            {kColleague, QStringLiteral("Bo Example"), QStringLiteral("Europe/Berlin"), {}, QStringLiteral("en_US")});
-        server.addSite({kCloud, QStringLiteral("example"), QStringLiteral("https://example.atlassian.net"), scopes});
+        const QStringList scopes = bench::siteScopes();
+        bench::addSite(server);
         for (int i = 0; i < issues; ++i) {
             const QString key = QStringLiteral("ABC-%1").arg(i + 1);
             server.addIssue({key, {}, QStringLiteral("Issue ") + key, {}, {}});

@@ -7,6 +7,7 @@
 #include "app/ui/jirareviewwindowcontroller.h"
 #include "jira/jiraclient.h"
 #include "standin/server.h"
+#include "support/standinsite.h"
 #include "worklogs/engine.h"
 
 #include <QAbstractEventDispatcher>
@@ -24,9 +25,9 @@
 namespace
 {
 
-const QString kAccount = QStringLiteral("5b10aa0000000000000000aa");
-const QString kColleague = QStringLiteral("5b10bb0000000000000000bb");
-const QString kCloud = QStringLiteral("11111111-2222-3333-4444-555555555555");
+using bench::kAccount;
+using bench::kCloud;
+using bench::kColleague;
 const QDate kDay(2026, 3, 4);
 constexpr int kIssues = 20;
 constexpr int kDrafts = 200;
@@ -114,13 +115,8 @@ struct CheckEnvironment {
 
     CheckEnvironment()
     {
-        const QStringList scopes {QStringLiteral("read:jira-work"), QStringLiteral("write:jira-work"),
-            QStringLiteral("read:jira-user"), QStringLiteral("offline_access")};
-        server.addUser(
-            {kAccount, QStringLiteral("Ada Example"), QStringLiteral("Europe/Berlin"), {}, QStringLiteral("en_US")});
-        server.addUser(
-            {kColleague, QStringLiteral("Bo Example"), QStringLiteral("Europe/Berlin"), {}, QStringLiteral("en_US")});
-        server.addSite({kCloud, QStringLiteral("example"), QStringLiteral("https://example.atlassian.net"), scopes});
+        const QStringList scopes = bench::siteScopes();
+        bench::addSite(server);
         for (int i = 0; i < kIssues; ++i) {
             const QString key = QStringLiteral("HVY-%1").arg(i + 1);
             server.addIssue({key, {}, QStringLiteral("Heavy issue ") + key, {}, {}});
