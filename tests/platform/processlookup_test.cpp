@@ -8,6 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
+#include <unistd.h>
+
 namespace
 {
 
@@ -64,13 +67,16 @@ TEST_P(ProcessLaunchTest, FindsTheProcessHoweverItWasLaunched)
     const QString wanted = name.toUpper();
     EXPECT_EQ(HLFindProcess(wanted), HLProcessState::NotRunning);
 
+    // In a group of its own, so that ending it also ends what a script forked: a fork caught before its exec
+    // still carries the script's command line and would be found after the script itself is gone.
     QProcess child;
+    child.setChildProcessModifier([] { ::setpgid(0, 0); });
     child.start(program, arguments);
     ASSERT_TRUE(child.waitForStarted());
     EXPECT_EQ(HLFindProcess(wanted), HLProcessState::Running);
     EXPECT_TRUE(HLProcessRunning(wanted));
     EXPECT_FALSE(HLProcessRunning(wanted + u'x'));
-    child.kill();
+    ::kill(-pid_t(child.processId()), SIGKILL);
     child.waitForFinished();
     EXPECT_EQ(HLFindProcess(wanted), HLProcessState::NotRunning);
 }
