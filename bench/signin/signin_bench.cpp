@@ -38,19 +38,6 @@ QString base64Url(const QByteArray &data)
     return QString::fromLatin1(data.toBase64(QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals));
 }
 
-quint16 freePort()
-{
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
-    ::getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
-    ::close(fd);
-    return ntohs(address.sin_port);
-}
-
 // The gateway, the emulated Atlassian and one service process, shared by every benchmark of the run.
 struct Rig {
     standin::Server gateway;
@@ -74,7 +61,7 @@ struct Rig {
         atlassian->setUser(user.accountId,
             {QStringLiteral("read:jira-work"), QStringLiteral("write:jira-work"), QStringLiteral("read:jira-user"),
                 QStringLiteral("offline_access")});
-        port = freePort();
+        port = standin::freeLoopbackPort();
         const QString origin = QStringLiteral("https://127.0.0.1:%1").arg(port);
         atlassian->addClient({QStringLiteral("bench-client"), QStringLiteral("bench-secret"),
             {origin + QStringLiteral("/oauth/callback")}});

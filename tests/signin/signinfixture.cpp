@@ -60,19 +60,6 @@ QString base64Url(const QByteArray &data)
 
 } // namespace
 
-quint16 freePort()
-{
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
-    ::getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
-    ::close(fd);
-    return ntohs(address.sin_port);
-}
-
 QJsonObject HttpAnswer::json() const
 {
     return QJsonDocument::fromJson(QByteArray::fromStdString(body)).object();
@@ -150,7 +137,7 @@ bool RedisProcess::start()
     const QString program = QStandardPaths::findExecutable(QStringLiteral("redis-server"));
     if (program.isEmpty())
         return false;
-    m_port = freePort();
+    m_port = standin::freeLoopbackPort();
     m_process.setProgram(program);
     m_process.setArguments(
         {QStringLiteral("--port"), QString::number(m_port), QStringLiteral("--bind"), QStringLiteral("127.0.0.1"),
@@ -261,8 +248,8 @@ void SigninTest::SetUp()
     const QString keyFile = QFileInfo(m_gateway.certFile()).dir().filePath(QStringLiteral("key.pem"));
     ASSERT_TRUE(m_atlassian->start(m_gateway.certFile(), keyFile));
     m_atlassian->setUser(QString::fromLatin1(kAccount), scopes);
-    m_ports[0] = freePort();
-    m_ports[1] = freePort();
+    m_ports[0] = standin::freeLoopbackPort();
+    m_ports[1] = standin::freeLoopbackPort();
     standin::OAuthClient client {QString::fromLatin1(kClientId), QString::fromLatin1(kClientSecret), {}};
     for (const quint16 port : m_ports)
         client.redirectUris.append(QStringLiteral("https://127.0.0.1:%1/oauth/callback").arg(port));

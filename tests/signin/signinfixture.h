@@ -24,9 +24,6 @@ constexpr auto kCloud = "c0ffee-1234";
 constexpr auto kClientId = "hourloom-test-client";
 constexpr auto kClientSecret = "s3cret-of-the-registered-app-5f1c";
 
-// A free TCP port on 127.0.0.1 at the time of asking.
-quint16 freePort();
-
 struct HttpAnswer {
     int status = 0; // 0: no answer
     std::string body;

@@ -103,7 +103,7 @@ TEST_F(SigninServiceTest, ReleasesABoundSignInOnlyToTheDeviceThatReceivedTheNonc
     // The attack: a sign-in started elsewhere, its consent link approved by a victim. The victim's browser is
     // sent to its own loopback port, where the attacker cannot listen, so the attacker never sees the nonce.
     QString attackerVerifier;
-    const QJsonObject attack = startSignIn(service.origin(), &attackerVerifier, freePort());
+    const QJsonObject attack = startSignIn(service.origin(), &attackerVerifier, standin::freeLoopbackPort());
     const Visit victim = browse(field(attack, "authorization_url"), caFile(), false);
     ASSERT_FALSE(victim.urls.isEmpty());
     EXPECT_TRUE(victim.urls.last().startsWith(QStringLiteral("http://127.0.0.1:")));
@@ -330,7 +330,7 @@ TEST_P(SigninStartupTest, RefusesUnsafeOrIncompleteSettings)
     secret.close();
     secret.setPermissions(c.secretReadableByOthers ? QFileDevice::ReadOwner | QFileDevice::ReadOther
                                                    : QFileDevice::ReadOwner | QFileDevice::WriteOwner);
-    std::map<std::string, std::string> settings {{"listen", "127.0.0.1:" + std::to_string(freePort())},
+    std::map<std::string, std::string> settings {{"listen", "127.0.0.1:" + std::to_string(standin::freeLoopbackPort())},
         {"public_origin", "https://signin.example.com"}, {"client_id", kClientId},
         {"client_secret_file", secret.fileName().toStdString()}};
     for (const auto &[key, value] : c.settings)

@@ -10,8 +10,11 @@
 #include <QRegularExpression>
 #include <QUrlQuery>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -865,6 +868,19 @@ void Server::State::handle(const httplib::Request &req, httplib::Response &res, 
         res.headers.clear();
         replyWith(res, *fault);
     }
+}
+
+quint16 freeLoopbackPort()
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ::bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address);
+    ::getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length);
+    ::close(fd);
+    return ntohs(address.sin_port);
 }
 
 } // namespace standin

@@ -46,6 +46,9 @@ struct Issue {
 // A comment of one paragraph of plain text in Atlassian Document Format, as Jira stores worklog comments.
 QJsonObject commentDocument(const QString &text);
 
+// A loopback TCP port that was free a moment ago, for a child process that must be told its port up front.
+quint16 freeLoopbackPort();
+
 struct Worklog {
     QString issueKey;
     QString authorAccountId;
