@@ -60,6 +60,34 @@ protected:
         m_controller->setReviewDay(kDay);
         openChecked(uitest::realisticDay(kDay));
     }
+
+    struct LiveDay {
+        QVariantList sessions;
+        QVariantMap running;
+        qint64 start = 0;
+    };
+
+    // The realistic day with a session running since 17:00 (ten minutes so far), opened and checked.
+    LiveDay openWithRunningSession()
+    {
+        LiveDay day {uitest::realisticDay(kDay),
+            uitest::session(
+                QStringLiteral("ABC-3"), QDateTime(kDay, QTime(17, 0)), 0, QStringLiteral("Live work"), 50, true)};
+        day.start = day.running.value(QStringLiteral("start_ms")).toLongLong();
+        day.running.insert(QStringLiteral("end_ms"), day.start + 600'000);
+        day.sessions.append(day.running);
+        m_controller->setReviewDay(kDay);
+        openChecked(day.sessions);
+        return day;
+    }
+
+    // The next live update: the running session has reached twenty minutes.
+    void grow(LiveDay &day)
+    {
+        day.running.insert(QStringLiteral("end_ms"), day.start + 1'200'000);
+        day.sessions.last() = day.running;
+        m_controller->updateSessions(day.sessions);
+    }
 };
 
 TEST_F(ReviewWindowTest, CheckTicksEligibleRowsAndTheButtonCountsWorklogs)
@@ -340,20 +368,11 @@ TEST_F(ReviewWindowTest, ExportWritesPrettyJsonAtomically)
 
 TEST_F(ReviewWindowTest, ARunningSessionGrowsInPlace)
 {
-    QVariantList sessions = uitest::realisticDay(kDay);
-    QVariantMap running = uitest::session(
-        QStringLiteral("ABC-3"), QDateTime(kDay, QTime(17, 0)), 0, QStringLiteral("Live work"), 50, true);
-    const qint64 start = running.value(QStringLiteral("start_ms")).toLongLong();
-    running.insert(QStringLiteral("end_ms"), start + 600'000);
-    sessions.append(running);
-    m_controller->setReviewDay(kDay);
-    openChecked(sessions);
+    LiveDay day = openWithRunningSession();
     QSignalSpy resets(model(), &QAbstractItemModel::modelReset);
     QSignalSpy changes(model(), &QAbstractItemModel::dataChanged);
     const QString before = footer(*m_controller);
-    running.insert(QStringLiteral("end_ms"), start + 1'200'000);
-    sessions.last() = running;
-    m_controller->updateSessions(sessions);
+    grow(day);
     EXPECT_EQ(resets.count(), 0);
     EXPECT_GE(changes.count(), 1);
     EXPECT_EQ(rowFor(QStringLiteral("Live work")).value(QStringLiteral("seconds")).toLongLong(), 1200);
@@ -361,22 +380,15 @@ TEST_F(ReviewWindowTest, ARunningSessionGrowsInPlace)
     EXPECT_FALSE(rowFor(QStringLiteral("Live work")).value(QStringLiteral("can_tick")).toBool());
 
     // A changed description is no tick: the day is rebuilt.
-    running.insert(QStringLiteral("description"), QStringLiteral("Live work, renamed"));
-    sessions.last() = running;
-    m_controller->updateSessions(sessions);
+    day.running.insert(QStringLiteral("description"), QStringLiteral("Live work, renamed"));
+    day.sessions.last() = day.running;
+    m_controller->updateSessions(day.sessions);
     EXPECT_GE(rowOf(QStringLiteral("Live work, renamed")), 0);
 }
 
 TEST_F(ReviewWindowTest, ACheckPutsItsOutcomeIntoTheRowsInPlace)
 {
-    QVariantList sessions = uitest::realisticDay(kDay);
-    QVariantMap running = uitest::session(
-        QStringLiteral("ABC-3"), QDateTime(kDay, QTime(17, 0)), 0, QStringLiteral("Live work"), 50, true);
-    const qint64 start = running.value(QStringLiteral("start_ms")).toLongLong();
-    running.insert(QStringLiteral("end_ms"), start + 600'000);
-    sessions.append(running);
-    m_controller->setReviewDay(kDay);
-    openChecked(sessions);
+    LiveDay day = openWithRunningSession();
     QTreeView *tree = m_controller->tree();
     const QModelIndex selected = indexFor(QStringLiteral("OPS-7 On-call handover"), 0);
     tree->selectionModel()->select(selected, QItemSelectionModel::ClearAndSelect | QItemSelectionModel::Rows);
@@ -387,9 +399,7 @@ TEST_F(ReviewWindowTest, ACheckPutsItsOutcomeIntoTheRowsInPlace)
     m_controller->checkJira();
     ASSERT_TRUE(m_controller->busy());
     const QVariant before = rowFor(QStringLiteral("Live work")).value(QStringLiteral("seconds"));
-    running.insert(QStringLiteral("end_ms"), start + 1'200'000);
-    sessions.last() = running;
-    m_controller->updateSessions(sessions);
+    grow(day);
     const QVariant grown = rowFor(QStringLiteral("Live work")).value(QStringLiteral("seconds"));
     ASSERT_NE(grown, before);
     ASSERT_TRUE(waitIdle()) << qPrintable(m_controller->statusText());
