@@ -16,11 +16,14 @@ build=$(cd "${1:-build-bench}" && pwd)
 export HOURLOOM_BIN="$build/src/app/hourloom"
 export SIMTRACKER_BIN="$build/tools/simtracker/hourloom-simtracker"
 export BARETRAY_BIN="$build/bench/hourloom-baretray"
+export BENCH_SUPPORT="$(cd "$(dirname "$0")/../support" && pwd)"
 export LAUNCHES=${LAUNCHES:-10} IDLE_SECONDS=${IDLE_SECONDS:-600} ACTIVITIES=${ACTIVITIES:-100000}
 [[ -n "${DISPLAY:-}" ]] || { echo "run under scripts/with-tray.sh" >&2; exit 1; }
 
 exec python3 - <<'PY'
-import os, signal, statistics, subprocess, tempfile, time, shutil
+import os, signal, statistics, subprocess, sys, time
+sys.path.insert(0, os.environ["BENCH_SUPPORT"])
+from measuring import Profile, status_kib
 
 hourloom = os.environ["HOURLOOM_BIN"]
 simtracker = os.environ["SIMTRACKER_BIN"]
@@ -29,18 +32,8 @@ launches = int(os.environ["LAUNCHES"])
 idle_seconds = int(os.environ["IDLE_SECONDS"])
 activities = int(os.environ["ACTIVITIES"])
 
-profile = tempfile.mkdtemp(prefix="hourloom-bench-")
-env = dict(os.environ)
-env.update(HOME=profile, XDG_CONFIG_HOME=profile + "/.config", XDG_DATA_HOME=profile + "/.local/share",
-           XDG_STATE_HOME=profile + "/.local/state", XDG_CACHE_HOME=profile + "/.cache",
-           XDG_RUNTIME_DIR=profile + "/run", HOURLOOM_TEST_NO_KEYCHAIN="1")
-os.makedirs(env["XDG_RUNTIME_DIR"], mode=0o700)
-tracker = env["XDG_DATA_HOME"] + "/Stintwatch"
-children = []
-
-def sim(*args):
-    subprocess.run([simtracker, "--folder", tracker, "--allow-real-folder", *args], env=env, check=True,
-                   stdout=subprocess.DEVNULL)
+run = Profile("hourloom-bench-", simtracker)
+env, sim = run.env, run.sim
 
 def launch_to_tray():
     start = time.time_ns()
@@ -57,13 +50,6 @@ def floor_exec():
     start = time.perf_counter_ns()
     subprocess.run([hourloom, "--invoice"], env=env, stdout=subprocess.DEVNULL)
     return (time.perf_counter_ns() - start) / 1e6
-
-def status_kib(pid, key):
-    with open(f"/proc/{pid}/status") as f:
-        for line in f:
-            if line.startswith(key + ":"):
-                return int(line.split()[1])
-    return 0
 
 def cpu_seconds(pid):
     with open(f"/proc/{pid}/stat") as f:
@@ -83,7 +69,7 @@ try:
           f"best {min(times):.1f} ms; floor (exec, no Qt): median {statistics.median(floors):.1f} ms")
 
     # Floor: the same binary showing only a Qt window (the Worklogs smoke run), its peak RSS just before it ends.
-    smoke = subprocess.Popen([hourloom, "--jira-smoke-test"], env=env, cwd=profile, stdout=subprocess.DEVNULL)
+    smoke = subprocess.Popen([hourloom, "--jira-smoke-test"], env=env, cwd=run.folder, stdout=subprocess.DEVNULL)
     floor_peak = 0
     while smoke.poll() is None:
         try:
@@ -94,12 +80,10 @@ try:
     # Floor: the bare tray icon, which prints its own resident memory after ten seconds in the tray.
     bare = subprocess.run([baretray, "10"], env=env, capture_output=True, text=True, check=True).stdout
     bare_peak = next(int(line.split()[1]) for line in bare.splitlines() if line.startswith("VmHWM:"))
-    app = subprocess.Popen([hourloom], env=env, stdout=subprocess.DEVNULL)
-    children.append(app)
+    app = run.start([hourloom], stdout=subprocess.DEVNULL)
     sim("start", "12", "ED-1 Idle measurement")
-    beat = subprocess.Popen([simtracker, "--folder", tracker, "--allow-real-folder", "run",
-                             str(idle_seconds + 120), "5"], env=env, stdout=subprocess.DEVNULL)
-    children.append(beat)
+    run.start([simtracker, "--folder", run.tracker, "--allow-real-folder", "run", str(idle_seconds + 120), "5"],
+              stdout=subprocess.DEVNULL)
     time.sleep(20)  # start-up: the first scans copy every activity into the history store
     rss0, peak0, cpu0, wall0 = status_kib(app.pid, "VmRSS"), status_kib(app.pid, "VmHWM"), cpu_seconds(app.pid), time.time()
     samples = []
@@ -116,11 +100,5 @@ try:
     print(f"floor (the same binary showing only a Qt window: no monitor, no tray): peak RSS {floor_peak / 1024:.1f} MiB")
     print(f"floor (a bare tray icon with a menu, the same toolkit, nothing else): peak RSS {bare_peak / 1024:.1f} MiB")
 finally:
-    for child in children:
-        child.send_signal(signal.SIGTERM)
-        try:
-            child.wait(timeout=30)
-        except subprocess.TimeoutExpired:
-            child.kill()
-    shutil.rmtree(profile, ignore_errors=True)
+    run.close()
 PY

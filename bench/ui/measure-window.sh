@@ -14,11 +14,14 @@ set -euo pipefail
 build=$(cd "${1:-build-bench}" && pwd)
 export HOURLOOM_BIN="$build/src/app/hourloom"
 export SIMTRACKER_BIN="$build/tools/simtracker/hourloom-simtracker"
+export BENCH_SUPPORT="$(cd "$(dirname "$0")/../support" && pwd)"
 export SESSIONS=${SESSIONS:-1000} ISSUES=${ISSUES:-23} SETTLE_SECONDS=${SETTLE_SECONDS:-5}
 [[ -n "${DISPLAY:-}" ]] || { echo "run under scripts/with-tray.sh" >&2; exit 1; }
 
 exec python3 - <<'PY'
-import datetime, glob, os, signal, sqlite3, subprocess, tempfile, time, shutil
+import datetime, glob, os, sqlite3, subprocess, sys, time
+sys.path.insert(0, os.environ["BENCH_SUPPORT"])
+from measuring import Profile, status_kib
 
 hourloom = os.environ["HOURLOOM_BIN"]
 simtracker = os.environ["SIMTRACKER_BIN"]
@@ -35,25 +38,8 @@ zone = "Etc/GMT%+d" % -offset  # Etc/GMT-N is UTC+N
 local = utc + datetime.timedelta(hours=offset)
 midnight = local.replace(hour=0, minute=0, second=0, microsecond=0)
 
-profile = tempfile.mkdtemp(prefix="hourloom-window-")
-env = dict(os.environ)
-env.update(HOME=profile, XDG_CONFIG_HOME=profile + "/.config", XDG_DATA_HOME=profile + "/.local/share",
-           XDG_STATE_HOME=profile + "/.local/state", XDG_CACHE_HOME=profile + "/.cache",
-           XDG_RUNTIME_DIR=profile + "/run", HOURLOOM_TEST_NO_KEYCHAIN="1", TZ=zone)
-os.makedirs(env["XDG_RUNTIME_DIR"], mode=0o700)
-tracker = env["XDG_DATA_HOME"] + "/Stintwatch"
-children = []
-
-def sim(*args):
-    subprocess.run([simtracker, "--folder", tracker, "--allow-real-folder", *args], env=env, check=True,
-                   stdout=subprocess.DEVNULL)
-
-def status_kib(pid, key):
-    with open(f"/proc/{pid}/status") as f:
-        for line in f:
-            if line.startswith(key + ":"):
-                return int(line.split()[1])
-    return 0
+run = Profile("hourloom-window-", simtracker, TZ=zone)
+env, sim, tracker = run.env, run.sim, run.tracker
 
 def memory(pid):
     return {key: status_kib(pid, key) / 1024 for key in ("VmHWM", "VmRSS", "RssAnon", "RssFile")}
@@ -79,9 +65,8 @@ try:
     print(f"tracker: {sessions} sessions on {issues} issues today ({zone}, local {local:%H:%M}), "
           f"{step / 1000:.0f} s apart, and one running session")
 
-    app = subprocess.Popen([hourloom], env=dict(env, HOURLOOM_TEST_TRAY_TIMING="1", HOURLOOM_TEST_WINDOW_TIMING="1"),
-                           stdout=subprocess.PIPE, text=True)
-    children.append(app)
+    app = run.start([hourloom], env=dict(env, HOURLOOM_TEST_TRAY_TIMING="1", HOURLOOM_TEST_WINDOW_TIMING="1"),
+                    stdout=subprocess.PIPE, text=True)
     line = app.stdout.readline().split()
     if len(line) != 2 or line[0] != "tray-icon-shown":
         raise SystemExit("the tray icon was never shown (is a tray host running?)")
@@ -98,11 +83,5 @@ try:
     print(f"floor (the same process idle in the tray before the window opened): peak RSS {floor['VmHWM']:.1f} MiB, "
           f"RSS {floor['VmRSS']:.1f} MiB ({floor['RssAnon']:.1f} MiB own heap, {floor['RssFile']:.1f} MiB mapped files)")
 finally:
-    for child in children:
-        child.send_signal(signal.SIGTERM)
-        try:
-            child.wait(timeout=30)
-        except subprocess.TimeoutExpired:
-            child.kill()
-    shutil.rmtree(profile, ignore_errors=True)
+    run.close()
 PY
