@@ -271,7 +271,6 @@ struct StintwatchMonitor::Reader {
     std::optional<qint64> lastFullRead;
     bool partialSinceFull = false;
     std::optional<qint64> lastSweep;
-    bool heartbeatsOnly = false; // this scan's log has heartbeats and nothing else
     // The last history and summary read, reused while the store and the summary start stay the same.
     QString readStore;
     qint64 readSince = -1;
@@ -286,9 +285,11 @@ struct StintwatchMonitor::Reader {
 
     ScanResult scan(const QString &folder, const QString &store, bool full, const ScanTime &now);
     bool readStores(const QString &folder, const QString &historyPath, bool full, const ScanTime &now,
-        const std::vector<int64_t> &named, ScanResult &result, ExtendedById &extended, int &damage);
+        const std::vector<int64_t> &named, bool heartbeatsOnly, ScanResult &result, ExtendedById &extended,
+        int &damage);
     bool importTrackerDatabase(const QString &folder, const QString &historyPath, const QMap<QString, QString> &prints,
-        bool whole, const ScanTime &now, const std::vector<int64_t> &named, ScanResult &result, ExtendedById &extended);
+        bool whole, const ScanTime &now, const std::vector<int64_t> &named, bool heartbeatsOnly, ScanResult &result,
+        ExtendedById &extended);
     Seen importTable(tracker::ActivityReader &source, size_t t, bool whole, bool sweep, const ScanTime &now,
         const std::vector<int64_t> &named, ImportRun &run, ExtendedById &extended);
     void rememberRead(bool whole, bool sweep, const ScanTime &now, std::unordered_map<std::string, Seen> seenNow);
@@ -327,7 +328,8 @@ void StintwatchMonitor::Reader::readLog(
 // Reads the tracker's database into the store when it changed, then the rows and summary from the store.
 // False when the store failed; `damage` then holds SQLite's code when it found the file damaged, else 0.
 bool StintwatchMonitor::Reader::readStores(const QString &folder, const QString &historyPath, bool full,
-    const ScanTime &now, const std::vector<int64_t> &named, ScanResult &result, ExtendedById &extended, int &damage)
+    const ScanTime &now, const std::vector<int64_t> &named, bool heartbeatsOnly, ScanResult &result,
+    ExtendedById &extended, int &damage)
 {
     bool storeFailed = false;
     QMap<QString, QString> prints;
@@ -350,7 +352,8 @@ bool StintwatchMonitor::Reader::readStores(const QString &folder, const QString 
     // A partial read may have missed a back-dated edit: once a full read is due, it runs even when nothing
     // changed since, since the change it would catch may lie before the last scan.
     if (full || prints != fingerprints || (partialSinceFull && fullReadDue))
-        storeFailed = !importTrackerDatabase(folder, historyPath, prints, whole, now, named, result, extended);
+        storeFailed
+            = !importTrackerDatabase(folder, historyPath, prints, whole, now, named, heartbeatsOnly, result, extended);
 
     storeFailed = !readHistory(historyPath, now.wall, result) || storeFailed;
     damage = storeFailed ? tracker::damage(QFile::encodeName(historyPath).toStdString()) : 0;
@@ -541,7 +544,7 @@ Seen StintwatchMonitor::Reader::importTable(tracker::ActivityReader &source, siz
 // False when the store failed; a tracker database that cannot be read only sets the error.
 bool StintwatchMonitor::Reader::importTrackerDatabase(const QString &folder, const QString &historyPath,
     const QMap<QString, QString> &prints, bool whole, const ScanTime &now, const std::vector<int64_t> &named,
-    ScanResult &result, ExtendedById &extended)
+    bool heartbeatsOnly, ScanResult &result, ExtendedById &extended)
 {
     ImportRun run;
     run.storePath = QFile::encodeName(historyPath).toStdString();
@@ -754,14 +757,15 @@ StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
         if (tracker::eventKind(entry.event) == kHeartbeat)
             named.push_back(entry.event.activity);
     }
-    heartbeatsOnly = !events.empty() && named.size() == events.size(); // counted before duplicates go
+    // The log holds heartbeats and nothing else (counted before duplicates go).
+    const bool heartbeatsOnly = !events.empty() && named.size() == events.size();
     std::sort(named.begin(), named.end());
     named.erase(std::unique(named.begin(), named.end()), named.end());
 
     ExtendedById extended;
     const QString logError = result.error;
     int damage = 0;
-    if (!readStores(folder, historyPath, full, now, named, result, extended, damage) && damage != 0) {
+    if (!readStores(folder, historyPath, full, now, named, heartbeatsOnly, result, extended, damage) && damage != 0) {
         // Everything the store held came from the tracker's database: set the damaged file aside (never
         // deleted) and rebuild a fresh store from the tracker at once.
         const QString aside = setAside(historyPath, now.wall);
@@ -770,7 +774,8 @@ StintwatchMonitor::ScanResult StintwatchMonitor::Reader::scan(
             result.error = logError;
             extended.clear();
             int again = 0;
-            if (readStores(folder, historyPath, true, now, named, result, extended, again) && result.error.isEmpty())
+            if (readStores(folder, historyPath, true, now, named, heartbeatsOnly, result, extended, again)
+                && result.error.isEmpty())
                 result.error = QStringLiteral("History store was damaged and has been set aside as %1. It was "
                                               "rebuilt from Stintwatch's database.")
                                    .arg(QFileInfo(aside).fileName());
