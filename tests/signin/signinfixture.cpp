@@ -325,8 +325,9 @@ void SigninTest::expectNoSecretIn(const QByteArray &log, const QStringList &more
     secrets.append(QString::fromLatin1(kClientSecret));
     ASSERT_GT(secrets.size(), 3);
     for (const QString &secret : secrets) {
-        if (!secret.isEmpty())
+        if (!secret.isEmpty()) {
             EXPECT_FALSE(log.contains(secret.toUtf8())) << "the log holds " << secret.toStdString();
+        }
     }
 }
 
